@@ -1,0 +1,6 @@
+// The two switches between the C allocation interface and the tiny block pool. Plain words, read on
+// every request with no ordering; the pool's own switches set them.
+#pragma once
+
+extern bool mem_tinyBlocksOn;   ///< new requests of at most 128 bytes go to the pool
+extern bool mem_tinyBlocksUsed; ///< a latch: released pointers must be tested for the pool's tag

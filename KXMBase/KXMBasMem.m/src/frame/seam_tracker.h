@@ -1,0 +1,27 @@
+// Where the frame calls up into tracking/: the gate's flag and the hooks behind it. Names and
+// behaviour are those of the static members of mem_Tracker that they forward to.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+namespace tracker_seam {
+
+/// The tracking decision, value by value mem_Tracker::UseEnm.
+enum Use : std::int32_t { unknown, off, on, finished };
+
+Use check_for_tracking(); ///< takes the decision, once per process
+Use check_use_flag();     ///< the decision as it stands, without taking it
+
+/// Gives the calling thread its tracking number. pre: tracking is on.
+void start_thread_identity();
+
+// The hooks. pre: tracking is on. A failed allocation is told too, as a null result.
+void malloc_call(void* result, std::size_t size);
+void calloc_call(void* result, std::size_t count, std::size_t size);
+void realloc_call(void* result, void* old, std::size_t size);
+void free_call(void* ptr);
+void release_call(void* ptr);
+void acquire_call(void* ptr);
+
+} // namespace tracker_seam

@@ -1,0 +1,24 @@
+// The places where a compiler is told something that standard C++ cannot say.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+/// For the few functions whose required behaviour is to read memory that a checker would object to.
+#if defined(__GNUC__)
+#define KXM_NO_SANITIZE __attribute__((noinline, no_sanitize("address", "thread", "undefined")))
+#else
+#define KXM_NO_SANITIZE __declspec(noinline)
+#endif
+
+namespace os {
+
+/// Copies `size` bytes without asking whether the source is readable for so long; a checked build
+/// does not look at it either. pre: the ranges do not overlap.
+void copy_unchecked(void* target, const void* source, std::size_t size);
+
+/// The 64-bit word at `address`, read without asking whether it belongs to a live object.
+/// pre: the address is mapped and a multiple of 8.
+std::uint64_t read_word_unchecked(const void* address);
+
+} // namespace os

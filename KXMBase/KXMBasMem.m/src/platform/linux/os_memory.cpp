@@ -1,0 +1,278 @@
+// Virtual memory on Linux, made to behave as the heap needs it: allocations start on 64 KiB
+// boundaries, a release succeeds on whole allocations alone, and a query tells an allocation's
+// start from its middle. The kernel knows none of that (it merges neighbours and unmaps any range),
+// so this file keeps a table of what it handed out, sorted by address, in memory of its own.
+//
+// Placement. Segments grow upward through a zone of their own, each directly behind the last one,
+// so that the heap's growth joins its top chunk. Direct mappings are placed downward from the top
+// of a second zone, in the highest gap that fits. Both zones begin at a place that varies with the
+// process's own address layout. Where a zone is taken (a checker's shadow memory, a limited address
+// space), the kernel chooses, and only the joining is lost.
+//
+// Mappings of 4 MiB and more start on 2 MiB and are advised for huge pages: a solver's arrays are
+// touched whole, and one fault then serves 2 MiB. A segment that continues its predecessor keeps
+// its place, since joining is worth more to it.
+#include "platform/os.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
+#include <pthread.h>
+#include <sys/mman.h>
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include "platform/linux/proc_maps.h"
+
+namespace os {
+namespace {
+
+constexpr std::size_t page = 4096;
+constexpr std::size_t granularity = 65536;
+constexpr std::size_t huge_page = std::size_t{2} << 20;
+constexpr std::size_t huge_advice_from = std::size_t{4} << 20;
+
+constexpr std::uintptr_t segment_zone = 0x2000'0000'0000;
+constexpr std::uintptr_t direct_zone_top = 0x5000'0000'0000;
+constexpr std::uintptr_t zone_spread = 0x100'0000'0000; // randomised part of both starts: 1 TiB
+
+struct Allocation {
+    std::uintptr_t base;
+    std::size_t size;
+};
+
+// Address space for the table; the kernel backs only the pages that hold entries. The kernel's own
+// default limit is 65530 mappings, so this is room to spare.
+constexpr std::size_t table_capacity = std::size_t{1} << 20;
+
+pthread_mutex_t table_lock = PTHREAD_MUTEX_INITIALIZER;
+Allocation* table = nullptr;
+std::size_t table_count = 0;
+std::uintptr_t next_segment = 0;
+std::uintptr_t direct_top = 0;
+
+class TableGuard {
+public:
+    TableGuard() { pthread_mutex_lock(&table_lock); }
+    ~TableGuard() { pthread_mutex_unlock(&table_lock); }
+    TableGuard(const TableGuard&) = delete;
+    TableGuard& operator=(const TableGuard&) = delete;
+};
+
+constexpr std::uintptr_t round_up(std::uintptr_t value, std::size_t unit) {
+    return (value + unit - 1) & ~(static_cast<std::uintptr_t>(unit) - 1);
+}
+
+constexpr std::uintptr_t round_down(std::uintptr_t value, std::size_t unit) {
+    return value & ~(static_cast<std::uintptr_t>(unit) - 1);
+}
+
+void* map(std::uintptr_t hint, std::size_t size, int protection, int extra_flags) {
+    void* const where = reinterpret_cast<void*>(hint);
+    void* const got =
+        mmap(where, size, protection, MAP_PRIVATE | MAP_ANONYMOUS | extra_flags, -1, 0);
+    return got == MAP_FAILED ? nullptr : got;
+}
+
+// Maps exactly at `base` or not at all.
+bool map_at(std::uintptr_t base, std::size_t size) {
+    void* const got = map(base, size, PROT_READ | PROT_WRITE, MAP_FIXED_NOREPLACE);
+    if (reinterpret_cast<std::uintptr_t>(got) == base) {
+        return true;
+    }
+    if (got != nullptr) { // a kernel or checker that takes the address as a hint only
+        munmap(got, size);
+    }
+    return false;
+}
+
+// Wherever the kernel likes, at a multiple of `alignment`.
+std::uintptr_t map_anywhere(std::size_t size, std::size_t alignment) {
+    const std::size_t padded = size + alignment - page;
+    if (padded < size) {
+        return 0;
+    }
+    const auto got = reinterpret_cast<std::uintptr_t>(map(0, padded, PROT_READ | PROT_WRITE, 0));
+    if (got == 0) {
+        return 0;
+    }
+    const std::uintptr_t base = round_up(got, alignment);
+    if (base != got) {
+        munmap(reinterpret_cast<void*>(got), base - got);
+    }
+    const std::uintptr_t end = base + size;
+    const std::uintptr_t padded_end = got + padded;
+    if (end != padded_end) {
+        munmap(reinterpret_cast<void*>(end), padded_end - end);
+    }
+    return base;
+}
+
+bool prepare_table() {
+    if (table != nullptr) {
+        return true;
+    }
+    void* const got =
+        map(0, table_capacity * sizeof(Allocation), PROT_READ | PROT_WRITE, MAP_NORESERVE);
+    if (got == nullptr) {
+        return false;
+    }
+    table = static_cast<Allocation*>(got);
+    // The table's own address varies as the kernel varies every process's layout, and does not
+    // where that is switched off, so the zones follow the user's choice.
+    const std::uintptr_t spread = (reinterpret_cast<std::uintptr_t>(table) / page) % 0x4000;
+    const std::uintptr_t shift = spread * (zone_spread / 0x4000);
+    next_segment = segment_zone + shift;
+    direct_top = direct_zone_top - shift;
+    return true;
+}
+
+Allocation* first_not_below(std::uintptr_t address) {
+    return std::lower_bound(
+        table, table + table_count, address,
+        [](const Allocation& entry, std::uintptr_t value) { return entry.base < value; });
+}
+
+void record(std::uintptr_t base, std::size_t size) {
+    Allocation* const slot = first_not_below(base);
+    std::memmove(slot + 1, slot,
+                 static_cast<std::size_t>(table + table_count - slot) * sizeof(Allocation));
+    *slot = {base, size};
+    ++table_count;
+}
+
+// The allocation that holds `address`, or null.
+const Allocation* holding(std::uintptr_t address) {
+    const Allocation* const above = first_not_below(address + 1);
+    if (above == table) {
+        return nullptr;
+    }
+    const Allocation* const candidate = above - 1;
+    return address - candidate->base < candidate->size ? candidate : nullptr;
+}
+
+// Behind the last segment; failing that a fresh start further up, which leaves it room to grow.
+std::uintptr_t place_segment(std::size_t size, std::size_t alignment) {
+    if (map_at(next_segment, size)) {
+        return next_segment;
+    }
+    constexpr std::size_t leap = std::size_t{64} << 30;
+    std::uintptr_t fresh = round_up(next_segment, alignment);
+    for (int attempt = 0; attempt < 4; ++attempt) {
+        fresh += leap;
+        if (map_at(fresh, size)) {
+            return fresh;
+        }
+    }
+    return map_anywhere(size, alignment);
+}
+
+// The highest gap of the direct zone that fits. The entries above the zone's top, if the kernel
+// ever chose there, do not count.
+std::uintptr_t place_direct(std::size_t size, std::size_t alignment) {
+    std::uintptr_t ceiling = direct_top;
+    for (const Allocation* entry = first_not_below(direct_top); entry != table; --entry) {
+        const Allocation& below = entry[-1];
+        const std::uintptr_t candidate = round_down(ceiling - size, alignment);
+        if (ceiling - size <= ceiling && candidate >= below.base + below.size &&
+            map_at(candidate, size)) {
+            return candidate;
+        }
+        ceiling = below.base;
+        if (ceiling < segment_zone + zone_spread * 16) {
+            break; // down among the segments
+        }
+    }
+    if (ceiling > size) {
+        const std::uintptr_t candidate = round_down(ceiling - size, alignment);
+        if (map_at(candidate, size)) {
+            return candidate;
+        }
+    }
+    return map_anywhere(size, alignment);
+}
+
+Region region_of(const Allocation& allocation, std::uintptr_t address) {
+    const std::uintptr_t base = round_down(address, page);
+    return {base, allocation.base, allocation.base + allocation.size - base, state_commit,
+            type_private};
+}
+
+} // namespace
+
+const Properties& properties() {
+    // Granularity is the reference system's, so that footprints and limits agree to the byte.
+    static constexpr Properties linux_properties{page, granularity, '/', ':', "opt/", "bsf/"};
+    return linux_properties;
+}
+
+void* vm_allocate(std::size_t size, Placement placement) {
+    if (size == 0 || size > PTRDIFF_MAX - granularity) {
+        return nullptr;
+    }
+    const std::size_t bytes = round_up(size, page);
+    const std::size_t alignment = bytes >= huge_advice_from ? huge_page : granularity;
+
+    const int saved_errno = errno; // failed attempts at a place are no failure of the request
+    std::uintptr_t base = 0;
+    {
+        const TableGuard guard;
+        if (!prepare_table() || table_count == table_capacity) {
+            return nullptr;
+        }
+        base = placement == Placement::segment ? place_segment(bytes, alignment)
+                                               : place_direct(bytes, alignment);
+        if (base == 0) {
+            return nullptr;
+        }
+        record(base, bytes);
+        if (placement == Placement::segment) {
+            next_segment = round_up(base + bytes, granularity);
+        }
+    }
+    if (bytes >= huge_advice_from) {
+        madvise(reinterpret_cast<void*>(base), bytes, MADV_HUGEPAGE); // advice; refusal is fine
+    }
+    errno = saved_errno;
+    return reinterpret_cast<void*>(base);
+}
+
+bool vm_release(void* base) {
+    const auto address = reinterpret_cast<std::uintptr_t>(base);
+    const TableGuard guard;
+    if (table_count == 0) {
+        return false;
+    }
+    Allocation* const entry = first_not_below(address);
+    if (entry == table + table_count || entry->base != address || munmap(base, entry->size) != 0) {
+        return false;
+    }
+    if (round_up(entry->base + entry->size, granularity) == next_segment) {
+        next_segment = entry->base; // the last segment: the next one takes its place
+    }
+    std::memmove(entry, entry + 1,
+                 static_cast<std::size_t>(table + table_count - entry - 1) * sizeof(Allocation));
+    --table_count;
+    return true;
+}
+
+bool vm_query(const void* address, Region& region) {
+    const auto wanted = reinterpret_cast<std::uintptr_t>(address);
+    {
+        const TableGuard guard;
+        if (table_count != 0) {
+            if (const Allocation* const own = holding(wanted)) {
+                region = region_of(*own, wanted);
+                return true;
+            }
+        }
+    }
+    return query_process_map(wanted, region);
+}
+
+void* vm_reserve(std::size_t size) {
+    return map(0, round_up(size, page), PROT_NONE, MAP_NORESERVE);
+}
+
+} // namespace os

@@ -1,0 +1,157 @@
+// Figures of the process, the machine and its drives on Linux, read from /proc and statfs without
+// allocating.
+#include "platform/os.h"
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <linux/magic.h>
+#include <sys/resource.h>
+#include <sys/statvfs.h>
+#include <sys/sysinfo.h>
+#include <sys/vfs.h>
+#include <unistd.h>
+
+namespace os {
+namespace {
+
+constexpr std::uint64_t user_space_bytes = 0x7fff'ffff'f000;
+
+// The whole of a small file of /proc, NUL-terminated.
+template <std::size_t Capacity> bool read_file(const char* name, char (&text)[Capacity]) {
+    const int file = open(name, O_RDONLY | O_CLOEXEC);
+    if (file < 0) {
+        return false;
+    }
+    std::size_t filled = 0;
+    while (filled + 1 < Capacity) {
+        const ssize_t got = read(file, text + filled, Capacity - 1 - filled);
+        if (got < 0 && errno == EINTR) {
+            continue;
+        }
+        if (got <= 0) {
+            break;
+        }
+        filled += static_cast<std::size_t>(got);
+    }
+    close(file);
+    text[filled] = '\0';
+    return filled != 0;
+}
+
+// Bytes of a line "\nName:   123 kB"; 0 when there is none.
+std::uint64_t kilobytes_of(const char* text, const char* name) {
+    const char* const found = std::strstr(text, name);
+    return found == nullptr ? 0 : std::strtoull(found + std::strlen(name), nullptr, 10) * 1024;
+}
+
+std::uint64_t address_space_limit() {
+    rlimit limit{};
+    if (getrlimit(RLIMIT_AS, &limit) == 0 && limit.rlim_cur != RLIM_INFINITY &&
+        limit.rlim_cur < user_space_bytes) {
+        return limit.rlim_cur;
+    }
+    return user_space_bytes;
+}
+
+} // namespace
+
+// Private bytes are the writable private mappings (VmData), touched or not, which is what the
+// reference system calls committed. The kernel keeps no peak of them, only one of the whole address
+// space (VmPeak): the peak is that one less what is not private now, which is exact as long as
+// shared and read-only mappings stay as they are, and never below the present figure.
+bool process_memory(ProcessMemory& figures) {
+    char text[4096];
+    if (!read_file("/proc/self/status", text)) {
+        return false;
+    }
+    const std::uint64_t size_now = kilobytes_of(text, "\nVmSize:");
+    const std::uint64_t size_peak = kilobytes_of(text, "\nVmPeak:");
+    const std::uint64_t private_now = kilobytes_of(text, "\nVmData:");
+    if (size_now == 0 || private_now == 0) {
+        return false;
+    }
+    const std::uint64_t other = size_now > private_now ? size_now - private_now : 0;
+    const std::uint64_t private_peak = size_peak > other ? size_peak - other : 0;
+    figures.private_bytes = private_now;
+    figures.peak_private_bytes = private_peak > private_now ? private_peak : private_now;
+    figures.resident_bytes = kilobytes_of(text, "\nVmRSS:");
+    return true;
+}
+
+bool machine_memory(MachineMemory& figures) {
+    char text[8192];
+    if (!read_file("/proc/meminfo", text)) {
+        return false;
+    }
+    // The first line has no newline before it.
+    figures.total_physical = kilobytes_of(text, "MemTotal:");
+    figures.available_physical = kilobytes_of(text, "\nMemAvailable:");
+    if (figures.total_physical == 0) {
+        return false;
+    }
+    figures.load_percent =
+        static_cast<std::uint32_t>(100 - 100 * figures.available_physical / figures.total_physical);
+    figures.total_virtual = address_space_limit();
+    char status[4096];
+    const std::uint64_t used =
+        read_file("/proc/self/status", status) ? kilobytes_of(status, "\nVmSize:") : 0;
+    figures.available_virtual = figures.total_virtual > used ? figures.total_virtual - used : 0;
+    figures.available_extended_virtual = 0;
+    return true;
+}
+
+std::uint32_t process_id() {
+    return static_cast<std::uint32_t>(getpid());
+}
+
+std::uint32_t drive_type(const char* root) {
+    struct statfs figures {};
+    if (statfs(root, &figures) != 0) {
+        return 1;
+    }
+    switch (static_cast<unsigned long>(figures.f_type)) {
+    case NFS_SUPER_MAGIC:
+    case SMB_SUPER_MAGIC:
+    case 0xff534d42UL: // cifs
+    case 0xfe534d42UL: // smb2
+        return 4;
+    case ISOFS_SUPER_MAGIC:
+        return 5;
+    case TMPFS_MAGIC:
+    case RAMFS_MAGIC:
+        return 6;
+    default:
+        return 3;
+    }
+}
+
+bool drive_space(const char* root, DriveSpace& space) {
+    struct statvfs figures {};
+    if (statvfs(root, &figures) != 0) {
+        return false;
+    }
+    space.sectors_per_cluster = 1; // the system counts in fragments alone
+    space.bytes_per_sector = static_cast<std::uint32_t>(figures.f_frsize);
+    space.free_clusters = figures.f_bavail;
+    space.total_clusters = figures.f_blocks;
+    return true;
+}
+
+std::uint32_t last_error() {
+    return static_cast<std::uint32_t>(errno);
+}
+
+std::size_t error_text(std::uint32_t code, char* buffer, std::size_t capacity) {
+    const char* const text = strerrordesc_np(static_cast<int>(code));
+    if (text == nullptr || capacity == 0) {
+        return 0;
+    }
+    const std::size_t length = strnlen(text, capacity - 1);
+    std::memcpy(buffer, text, length);
+    buffer[length] = '\0';
+    return length;
+}
+
+} // namespace os

@@ -1,0 +1,122 @@
+// Events, critical sections, thread-local slots and thread numbers on Linux. An event is one futex
+// word in a page of its own, so that making one needs no allocator.
+#include "platform/os.h"
+
+#include <atomic>
+#include <climits>
+#include <linux/futex.h>
+#include <new>
+#include <pthread.h>
+#include <sys/mman.h>
+#include <sys/single_threaded.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+namespace os {
+namespace {
+
+using EventWord = std::atomic<std::uint32_t>; // 1: one wake-up is waiting to be taken
+static_assert(sizeof(EventWord) == 4 && EventWord::is_always_lock_free);
+constexpr std::size_t event_bytes = 4096;
+
+// How often a waiter looks at the word before it sleeps: about a microsecond, less than a switch
+// to the kernel and back costs, and longer than the heap's lock is usually held.
+constexpr int spins_before_sleep = 100;
+
+void futex(EventWord* word, int operation, std::uint32_t value) {
+    syscall(SYS_futex, reinterpret_cast<std::uint32_t*>(word), operation, value, nullptr, nullptr,
+            0);
+}
+
+pthread_mutex_t* mutex_of(CriticalSection& section) {
+    static_assert(sizeof(pthread_mutex_t) <= sizeof(CriticalSection));
+    return std::launder(reinterpret_cast<pthread_mutex_t*>(section.storage));
+}
+
+} // namespace
+
+Event event_create() {
+    void* const place =
+        mmap(nullptr, event_bytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    return place == MAP_FAILED ? nullptr : new (place) EventWord{0};
+}
+
+void event_wait(Event event) {
+    auto* const word = static_cast<EventWord*>(event);
+    for (int spin = 0; spin < spins_before_sleep; ++spin) {
+        if (word->load(std::memory_order_relaxed) != 0 &&
+            word->exchange(0, std::memory_order_acquire) != 0) {
+            return;
+        }
+        __builtin_ia32_pause();
+    }
+    while (word->exchange(0, std::memory_order_acquire) == 0) {
+        futex(word, FUTEX_WAIT_PRIVATE, 0);
+    }
+}
+
+void event_set(Event event) {
+    auto* const word = static_cast<EventWord*>(event);
+    word->store(1, std::memory_order_release);
+    futex(word, FUTEX_WAKE_PRIVATE, 1);
+}
+
+void event_close(Event event) {
+    munmap(event, event_bytes);
+}
+
+void critical_section_init(CriticalSection& section) {
+    pthread_mutexattr_t attributes;
+    pthread_mutexattr_init(&attributes);
+    pthread_mutexattr_settype(&attributes, PTHREAD_MUTEX_RECURSIVE);
+    pthread_mutex_init(new (section.storage) pthread_mutex_t, &attributes);
+    pthread_mutexattr_destroy(&attributes);
+}
+
+void critical_section_delete(CriticalSection& section) {
+    pthread_mutex_destroy(mutex_of(section));
+}
+
+void critical_section_enter(CriticalSection& section) {
+    pthread_mutex_lock(mutex_of(section));
+}
+
+bool critical_section_try_enter(CriticalSection& section) {
+    return pthread_mutex_trylock(mutex_of(section)) == 0;
+}
+
+void critical_section_leave(CriticalSection& section) {
+    pthread_mutex_unlock(mutex_of(section));
+}
+
+// The system's keys start at 0; slots are one higher.
+int tls_alloc() {
+    pthread_key_t key = 0;
+    return pthread_key_create(&key, nullptr) == 0 ? static_cast<int>(key) + 1 : -1;
+}
+
+void tls_free(int slot) {
+    pthread_key_delete(static_cast<pthread_key_t>(slot - 1));
+}
+
+void* tls_get(int slot) {
+    return pthread_getspecific(static_cast<pthread_key_t>(slot - 1));
+}
+
+void tls_set(int slot, void* value) {
+    pthread_setspecific(static_cast<pthread_key_t>(slot - 1), value);
+}
+
+std::uint32_t thread_id() {
+    static thread_local std::uint32_t id = 0;
+    if (id == 0) {
+        id = static_cast<std::uint32_t>(syscall(SYS_gettid));
+    }
+    return id;
+}
+
+bool single_threaded() {
+    return __libc_single_threaded != 0;
+}
+
+} // namespace os

@@ -1,0 +1,222 @@
+// The boundary to the operating system: everything the library asks of a system, and nothing else
+// calls one. Each group below has one implementation file per system (linux/os_<group>.cpp and
+// windows/os_<group>.cpp; os_common.cpp holds what standard C++ can do alone).
+//
+// Preconditions that hold for every function here: it may be called from any thread; it allocates
+// nothing through this library (so that each may be used under the heap's lock, in a failure report
+// or before the library has started); it throws nothing. Sizes are bytes unless a name says
+// otherwise. Failures are reported by the result alone, never by a message.
+//
+// What differs between the systems and matters to a caller is data here (Properties), not a
+// conditional there.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+namespace os {
+
+// ---------------------------------------------------------------------------------------------
+// Properties
+
+/// Units and separators of the running system. Constant for the life of the process.
+struct Properties {
+    std::size_t page_size;              ///< unit of protection and commitment
+    std::size_t allocation_granularity; ///< every vm_allocate starts on a multiple of this
+    char directory_separator;           ///< between folder and file: '\\' or '/'
+    char path_list_separator;           ///< between folders in PATH: ';' or ':'
+    const char* source_marker_opt;      ///< "opt" followed by the directory separator
+    const char* source_marker_bsf;      ///< "bsf" followed by the directory separator
+};
+const Properties& properties();
+
+// ---------------------------------------------------------------------------------------------
+// Virtual memory. Zeroed, page-aligned, readable and writable memory straight from the system.
+
+enum class Placement {
+    segment, ///< upward, next to the previous segment where the address space allows
+    direct,  ///< from the top of the address space downward, apart from the segments
+};
+
+/// The state and type words of a region carry these values on every system; reports print them.
+inline constexpr std::uint32_t state_commit = 0x1000;  // 4096
+inline constexpr std::uint32_t state_reserve = 0x2000; // 8192
+inline constexpr std::uint32_t state_free = 0x10000;   // 65536
+inline constexpr std::uint32_t type_private = 0x20000; // 131072
+inline constexpr std::uint32_t type_mapped = 0x40000;  // 262144
+inline constexpr std::uint32_t type_image = 0x1000000; // 16777216
+
+/// A run of pages with one state, as vm_query finds it.
+struct Region {
+    std::uintptr_t base;            ///< first address of the run at or below the queried address
+    std::uintptr_t allocation_base; ///< start of the system allocation it belongs to; 0 when free
+    std::size_t size;               ///< bytes from base to the end of the run
+    std::uint32_t state;            ///< state_commit, state_reserve or state_free
+    std::uint32_t type;             ///< type_private, type_mapped, type_image; 0 when free
+};
+
+/// A new system allocation of `size` bytes rounded up to whole pages, or null. Its address is a
+/// multiple of the allocation granularity.
+void* vm_allocate(std::size_t size, Placement placement);
+
+/// Releases one whole system allocation made by vm_allocate.
+/// Fails (false) unless `base` is the start of one. pre: nobody uses the memory any more.
+bool vm_release(void* base);
+
+/// The region that holds `address`; false when the system does not answer for it.
+bool vm_query(const void* address, Region& region);
+
+/// Takes `size` bytes of address space for good and backs them with nothing, or null. What it
+/// took is known to vm_query as reserved, and cannot be released.
+void* vm_reserve(std::size_t size);
+
+// ---------------------------------------------------------------------------------------------
+// Threads and locks
+
+/// Automatic-reset event: set() lets exactly one wait() through, and remembers one such permission
+/// when nobody waits yet. Null from event_create means that the system refused.
+using Event = void*;
+Event event_create();
+void event_wait(Event event);
+void event_set(Event event);
+void event_close(Event event); ///< pre: nobody waits
+
+/// A recursive lock owned by a thread. Lives where the caller puts it; init before use.
+struct alignas(16) CriticalSection {
+    unsigned char storage[64];
+};
+void critical_section_init(CriticalSection& section);
+void critical_section_delete(CriticalSection& section); ///< pre: free, and never used again
+void critical_section_enter(CriticalSection& section);
+bool critical_section_try_enter(CriticalSection& section);
+void critical_section_leave(CriticalSection& section); ///< pre: held by the calling thread
+
+/// A thread-local slot. Numbers start at 1, so that a client may use 0 for "none"; -1 when the
+/// system has no more. A fresh slot reads null in every thread.
+int tls_alloc();
+void tls_free(int slot);
+void* tls_get(int slot);
+void tls_set(int slot, void* value);
+
+std::uint32_t thread_id(); ///< the system's own number for the calling thread
+
+/// True while the process certainly has one thread, so that a lock may count with plain adds.
+bool single_threaded();
+
+// ---------------------------------------------------------------------------------------------
+// Process, machine and drives
+
+struct ProcessMemory {
+    std::uint64_t private_bytes;      ///< committed for this process alone, now
+    std::uint64_t peak_private_bytes; ///< the highest that ever was
+    std::uint64_t resident_bytes;     ///< in physical memory, now
+};
+bool process_memory(ProcessMemory& figures);
+
+struct MachineMemory {
+    std::uint64_t total_physical, available_physical;
+    std::uint64_t total_virtual, available_virtual;
+    std::uint64_t available_extended_virtual;
+    std::uint32_t load_percent;
+};
+bool machine_memory(MachineMemory& figures);
+
+std::uint32_t process_id();
+
+/// Kind of drive that holds `root`, in the reference system's numbers: 0 unknown, 1 no such root,
+/// 2 removable, 3 fixed, 4 remote, 5 optical, 6 memory disk.
+std::uint32_t drive_type(const char* root);
+
+struct DriveSpace {
+    std::uint32_t sectors_per_cluster, bytes_per_sector;
+    std::uint64_t free_clusters, total_clusters;
+};
+bool drive_space(const char* root, DriveSpace& space);
+
+std::uint32_t last_error(); ///< the calling thread's last system error
+/// Text of a system error code, NUL-terminated, cut to `capacity`. Returns its length, or 0 when
+/// the system has no text for it.
+std::size_t error_text(std::uint32_t code, char* buffer, std::size_t capacity);
+
+// ---------------------------------------------------------------------------------------------
+// C runtime beyond the standard
+
+/// A block of `size` bytes at a multiple of `alignment`, any power of two; null when memory is
+/// short or the alignment is no power of two. Released by aligned_free alone, which accepts null.
+void* aligned_alloc(std::size_t size, std::size_t alignment);
+void aligned_free(void* block);
+
+/// Prints like vsnprintf, but with these results: with a text of length L and capacity c,
+/// L < c stores text and NUL and returns L; L == c stores the text without NUL and returns L;
+/// L > c stores c characters without NUL and returns -1. pre: capacity <= max_bounded_print.
+inline constexpr std::size_t max_bounded_print = 4096;
+int bounded_print(char* buffer, std::size_t capacity, const char* format, ...)
+#if defined(__GNUC__)
+    __attribute__((format(printf, 3, 4)))
+#endif
+    ;
+
+/// Reports a broken precondition as the C runtime's own assertion does, and ends the process.
+[[noreturn]] void assertion_failed(const char* expression, const char* source, unsigned line);
+
+/// Working folder, NUL-terminated; false (buffer untouched) when it fails or does not fit.
+bool current_directory(char* buffer, std::size_t capacity);
+
+/// Figures of the C runtime's own heap, in bytes; false when it offers none.
+struct RuntimeHeap {
+    std::uint64_t committed, reserved, used, free;
+};
+bool runtime_heap(RuntimeHeap& figures);
+
+// ---------------------------------------------------------------------------------------------
+// Files: unbuffered, binary, created empty or emptied, read-write, permissions 0640.
+
+using File = int; ///< negative when the file could not be made
+File file_create(const char* name);
+File file_create_wide(const unsigned short* name); ///< name in UTF-16, NUL-terminated
+std::int64_t file_write(File file, const void* data, std::size_t size); ///< bytes written, or -1
+std::int64_t file_seek(File file, std::int64_t offset);                 ///< from the start; or -1
+bool file_close(File file);
+
+// ---------------------------------------------------------------------------------------------
+// Debug help. Functions are bound by their name at run time, so that a system without them shows as
+// null pointers. The names and signatures are the reference system's: "StackWalk64",
+// "SymGetOptions", "SymSetOptions", "SymInitialize", "SymFunctionTableAccess64",
+// "SymGetModuleBase64", "SymGetSymFromAddr64", "SymGetLineFromAddr64", "GetModuleBaseNameW".
+
+using Module = void*;
+Module module_load(const char* file_name); ///< null when there is no such module
+void* module_symbol(Module module, const char* name);
+
+/// Registers of a thread; the size of the larger system's record.
+struct alignas(16) Context {
+    unsigned char storage[1232];
+};
+struct ContextPosition {
+    std::uint64_t instruction, stack, frame;
+};
+void context_capture(Context& context); ///< of the caller
+/// The context that an exception filter (or signal handler) was given; false when it holds none.
+bool context_of_exception(const void* exception_pointers, Context& context);
+ContextPosition context_position(const Context& context);
+
+/// Runs work(argument) and returns true; returns false when it ended in a memory, arithmetic or
+/// illegal-instruction fault of the calling thread. Objects alive inside `work` at the fault are
+/// not destroyed. Calls do not nest in one thread.
+bool guarded_call(void (*work)(void*), void* argument);
+
+// ---------------------------------------------------------------------------------------------
+// Life of the library
+
+/// One static object of this type stands last among the library's static objects. Where the system
+/// does not call DllMain by itself, the object does so when it is built and destroyed, so that on
+/// every system loading starts the library after all its statics and unloading stops it before any
+/// of them goes.
+struct LibraryLifetime {
+    LibraryLifetime();
+    ~LibraryLifetime();
+    LibraryLifetime(const LibraryLifetime&) = delete;
+    LibraryLifetime& operator=(const LibraryLifetime&) = delete;
+};
+
+} // namespace os

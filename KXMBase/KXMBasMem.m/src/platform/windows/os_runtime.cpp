@@ -1,0 +1,69 @@
+// What the library needs of the C runtime on Windows beyond the standard.
+#include "platform/os.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <direct.h>
+#include <malloc.h>
+#include <windows.h>
+
+namespace os {
+
+void* aligned_alloc(std::size_t size, std::size_t alignment) {
+    if (alignment == 0 || (alignment & (alignment - 1)) != 0) {
+        return nullptr; // the runtime would treat it as a program error
+    }
+    return _aligned_malloc(size, alignment);
+}
+
+void aligned_free(void* block) {
+    _aligned_free(block);
+}
+
+void assertion_failed(const char* expression, const char* source, unsigned line) {
+    std::fprintf(stderr, "Assertion failed: %s, file %s, line %u\n", expression, source, line);
+    std::fflush(stderr);
+    std::abort();
+}
+
+bool current_directory(char* buffer, std::size_t capacity) {
+    char path[MAX_PATH + 1];
+    if (_getcwd(path, sizeof path) == nullptr) {
+        return false;
+    }
+    const std::size_t bytes = std::strlen(path) + 1;
+    if (bytes > capacity) {
+        return false;
+    }
+    std::memcpy(buffer, path, bytes);
+    return true;
+}
+
+// Walks the runtime's heap. Each system allocation is counted once, when the walk first enters it.
+bool runtime_heap(RuntimeHeap& figures) {
+    figures = {};
+    std::uintptr_t low = 0, high = 0;
+    _HEAPINFO entry{};
+    while (_heapwalk(&entry) == _HEAPOK) {
+        const auto address = reinterpret_cast<std::uintptr_t>(entry._pentry);
+        if (address < low || address >= high) {
+            Region region{};
+            if (!vm_query(entry._pentry, region)) {
+                return true;
+            }
+            low = region.allocation_base;
+            high = low;
+            while (vm_query(reinterpret_cast<const void*>(high), region) &&
+                   region.allocation_base == low && region.state != state_free) {
+                (region.state == state_reserve ? figures.reserved : figures.committed) +=
+                    region.size;
+                high = region.base + region.size;
+            }
+        }
+        (entry._useflag == _USEDENTRY ? figures.used : figures.free) += entry._size;
+    }
+    return true;
+}
+
+} // namespace os

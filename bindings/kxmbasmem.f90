@@ -1,0 +1,147 @@
+! The C allocation interface for Fortran. Sizes are bytes; addresses are type(c_ptr), given to
+! c_f_pointer for use as an array. Blocks follow the rules of the C header: a block of mem_Malign is
+! given back by mem_MalignFree, every other one by mem_Free.
+module kxmbasmem
+    use, intrinsic :: iso_c_binding, only: c_int, c_int64_t, c_ptr, c_size_t
+    implicit none
+    private
+
+    public :: mem_dlmallinfotype
+    public :: mem_malloc, mem_malloc_handled, mem_calloc, mem_realloc, mem_free
+    public :: mem_malign, mem_malignfree, mem_release, mem_acquire
+    public :: mem_trim, mem_mallopt, mem_footprint, mem_maxfootprint, mem_memorylimit
+    public :: mem_fragmentationinfo, mem_errormemorylimit, mem_usingdl, mem_releasememorylock
+    public :: mem_footprintfromresources, mem_maxfootprintfromresources, mem_dlmallinfo
+    public :: mem_aligned_malloc, mem_aligned_realloc, mem_aligned_free, mem_alignedalloc
+
+    ! Statistics of the heap: bytes, but for the count ordblks.
+    type, bind(c) :: mem_dlmallinfotype
+        integer(c_int64_t) :: arena, ordblks, hblkhd, usmblks, uordblks, fordblks, keepcost
+    end type mem_dlmallinfotype
+
+    interface
+        type(c_ptr) function mem_malloc(size) bind(c, name="mem_Malloc")
+            import :: c_ptr, c_size_t
+            integer(c_size_t), value :: size
+        end function mem_malloc
+
+        type(c_ptr) function mem_malloc_handled(size) bind(c, name="mem_Malloc_Handled")
+            import :: c_ptr, c_size_t
+            integer(c_size_t), value :: size
+        end function mem_malloc_handled
+
+        type(c_ptr) function mem_calloc(count, size) bind(c, name="mem_Calloc")
+            import :: c_ptr, c_size_t
+            integer(c_size_t), value :: count, size
+        end function mem_calloc
+
+        type(c_ptr) function mem_realloc(ptr, size) bind(c, name="mem_Realloc")
+            import :: c_ptr, c_size_t
+            type(c_ptr), value :: ptr
+            integer(c_size_t), value :: size
+        end function mem_realloc
+
+        subroutine mem_free(ptr) bind(c, name="mem_Free")
+            import :: c_ptr
+            type(c_ptr), value :: ptr
+        end subroutine mem_free
+
+        type(c_ptr) function mem_malign(size, alignment) bind(c, name="mem_Malign")
+            import :: c_ptr, c_size_t
+            integer(c_size_t), value :: size, alignment
+        end function mem_malign
+
+        subroutine mem_malignfree(ptr) bind(c, name="mem_MalignFree")
+            import :: c_ptr
+            type(c_ptr), value :: ptr
+        end subroutine mem_malignfree
+
+        subroutine mem_release(ptr) bind(c, name="mem_Release")
+            import :: c_ptr
+            type(c_ptr), value :: ptr
+        end subroutine mem_release
+
+        subroutine mem_acquire(ptr) bind(c, name="mem_Acquire")
+            import :: c_ptr
+            type(c_ptr), value :: ptr
+        end subroutine mem_acquire
+
+        integer(c_int) function mem_trim(pad) bind(c, name="mem_Trim")
+            import :: c_int, c_size_t
+            integer(c_size_t), value :: pad
+        end function mem_trim
+
+        integer(c_int) function mem_mallopt(param, val) bind(c, name="mem_Mallopt")
+            import :: c_int, c_size_t
+            integer(c_int), value :: param
+            integer(c_size_t), value :: val
+        end function mem_mallopt
+
+        ! Kibibytes.
+        integer(c_size_t) function mem_footprint() bind(c, name="mem_Footprint")
+            import :: c_size_t
+        end function mem_footprint
+
+        ! Bytes.
+        integer(c_size_t) function mem_maxfootprint() bind(c, name="mem_MaxFootprint")
+            import :: c_size_t
+        end function mem_maxfootprint
+
+        integer(c_size_t) function mem_memorylimit() bind(c, name="mem_MemoryLimit")
+            import :: c_size_t
+        end function mem_memorylimit
+
+        integer(c_size_t) function mem_fragmentationinfo() bind(c, name="mem_FragmentationInfo")
+            import :: c_size_t
+        end function mem_fragmentationinfo
+
+        integer(c_int) function mem_errormemorylimit() bind(c, name="mem_ErrorMemoryLimit")
+            import :: c_int
+        end function mem_errormemorylimit
+
+        integer(c_int) function mem_usingdl() bind(c, name="mem_usingDL")
+            import :: c_int
+        end function mem_usingdl
+
+        ! Kibibytes, both.
+        integer(c_size_t) function mem_footprintfromresources() &
+            bind(c, name="mem_FootprintFromResources")
+            import :: c_size_t
+        end function mem_footprintfromresources
+
+        integer(c_size_t) function mem_maxfootprintfromresources() &
+            bind(c, name="mem_MaxFootprintFromResources")
+            import :: c_size_t
+        end function mem_maxfootprintfromresources
+
+        subroutine mem_releasememorylock() bind(c, name="mem_ReleaseMemoryLock")
+        end subroutine mem_releasememorylock
+
+        type(mem_dlmallinfotype) function mem_dlmallinfo() bind(c, name="mem_DLMallinfo")
+            import :: mem_dlmallinfotype
+        end function mem_dlmallinfo
+
+        ! The aligned back end. Fortran does not tell mem_malign from mem_Malign, so these carry
+        ! names of their own here.
+        type(c_ptr) function mem_aligned_malloc(size) bind(c, name="mem_malign")
+            import :: c_ptr, c_size_t
+            integer(c_size_t), value :: size
+        end function mem_aligned_malloc
+
+        type(c_ptr) function mem_aligned_realloc(ptr, size) bind(c, name="mem_realign")
+            import :: c_ptr, c_size_t
+            type(c_ptr), value :: ptr
+            integer(c_size_t), value :: size
+        end function mem_aligned_realloc
+
+        subroutine mem_aligned_free(ptr) bind(c, name="mem_free_aligned")
+            import :: c_ptr
+            type(c_ptr), value :: ptr
+        end subroutine mem_aligned_free
+
+        type(c_ptr) function mem_alignedalloc(size, alignment) bind(c, name="mem_alignedAlloc")
+            import :: c_ptr, c_size_t
+            integer(c_size_t), value :: size, alignment
+        end function mem_alignedalloc
+    end interface
+end module kxmbasmem

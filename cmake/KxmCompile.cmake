@@ -1,0 +1,24 @@
+# How our own code is compiled: kxm_compile(target) sets warnings, debug information and sanitizers.
+
+set(KXM_CXX_WARNINGS
+    -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wsign-conversion -Wold-style-cast -Wundef
+    -Wnon-virtual-dtor -Woverloaded-virtual -Wcast-align -Wformat=2)
+set(KXM_FORTRAN_WARNINGS -Wall -Wextra -std=f2018)
+
+# Release builds carry debug information, because call stacks print files and lines. The debug help of
+# Wine reads DWARF 4 and no later.
+set(KXM_DEBUG_FORMAT $<IF:$<PLATFORM_ID:Windows>,-gdwarf-4,-g>)
+
+function(kxm_compile target)
+  target_compile_options(${target} PRIVATE
+    $<$<COMPILE_LANGUAGE:CXX>:${KXM_CXX_WARNINGS}>
+    $<$<COMPILE_LANGUAGE:Fortran>:${KXM_FORTRAN_WARNINGS}>
+    $<$<BOOL:${KXM_WERROR}>:-Werror>
+    ${KXM_DEBUG_FORMAT})
+  if(KXM_SANITIZE)
+    target_compile_options(${target} PRIVATE
+      $<$<COMPILE_LANGUAGE:CXX>:-fsanitize=${KXM_SANITIZE} -fno-sanitize-recover=all
+      -fno-omit-frame-pointer>)
+    target_link_options(${target} PRIVATE -fsanitize=${KXM_SANITIZE})
+  endif()
+endfunction()

@@ -1,0 +1,32 @@
+# Installation: the libraries, the public headers, the Fortran module, and what find_package and
+# pkg-config need to find them.
+include(CMakePackageConfigHelpers)
+
+set(kxm_cmake_dir ${CMAKE_INSTALL_LIBDIR}/cmake/KXMBasMem)
+set(kxm_targets KXMBasMem KXMBasMem_Fortran)
+if(NOT KXM_KX0CORE_LIBRARY)
+  list(APPEND kxm_targets KX0CORE)
+endif()
+
+install(TARGETS ${kxm_targets} EXPORT KXMBasMemTargets)
+install(EXPORT KXMBasMemTargets NAMESPACE KXMBasMem:: DESTINATION ${kxm_cmake_dir})
+install(DIRECTORY KXMBase/ProtectedInterfaces/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}
+        FILES_MATCHING PATTERN "*.h")
+install(FILES KX0CORE/KX0CORE.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+install(FILES ${PROJECT_BINARY_DIR}/modules/kxmbasmem.mod
+        DESTINATION ${CMAKE_INSTALL_LIBDIR}/fortran/modules)
+if(KXM_RUNTIME_DLLS)
+  install(FILES ${KXM_RUNTIME_DLLS} DESTINATION ${CMAKE_INSTALL_BINDIR})
+endif()
+
+configure_package_config_file(cmake/KXMBasMemConfig.cmake.in
+  ${PROJECT_BINARY_DIR}/KXMBasMemConfig.cmake INSTALL_DESTINATION ${kxm_cmake_dir})
+write_basic_package_version_file(${PROJECT_BINARY_DIR}/KXMBasMemConfigVersion.cmake
+  COMPATIBILITY SameMajorVersion)
+install(FILES ${PROJECT_BINARY_DIR}/KXMBasMemConfig.cmake
+              ${PROJECT_BINARY_DIR}/KXMBasMemConfigVersion.cmake DESTINATION ${kxm_cmake_dir})
+
+# The file tells its own prefix, so that an installed tree can be moved.
+file(RELATIVE_PATH KXM_PC_TO_PREFIX /${CMAKE_INSTALL_LIBDIR}/pkgconfig /)
+configure_file(cmake/kxmbasmem.pc.in ${PROJECT_BINARY_DIR}/kxmbasmem.pc @ONLY)
+install(FILES ${PROJECT_BINARY_DIR}/kxmbasmem.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
