@@ -3,6 +3,9 @@
 set(KXM_CXX_WARNINGS
     -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wsign-conversion -Wold-style-cast -Wundef
     -Wnon-virtual-dtor -Woverloaded-virtual -Wcast-align -Wformat=2)
+if(CMAKE_CXX_COMPILER_ID STREQUAL GNU)
+  list(APPEND KXM_CXX_WARNINGS -Wno-restrict) # GCC 12 sees overlaps in plain string additions
+endif()
 set(KXM_FORTRAN_WARNINGS -Wall -Wextra -std=f2018)
 
 # Release builds carry debug information, because call stacks print files and lines. The debug help of

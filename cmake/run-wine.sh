@@ -4,8 +4,8 @@
 here=$(CDPATH= cd -- "$(dirname -- "$0")/.." && pwd)
 WINEPREFIX=${KXM_WINEPREFIX:-$here/build/wine-prefix}
 WINEDEBUG=${WINEDEBUG:--all}
-# No desktop integration, no offers to fetch add-ons, no display.
-WINEDLLOVERRIDES=${WINEDLLOVERRIDES:-mscoree,mshtml,winemenubuilder.exe=}
+# No desktop integration, no offers to fetch add-ons, no debugger at a crash, no display.
+WINEDLLOVERRIDES=${WINEDLLOVERRIDES:-mscoree,mshtml,winemenubuilder.exe,winedbg.exe=}
 export WINEPREFIX WINEDEBUG WINEDLLOVERRIDES
 unset DISPLAY
 mkdir -p "$(dirname "$WINEPREFIX")"

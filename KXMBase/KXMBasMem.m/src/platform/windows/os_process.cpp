@@ -1,6 +1,8 @@
 // Figures of the process, the machine and its drives on Windows.
 #include "platform/os.h"
 
+#include <algorithm>
+#include <atomic>
 #include <windows.h>
 
 #include <psapi.h>
@@ -9,6 +11,20 @@ namespace os {
 
 static_assert(sizeof(PROCESS_MEMORY_COUNTERS_EX) == 80);
 static_assert(sizeof(MEMORYSTATUSEX) == 64);
+
+namespace {
+
+// The highest commit charge that any call saw. Wine 8 reports a peak that falls again.
+std::atomic<std::uint64_t> highest_seen = 0;
+
+std::uint64_t raise_highest(std::uint64_t value) {
+    std::uint64_t known = highest_seen.load();
+    while (known < value && !highest_seen.compare_exchange_weak(known, value)) {
+    }
+    return known < value ? value : known;
+}
+
+} // namespace
 
 bool process_memory(ProcessMemory& figures) {
     // A real handle with rights to query and to read, as a restricted process may be denied it.
@@ -24,8 +40,11 @@ bool process_memory(ProcessMemory& figures) {
                                 sizeof counters) != 0;
     CloseHandle(process);
     if (answered) {
-        figures.private_bytes = counters.PrivateUsage;
-        figures.peak_private_bytes = counters.PeakPagefileUsage;
+        // Both are the process's commit charge; Wine 8 leaves the first at 0.
+        figures.private_bytes =
+            counters.PrivateUsage != 0 ? counters.PrivateUsage : counters.PagefileUsage;
+        figures.peak_private_bytes = raise_highest(
+            std::max<std::uint64_t>(counters.PeakPagefileUsage, figures.private_bytes));
         figures.resident_bytes = counters.WorkingSetSize;
     }
     return answered;

@@ -1,0 +1,114 @@
+! The entries as a numerical routine uses them: blocks as arrays, sizes by value, results checked.
+program test_entries
+    use, intrinsic :: iso_c_binding
+    use, intrinsic :: iso_fortran_env, only: error_unit
+    use kxmbasmem
+    implicit none
+
+    call blocks_hold_arrays()
+    call resizing_keeps_contents()
+    call alignment_is_kept()
+    call refusal_is_null()
+    call figures_answer()
+    print '(a)', 'all Fortran checks passed'
+
+contains
+
+    subroutine check(good, what)
+        logical, intent(in) :: good
+        character(*), intent(in) :: what
+        if (.not. good) then
+            write (error_unit, '(2a)') 'failed: ', what
+            error stop 1
+        end if
+    end subroutine check
+
+    subroutine blocks_hold_arrays()
+        real(c_double), pointer :: x(:, :)
+        type(c_ptr) :: block
+        integer :: i
+
+        block = mem_calloc(200_c_size_t, 8_c_size_t)
+        call check(c_associated(block), 'mem_Calloc')
+        call c_f_pointer(block, x, [20, 10])
+        call check(.not. any(abs(x) > 0), 'mem_Calloc clears')
+        x = reshape([(real(i, c_double), i=1, 200)], [20, 10])
+        call check(nint(sum(x)) == 20100, 'contents')
+        call mem_release(block)
+        call mem_acquire(block)
+        call mem_free(block)
+
+        block = mem_malloc_handled(80_c_size_t)
+        call check(c_associated(block), 'mem_Malloc_Handled')
+        call mem_free(block)
+        call mem_free(c_null_ptr)
+    end subroutine blocks_hold_arrays
+
+    subroutine resizing_keeps_contents()
+        integer(c_int), pointer :: n(:)
+        type(c_ptr) :: block
+        integer :: i
+
+        block = mem_malloc(400_c_size_t)
+        call c_f_pointer(block, n, [100])
+        n = [(i, i=1, 100)]
+        block = mem_realloc(block, 200_c_size_t)
+        call c_f_pointer(block, n, [50])
+        call check(all(n == [(i, i=1, 50)]), 'mem_Realloc keeps the contents')
+        call mem_free(block)
+
+        block = mem_aligned_malloc(400_c_size_t)
+        call c_f_pointer(block, n, [100])
+        n = [(i, i=1, 100)]
+        block = mem_aligned_realloc(block, 200_c_size_t)
+        call c_f_pointer(block, n, [50])
+        call check(all(n == [(i, i=1, 50)]), 'mem_realign keeps the contents')
+        call mem_aligned_free(block)
+    end subroutine resizing_keeps_contents
+
+    subroutine alignment_is_kept()
+        type(c_ptr) :: block
+        integer(c_intptr_t) :: address
+
+        block = mem_malign(1000_c_size_t, 4096_c_size_t)
+        address = transfer(block, address)
+        call check(c_associated(block) .and. mod(address, 4096_c_intptr_t) == 0, 'mem_Malign')
+        call mem_malignfree(block)
+        block = mem_alignedalloc(10_c_size_t, 256_c_size_t)
+        address = transfer(block, address)
+        call check(c_associated(block) .and. mod(address, 256_c_intptr_t) == 0, 'mem_alignedAlloc')
+        call mem_aligned_free(block)
+    end subroutine alignment_is_kept
+
+    subroutine refusal_is_null()
+        call check(.not. c_associated(mem_malloc(huge(1_c_size_t) - 100_c_size_t)), 'refusal')
+        call check(mem_errormemorylimit() == 0, 'mem_ErrorMemoryLimit')
+    end subroutine refusal_is_null
+
+    subroutine figures_answer()
+        type(mem_dlmallinfotype) :: info
+        integer(c_size_t), parameter :: megabyte = 1048576
+        integer(c_size_t) :: before
+        type(c_ptr) :: block
+        integer(c_int8_t), pointer :: bytes(:)
+
+        before = mem_footprint()
+        call check(before > 0, 'mem_Footprint')
+        block = mem_malloc(64 * megabyte)
+        call c_f_pointer(block, bytes, [64 * megabyte])
+        bytes = 1_c_int8_t
+        call check(mem_footprint() >= before + 63 * 1024, 'mem_Footprint counts in kibibytes')
+        call check(mem_maxfootprint() >= 64 * megabyte, 'mem_MaxFootprint counts in bytes')
+        call mem_free(block)
+        call check(mem_footprintfromresources() > 0, 'mem_FootprintFromResources')
+        call check(mem_maxfootprintfromresources() > 0, 'mem_MaxFootprintFromResources')
+        call check(mem_memorylimit() == 0, 'mem_MemoryLimit')
+        call check(mem_fragmentationinfo() == 0, 'mem_FragmentationInfo')
+        call check(mem_usingdl() == 0, 'mem_usingDL')
+        call check(mem_trim(0_c_size_t) == 0, 'mem_Trim')
+        call check(mem_mallopt(-1, 0_c_size_t) == 0, 'mem_Mallopt')
+        info = mem_dlmallinfo()
+        call check(info%arena == 0 .and. info%keepcost == 0, 'mem_DLMallinfo')
+        call mem_releasememorylock()
+    end subroutine figures_answer
+end program test_entries

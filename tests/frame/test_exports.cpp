@@ -1,0 +1,80 @@
+// Plain names are plain: the loader of either system finds every one of them in the library.
+#include "child.h"
+
+#include "KXMBasMem.h"
+
+#include <gtest/gtest.h>
+
+namespace {
+
+constexpr const char* plain_names[] = {"KXMBasAlloc_initializeC",
+                                       "KXMBasAlloc_finalizeC",
+                                       "KXMBasMem_formalize",
+                                       "KESTRIX_WORKS_KCA2_INTERNAL_KXMBasAlloc",
+                                       "KXA_PARALLEL_DEBUG",
+                                       "MC_RESULT",
+                                       "m_registEnv",
+                                       "mem_malloc",
+                                       "mem_calloc",
+                                       "mem_realloc",
+                                       "mem_free",
+                                       "mem_trim",
+                                       "mem_mallopt",
+                                       "mem_footprint",
+                                       "mem_maxfootprint",
+                                       "mem_memorylimit",
+                                       "mem_errormemorylimit",
+                                       "mem_fragmentationinfo",
+                                       "mem_dlmallinfo",
+                                       "mem_Malloc",
+                                       "mem_Malloc_Handled",
+                                       "mem_Free",
+                                       "mem_Realloc",
+                                       "mem_Calloc",
+                                       "mem_Malign",
+                                       "mem_MalignFree",
+                                       "mem_Release",
+                                       "mem_Acquire",
+                                       "mem_Trim",
+                                       "mem_Mallopt",
+                                       "mem_Footprint",
+                                       "mem_MaxFootprint",
+                                       "mem_MemoryLimit",
+                                       "mem_FragmentationInfo",
+                                       "mem_ErrorMemoryLimit",
+                                       "mem_usingDL",
+                                       "mem_FootprintFromResources",
+                                       "mem_MaxFootprintFromResources",
+                                       "mem_ReleaseMemoryLock",
+                                       "mem_DLMallinfo",
+                                       "mem_nofragmentationinfo",
+                                       "mem_malign",
+                                       "mem_realign",
+                                       "mem_free_aligned",
+                                       "mem_alignedAlloc",
+                                       "KXMBasErrorCategory",
+                                       "memcheck_debug_printf"};
+
+TEST(Exports, ArePlainForTheLoader) {
+    mem_Free(mem_Malloc(1)); // keeps the library loaded
+    for (const char* const name : plain_names) {
+        EXPECT_NE(test::find_symbol("KXMBasMem", name), nullptr) << name;
+    }
+    EXPECT_EQ(test::find_symbol("KXMBasMem", "mem_NoSuchEntry"), nullptr);
+    const auto marker = reinterpret_cast<int (*)()>(
+        test::find_symbol("KXMBasMem", "KESTRIX_WORKS_KCA2_INTERNAL_KXMBasAlloc"));
+    ASSERT_NE(marker, nullptr);
+    EXPECT_EQ(marker(), 1);
+}
+
+TEST(Exports, StartAndStopHooksLeaveTheirArgument) {
+    int status = 7;
+    KX0CORE_initialize(status);
+    KX0CORE_finalize(status);
+    KXMBasMem_formalize();
+    KXMBasAlloc_initializeC(); // a pair inside the one that loading opened
+    KXMBasAlloc_finalizeC();
+    EXPECT_EQ(status, 7);
+}
+
+} // namespace

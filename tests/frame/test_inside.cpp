@@ -1,0 +1,114 @@
+// What is behind the interface: the guarded back end's layout, the table against its columns, the
+// seams that wait, and the call that the system makes at load.
+#include "KXMBasMem.h"
+#include "frame/mem_Backends.h"
+#include "frame/mem_Binding.h"
+#include "frame/seam_tiny_pool.h"
+#include "platform/seam_library_entry.h"
+#include "recording_KX0CORE.h"
+
+#include <cstdint>
+#include <cstring>
+#include <gtest/gtest.h>
+#include <string>
+
+namespace {
+
+struct GuardedView {
+    std::uint64_t size;
+    std::string front, back;
+};
+
+GuardedView view(const void* block) {
+    const auto* const data = static_cast<const char*>(block);
+    GuardedView seen;
+    std::memcpy(&seen.size, data - 24, sizeof seen.size);
+    seen.front.assign(data - 16, 16);
+    seen.back.assign(data + seen.size, 16);
+    return seen;
+}
+
+void expect_guarded(const void* block, std::size_t size) {
+    ASSERT_NE(block, nullptr);
+    const GuardedView seen = view(block);
+    EXPECT_EQ(seen.size, size);
+    EXPECT_EQ(seen.front, "DEADBEEFDEADBEEF");
+    EXPECT_EQ(seen.back, "DEADBEEFDEADBEEF");
+    EXPECT_EQ(reinterpret_cast<std::uintptr_t>(block) % 16, 8U);
+}
+
+TEST(GuardedBlock, HasTheSameLayoutFromEveryEntry) {
+    void* block = myMalloc(0);
+    expect_guarded(block, 0); // the two guards touch
+    block = myRealloc(block, 1000);
+    expect_guarded(block, 1000);
+    block = myRealloc(block, 0); // keeps a block of overhead alone
+    expect_guarded(block, 0);
+    myFree(block);
+
+    block = myRealloc(nullptr, 33);
+    expect_guarded(block, 33);
+    myFree(block);
+
+    block = myCalloc(0, 8);
+    expect_guarded(block, 0);
+    myFree(block);
+    for (const std::size_t size : {1U, 3U, 8U, 100U}) {
+        auto* const cleared = static_cast<char*>(myCalloc(7, size));
+        expect_guarded(cleared, 7 * size);
+        for (std::size_t i = 0; i < 7 * size; ++i) {
+            ASSERT_EQ(cleared[i], 0);
+        }
+        myFree(cleared);
+    }
+    myFree(nullptr);
+}
+
+TEST(Table, TakesTheGuardedColumnOverAnyOther) {
+    auto* const malloc_before = mem_malloc;
+    auto* const calloc_before = mem_calloc;
+    auto* const realloc_before = mem_realloc;
+    auto* const free_before = mem_free;
+    mem_Mallinfo::useDL = true; // as no start leaves it, but the order of storing shows
+    mem_bindFunctions(true);
+    EXPECT_EQ(mem_malloc, myMalloc);
+    EXPECT_EQ(mem_calloc, myCalloc);
+    EXPECT_EQ(mem_realloc, myRealloc);
+    EXPECT_EQ(mem_free, myFree);
+    EXPECT_EQ(mem_trim, mem_notrim);
+    EXPECT_EQ(mem_mallopt, mem_nomallopt);
+    EXPECT_EQ(mem_footprint, mem_nofootprint);
+    EXPECT_EQ(mem_maxfootprint, mem_nofootprint);
+    EXPECT_EQ(mem_memorylimit, mem_nomemorylimit);
+    EXPECT_EQ(mem_errormemorylimit, mem_noerrormemorylimit);
+    EXPECT_EQ(mem_dlmallinfo, mem_nomallinfo);
+    mem_Mallinfo::useDL = false;
+    mem_bindFunctions(false);
+    mem_malloc = malloc_before;
+    mem_calloc = calloc_before;
+    mem_realloc = realloc_before;
+    mem_free = free_before;
+}
+
+TEST(Entry, WorksForLoadAndUnloadAlone) {
+    int status = 0;
+    DllMain(nullptr, 1, nullptr);
+    KXMBasAlloc_initialize(status);
+    EXPECT_EQ(status, 0) << "loading had not started the library";
+    EXPECT_EQ(DllMain(nullptr, 2, nullptr), 1);
+    EXPECT_EQ(DllMain(nullptr, 3, nullptr), 1);
+    KXMBasAlloc_finalize(status);
+    EXPECT_EQ(status, 0) << "a thread's coming or going stopped the library";
+    EXPECT_EQ(DllMain(nullptr, 0, nullptr), 1);
+}
+
+// The library reports a failed invariant to whichever foundation library was found first, and goes
+// on when that returns.
+TEST(FoundationLibrary, IsTheSolversOwnWhereThatIsFoundFirst) {
+    const int before = recorded_fatal_errors();
+    EXPECT_EQ(tiny_seam::alloc(8), nullptr);
+    EXPECT_EQ(recorded_fatal_errors(), before + 1);
+    EXPECT_EQ(std::string(recorded_fatal_text()).substr(0, 16), "AssertionFailed:");
+}
+
+} // namespace

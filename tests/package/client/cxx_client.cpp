@@ -1,0 +1,9 @@
+#include <KXMBasMem.h>
+#include <cstdio>
+
+int main() {
+    KXMBasMemPool pool(42, "client", nullptr);
+    void* const block = pool.Alloc(100);
+    std::printf("%d\n", block != nullptr && mem_malloc != nullptr ? pool.PoolID() : 0);
+    pool.Free(block);
+}

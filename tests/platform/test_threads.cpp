@@ -1,0 +1,105 @@
+// Events, locks and thread-local slots.
+#include "platform/os.h"
+
+#include <atomic>
+#include <chrono>
+#include <gtest/gtest.h>
+#include <thread>
+#include <vector>
+
+namespace {
+
+using namespace std::chrono_literals;
+
+TEST(Event, RemembersOneWakeUpAndOneOnly) {
+    const os::Event event = os::event_create();
+    ASSERT_NE(event, nullptr);
+    os::event_set(event);
+    os::event_set(event);
+    os::event_wait(event); // given before anybody waited
+
+    std::atomic<bool> passed = false;
+    std::thread waiter([&] {
+        os::event_wait(event);
+        passed = true;
+    });
+    std::this_thread::sleep_for(50ms);
+    EXPECT_FALSE(passed) << "the second set was kept as well";
+    os::event_set(event);
+    waiter.join();
+    EXPECT_TRUE(passed);
+    os::event_close(event);
+}
+
+// Each set lets one of many waiters through; nobody is lost and nobody slips in.
+TEST(Event, HandsOverBetweenManyThreads) {
+    const os::Event event = os::event_create();
+    constexpr int threads = 4, rounds = 2000;
+    long counter = 0; // guarded by the event, used as a lock that starts free
+    os::event_set(event);
+    std::vector<std::thread> workers;
+    for (int i = 0; i < threads; ++i) {
+        workers.emplace_back([&] {
+            for (int round = 0; round < rounds; ++round) {
+                os::event_wait(event);
+                ++counter;
+                os::event_set(event);
+            }
+        });
+    }
+    for (std::thread& worker : workers) {
+        worker.join();
+    }
+    EXPECT_EQ(counter, threads * rounds);
+    os::event_close(event);
+}
+
+TEST(CriticalSection, IsRecursiveForItsOwnerAndShutsOutOthers) {
+    os::CriticalSection section;
+    os::critical_section_init(section);
+    const auto another_gets_in = [&] {
+        bool got = false;
+        std::thread([&] {
+            got = os::critical_section_try_enter(section);
+            if (got) {
+                os::critical_section_leave(section);
+            }
+        }).join();
+        return got;
+    };
+    os::critical_section_enter(section);
+    EXPECT_TRUE(os::critical_section_try_enter(section));
+    EXPECT_FALSE(another_gets_in());
+    os::critical_section_leave(section);
+    EXPECT_FALSE(another_gets_in()) << "still held once";
+    os::critical_section_leave(section);
+    EXPECT_TRUE(another_gets_in());
+    os::critical_section_delete(section);
+}
+
+TEST(ThreadLocalSlot, IsNeverZeroAndReadsNullInEveryNewThread) {
+    int value = 0;
+    const int slot = os::tls_alloc();
+    ASSERT_GT(slot, 0);
+    EXPECT_EQ(os::tls_get(slot), nullptr);
+    os::tls_set(slot, &value);
+    std::thread([&] { EXPECT_EQ(os::tls_get(slot), nullptr); }).join();
+    EXPECT_EQ(os::tls_get(slot), &value);
+    os::tls_free(slot);
+
+    const int again = os::tls_alloc();
+    ASSERT_GT(again, 0);
+    EXPECT_EQ(os::tls_get(again), nullptr) << "a reused slot kept its old value";
+    os::tls_free(again);
+}
+
+TEST(Threads, HaveNumbersOfTheirOwn) {
+    const std::uint32_t own = os::thread_id();
+    EXPECT_EQ(os::thread_id(), own);
+    std::thread([&] {
+        EXPECT_NE(os::thread_id(), own);
+        EXPECT_FALSE(os::single_threaded());
+    }).join();
+}
+
+} // namespace

@@ -1,0 +1,11 @@
+// What the recording foundation library remembers.
+#pragma once
+
+#include "KX0CORE.h"
+
+extern "C" {
+
+KX0CORE_API int recorded_fatal_errors();       ///< calls of KXTFatalError so far
+KX0CORE_API const char* recorded_fatal_text(); ///< text of the last one
+
+} // extern "C"
