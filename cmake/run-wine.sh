@@ -1,6 +1,9 @@
 #!/bin/sh
 # Runs a Windows program under Wine, quietly, in a prefix of the build's own (KXM_WINEPREFIX, or
 # wine-prefix beside the build folders). Used by CMake and CTest; works by hand as well.
+#
+#   run-wine.sh PROGRAM.exe [ARGUMENT...]
+#   run-wine.sh --server start|stop      keeps Wine's server alive between programs
 here=$(CDPATH= cd -- "$(dirname -- "$0")/.." && pwd)
 WINEPREFIX=${KXM_WINEPREFIX:-$here/build/wine-prefix}
 WINEDEBUG=${WINEDEBUG:--all}
@@ -8,11 +11,28 @@ WINEDEBUG=${WINEDEBUG:--all}
 WINEDLLOVERRIDES=${WINEDLLOVERRIDES:-mscoree,mshtml,winemenubuilder.exe,winedbg.exe=}
 export WINEPREFIX WINEDEBUG WINEDLLOVERRIDES
 unset DISPLAY
-mkdir -p "$(dirname "$WINEPREFIX")"
-for wine in wine64 wine64-stable /usr/lib/wine/wine64 wine; do
-    if command -v "$wine" >/dev/null 2>&1; then
-        exec "$wine" "$@"
-    fi
-done
-echo "run-wine.sh: Wine is not installed (Debian package wine64)" >&2
-exit 127
+mkdir -p "$WINEPREFIX"
+
+# The first of these commands that exists.
+first_of() {
+    for command in "$@"; do
+        if command -v "$command" >/dev/null 2>&1; then
+            echo "$command"
+            return
+        fi
+    done
+    echo "run-wine.sh: Wine is not installed (Debian package wine64)" >&2
+    exit 127
+}
+
+if [ "$1" = --server ]; then
+    server=$(first_of /usr/lib/wine/wineserver64 /usr/lib/wine/wineserver wineserver) || exit
+    case $2 in
+    start) exec "$server" -p ;;
+    stop) exec "$server" -k ;;
+    esac
+    echo "run-wine.sh: --server takes start or stop" >&2
+    exit 2
+fi
+wine=$(first_of /usr/lib/wine/wine64 wine64 wine64-stable wine) || exit
+exec "$wine" "$@"

@@ -52,7 +52,7 @@ private:
     std::uint64_t m_memoryPeak = 0;
     std::int32_t m_poolId;
     char m_poolName[1024];
-    KXMBasMemCacheManager* m_cacheManager;
+    [[maybe_unused]] KXMBasMemCacheManager* m_cacheManager; // kept for the client
     std::uint64_t m_memoryHighWater = 0;
     std::uint64_t m_limitFirst = 0;
     std::uint64_t m_limitSecond = 0;

@@ -33,8 +33,8 @@ const char* bound() {
 int main() {
     int status = 0;
     KXMBasAlloc_initialize(status); // no-op where loading has done it
-    // Sixteen bytes before a plain block lies the runtime's own record of it, readable as well.
-    const bool guarded = std::memcmp(static_cast<char*>(early.block) - 16, "DEADBEEF", 8) == 0;
+    const bool guarded = mem_malloc == myMalloc &&
+                         std::memcmp(static_cast<char*>(early.block) - 16, "DEADBEEF", 8) == 0;
     std::printf("unbound=%d null=%d bound=%s first=%s usingDL=%d\n", early.was_unbound,
                 early.others_null, bound(), guarded ? "guarded" : "plain", mem_usingDL());
     // On the aligned back end the first block is plain malloc's, not for mem_Free.

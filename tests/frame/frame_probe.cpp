@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include <vector>
 
 namespace {
 
@@ -23,21 +24,24 @@ bool looks_guarded(const char* block, std::size_t size) {
            std::memcmp(block + size, guard, 16) == 0;
 }
 
-// Told by what its blocks look like. Many odd sizes, since a plain block may lie well by chance.
+// Told by what its blocks look like: many of them, since a plain block may lie well by chance. A
+// guarded block lies 8 bytes off where the runtime would put it; only then is there a guard to
+// read.
 const char* backend() {
     if (mem_usingDL() != 0) {
         return "heap"; // asked for nothing: tells the binding alone
     }
     bool aligned = true, guarded = true;
-    for (std::size_t size = 24; size < 24 + 8 * 16; size += 8) {
+    std::vector<void*> blocks;
+    for (std::size_t size = 24; size < 24 + 16 * 8; size += 8) {
         auto* const block = static_cast<char*>(mem_Malloc(size));
-        std::memset(block, 0, size);
-        aligned = aligned && reinterpret_cast<std::uintptr_t>(block) % 64 == 0;
-        // A plain block has 16 readable bytes on both sides at least in its neighbours' headers.
-        guarded = guarded && !aligned && looks_guarded(block, size);
-        if (size < 32 && reinterpret_cast<std::uintptr_t>(block) % 16 == 8) {
-            aligned = false; // what only the guarded back end does
-        }
+        const auto address = reinterpret_cast<std::uintptr_t>(block);
+        aligned = aligned && address % 64 == 0;
+        guarded = guarded && address % 16 == 8 && looks_guarded(block, size);
+        blocks.push_back(block);
+    }
+    for (void* const block : blocks) {
+        mem_Free(block);
     }
     return aligned ? "aligned" : guarded ? "guarded" : "crt";
 }

@@ -38,12 +38,15 @@ std::size_t KXMBasMemPool::Free(void* ptr) {
 }
 
 std::size_t KXMBasMemPool::AllocSize(void* ptr) const {
-    // The head of a heap chunk, with its two flag bits cleared. Nothing tests that the block is
-    // one.
+    // The head of a heap chunk, with its two flag bits cleared. Nothing tests that the block is one;
+    // but a block of another back end that begins a page may have nothing in front of it to read.
     constexpr std::uint64_t flag_bits = 3;
-    return ptr != nullptr
-               ? os::read_word_unchecked(static_cast<std::uint64_t*>(ptr) - 1) & ~flag_bits
-               : 0;
+    constexpr std::uintptr_t page_mask = 4095;
+    const bool begins_page = (reinterpret_cast<std::uintptr_t>(ptr) & page_mask) == 0;
+    if (ptr == nullptr || (begins_page && mem_usingDL() == 0)) {
+        return 0;
+    }
+    return os::read_word_unchecked(static_cast<std::uint64_t*>(ptr) - 1) & ~flag_bits;
 }
 
 std::size_t KXMBasMemPool::ActualSizeForUse(void* ptr) const {

@@ -33,9 +33,13 @@ constexpr std::size_t granularity = 65536;
 constexpr std::size_t huge_page = std::size_t{2} << 20;
 constexpr std::size_t huge_advice_from = std::size_t{4} << 20;
 
-constexpr std::uintptr_t segment_zone = 0x2000'0000'0000;
-constexpr std::uintptr_t direct_zone_top = 0x5000'0000'0000;
-constexpr std::uintptr_t zone_spread = 0x100'0000'0000; // randomised part of both starts: 1 TiB
+// Where segments start upward and direct mappings downward, before the random part is added.
+struct Zones {
+    std::uintptr_t segments, direct_top, spread;
+};
+constexpr Zones plain_zones{0x2000'0000'0000, 0x5000'0000'0000, 0x100'0000'0000};
+// ThreadSanitizer ends a process that maps outside the ranges it knows; these lie in its lowest.
+constexpr Zones thread_checker_zones{0x10'0000'0000, 0x70'0000'0000, 0x4'0000'0000};
 
 struct Allocation {
     std::uintptr_t base;
@@ -46,6 +50,9 @@ struct Allocation {
 // default limit is 65530 mappings, so this is room to spare.
 constexpr std::size_t table_capacity = std::size_t{1} << 20;
 
+extern "C" void __tsan_init() __attribute__((weak)); // there when a client was built with it
+
+Zones zones = plain_zones;
 pthread_mutex_t table_lock = PTHREAD_MUTEX_INITIALIZER;
 Allocation* table = nullptr;
 std::size_t table_count = 0;
@@ -121,10 +128,14 @@ bool prepare_table() {
     table = static_cast<Allocation*>(got);
     // The table's own address varies as the kernel varies every process's layout, and does not
     // where that is switched off, so the zones follow the user's choice.
-    const std::uintptr_t spread = (reinterpret_cast<std::uintptr_t>(table) / page) % 0x4000;
-    const std::uintptr_t shift = spread * (zone_spread / 0x4000);
-    next_segment = segment_zone + shift;
-    direct_top = direct_zone_top - shift;
+    if (__tsan_init != nullptr) {
+        zones = thread_checker_zones;
+    }
+    constexpr std::uintptr_t steps = 0x4000;
+    const std::uintptr_t step = (reinterpret_cast<std::uintptr_t>(table) / page) % steps;
+    const std::uintptr_t shift = step * (zones.spread / steps);
+    next_segment = zones.segments + shift;
+    direct_top = zones.direct_top - shift;
     return true;
 }
 
@@ -168,29 +179,26 @@ std::uintptr_t place_segment(std::size_t size, std::size_t alignment) {
     return map_anywhere(size, alignment);
 }
 
-// The highest gap of the direct zone that fits. The entries above the zone's top, if the kernel
-// ever chose there, do not count.
+// The highest gap of the direct zone that fits, found from the table; what the kernel placed above
+// the zone does not count.
 std::uintptr_t place_direct(std::size_t size, std::size_t alignment) {
+    const std::uintptr_t zone_floor = zones.segments + 2 * zones.spread;
     std::uintptr_t ceiling = direct_top;
-    for (const Allocation* entry = first_not_below(direct_top); entry != table; --entry) {
-        const Allocation& below = entry[-1];
-        const std::uintptr_t candidate = round_down(ceiling - size, alignment);
-        if (ceiling - size <= ceiling && candidate >= below.base + below.size &&
-            map_at(candidate, size)) {
-            return candidate;
+    for (const Allocation* above = first_not_below(direct_top);; --above) {
+        const Allocation* const below = above != table ? above - 1 : nullptr;
+        const std::uintptr_t below_end = below != nullptr ? below->base + below->size : 0;
+        const std::uintptr_t floor = std::max(below_end, zone_floor);
+        if (ceiling >= floor && ceiling - floor >= size) {
+            const std::uintptr_t candidate = round_down(ceiling - size, alignment);
+            if (candidate >= floor && map_at(candidate, size)) {
+                return candidate;
+            }
         }
-        ceiling = below.base;
-        if (ceiling < segment_zone + zone_spread * 16) {
-            break; // down among the segments
+        if (floor == zone_floor) {
+            return map_anywhere(size, alignment);
         }
+        ceiling = below->base;
     }
-    if (ceiling > size) {
-        const std::uintptr_t candidate = round_down(ceiling - size, alignment);
-        if (map_at(candidate, size)) {
-            return candidate;
-        }
-    }
-    return map_anywhere(size, alignment);
 }
 
 Region region_of(const Allocation& allocation, std::uintptr_t address) {

@@ -1,0 +1,75 @@
+# Sourced by the scripts at the top of the tree: installs what a machine lacks, builds a preset, and
+# keeps Wine's server running while Windows programs are tested.
+
+# need_packages NAME...: Debian packages, installed if missing, or named if that cannot be done.
+need_packages() {
+    missing=
+    for package in "$@"; do
+        # shellcheck disable=SC2016  # dpkg-query expands it, not the shell
+        case $(dpkg-query -W -f='${db:Status-Status}' "$package" 2>/dev/null) in
+        installed) ;;
+        *) missing="$missing $package" ;;
+        esac
+    done
+    [ -n "$missing" ] || return 0
+    if [ "$(id -u)" = 0 ]; then
+        as_root=
+    elif command -v sudo >/dev/null 2>&1; then
+        as_root=sudo
+    else
+        echo "These Debian packages are needed:$missing" >&2
+        echo "Install them as root (apt-get install$missing) and run this again." >&2
+        exit 1
+    fi
+    echo "Installing:$missing"
+    # shellcheck disable=SC2086  # words are meant to split
+    $as_root apt-get -qq update &&
+        $as_root env DEBIAN_FRONTEND=noninteractive apt-get -qq -y --no-install-recommends \
+            install $missing >/dev/null || {
+        echo "apt-get could not install:$missing" >&2
+        exit 1
+    }
+}
+
+need_build_packages() {
+    need_packages g++ gfortran cmake ninja-build
+}
+
+need_test_packages() {
+    need_build_packages
+    need_packages googletest pkgconf
+}
+
+need_windows_packages() {
+    need_packages g++-mingw-w64-x86-64-posix gfortran-mingw-w64-x86-64-posix wine64
+}
+
+need_check_packages() {
+    need_packages clang-14 clang-format-14 libclang-rt-14-dev
+}
+
+# build PRESET [TARGET...]
+build() {
+    preset=$1
+    shift
+    [ $# -eq 0 ] || set -- --target "$@"
+    echo "== build: $preset"
+    cmake --preset "$preset" >"build/$preset.log" 2>&1 || {
+        cat "build/$preset.log" >&2
+        return 1
+    }
+    cmake --build --preset "$preset" "$@" >>"build/$preset.log" 2>&1 || {
+        tail -n 60 "build/$preset.log" >&2
+        echo "The whole output is in build/$preset.log." >&2
+        return 1
+    }
+}
+
+# Starting Wine takes a second or two; its server, once kept alive, serves every later start.
+start_wine_server() {
+    cmake/run-wine.sh --server start
+}
+
+stop_wine_server() {
+    cmake/run-wine.sh --server stop
+}

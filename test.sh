@@ -1,0 +1,74 @@
+#!/bin/sh
+# Builds and runs all tests.
+#
+#   ./test.sh            on Linux and on Windows (under Wine)
+#   ./test.sh linux      on Linux alone
+#   ./test.sh windows    on Windows alone
+#   ./test.sh check      on both, and further: clang, ASan+UBSan, TSan, the formatting of the sources
+#
+# Missing Debian packages are installed (as root or through sudo), or named.
+set -eu
+cd "$(dirname "$0")"
+. scripts/common.sh
+
+usage() {
+    sed -n '2,9s/^# \{0,1\}//p' "$0"
+}
+
+on_linux() {
+    build "$1"
+    echo "== test: $1"
+    ctest --preset "$1" --output-on-failure
+}
+
+on_windows() {
+    need_windows_packages
+    build windows
+    echo "== test: windows (Wine)"
+    start_wine_server
+    result=0
+    ctest --preset windows --output-on-failure || result=$?
+    stop_wine_server
+    return $result
+}
+
+check_format() {
+    echo "== formatting"
+    git ls-files -z -- '*.cpp' '*.h' '*.c' |
+        xargs -0 clang-format-14 --dry-run --Werror
+}
+
+what=${1:-both}
+case $what in
+both | linux | windows | check) ;;
+-h | --help)
+    usage
+    exit 0
+    ;;
+*)
+    echo "test.sh: unknown argument '$what'" >&2
+    usage >&2
+    exit 2
+    ;;
+esac
+
+mkdir -p build
+need_test_packages
+case $what in
+linux) on_linux linux ;;
+windows) on_windows ;;
+both)
+    on_linux linux
+    on_windows
+    ;;
+check)
+    need_check_packages
+    check_format
+    on_linux linux
+    on_linux linux-clang
+    on_linux linux-check
+    on_linux linux-tsan
+    on_windows
+    ;;
+esac
+echo "All tests passed."
