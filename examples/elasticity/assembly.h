@@ -1,0 +1,53 @@
+// From mesh to linear system: matrix, load vector, and the stress of its solution.
+#pragma once
+
+#include "mesh.h"
+#include "sparse_matrix.h"
+
+namespace elasticity {
+
+struct Material {
+    double young; // Pa
+    double poisson;
+
+    double lambda() const { return young * poisson / ((1 + poisson) * (1 - 2 * poisson)); }
+    double mu() const { return young / (2 * (1 + poisson)); }
+};
+
+/// A total force in N, spread evenly over the area of the loaded faces.
+struct Load {
+    double force;
+    std::array<double, 3> direction; // of length 1
+};
+
+/// Which row of the system a node has; nodes of fixed faces have none (-1), since their
+/// displacements are known to be zero.
+struct Numbering {
+    Vector<std::int32_t> row_of_node;
+    Vector<std::int32_t> node_of_row;
+};
+
+Numbering number_unknowns(const Mesh& mesh);
+
+/// The pattern of the matrix, with the values at zero: rows couple when they share an element.
+SparseMatrix matrix_pattern(const Mesh& mesh, const Numbering& numbering);
+
+/// Adds the stiffness of all elements. Throws InputError at an element that is turned inside out
+/// somewhere.
+void add_stiffness(const Mesh& mesh, const Numbering& numbering, const Material& material,
+                   SparseMatrix& matrix);
+
+struct LoadVector {
+    Vector<double> force; // three components for each node
+    double area;          // of the loaded faces
+};
+
+LoadVector load_vector(const Mesh& mesh, const Load& load);
+
+/// Components xx, yy, zz, xy, yz, zx for each node, averaged over its elements by their volume.
+Vector<double> nodal_stress(const Mesh& mesh, const Material& material,
+                            const Vector<double>& displacement);
+
+double von_mises(const double* stress);
+
+} // namespace elasticity

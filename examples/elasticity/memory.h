@@ -1,0 +1,95 @@
+// The job's one way to memory: every block is asked of the library and counted.
+//
+// Containers draw through Allocator, the Fortran kernels through the entries at the end, and the
+// global operators (global_new.cpp) through allocate and release as well. A request that is refused
+// throws std::bad_alloc and leaves its size behind, so that the report of it needs no memory.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <limits>
+#include <new>
+#include <string>
+#include <type_traits>
+#include <unordered_map>
+#include <vector>
+
+namespace elasticity {
+
+/// What this program asked of the library so far. The sizes are bytes as requested, without the
+/// library's own overhead.
+struct MemoryFigures {
+    std::uint64_t requests = 0;
+    std::uint64_t bytes_asked = 0;
+    std::uint64_t live_bytes = 0;
+    std::uint64_t peak_bytes = 0;
+};
+
+/// Every block of every back end has at least this alignment; the guarded one has no more.
+inline constexpr std::size_t guaranteed_alignment = 8;
+
+/// Returns a block of `bytes` bytes. Throws std::bad_alloc when the library refuses it.
+void* allocate(std::size_t bytes);
+/// As allocate, on a boundary of `alignment`, a power of two.
+void* allocate_aligned(std::size_t bytes, std::size_t alignment);
+
+/// Both take the size that was asked for; a null block is allowed.
+void release(void* block, std::size_t bytes) noexcept;
+void release_aligned(void* block, std::size_t bytes) noexcept;
+
+MemoryFigures memory_figures() noexcept;
+
+/// How memory stood when a request was refused.
+struct Refusal {
+    std::size_t bytes = 0;         // of the request
+    bool by_budget = false;        // by the budget below and not by the library
+    bool by_library_limit = false; // by the library's limit and not by the system
+    std::uint64_t live_bytes = 0;  // that this program held
+    std::size_t footprint_kib = 0; // as the library told
+};
+
+/// The last refusal, kept because everything is released on the way to the report of it.
+Refusal last_refusal() noexcept;
+
+/// Refuses requests that would take the live bytes above `bytes`; 0 takes the bound away. It stands
+/// in for the library's limit on the back ends that have none.
+void set_memory_budget(std::size_t bytes) noexcept;
+
+template <class T> struct Allocator {
+    static_assert(alignof(T) <= guaranteed_alignment);
+    using value_type = T;
+    using propagate_on_container_move_assignment = std::true_type;
+    using is_always_equal = std::true_type;
+
+    Allocator() = default;
+    template <class U> Allocator(const Allocator<U>&) noexcept {}
+
+    T* allocate(std::size_t count) {
+        if (count > std::numeric_limits<std::size_t>::max() / sizeof(T))
+            throw std::bad_array_new_length{};
+        return static_cast<T*>(elasticity::allocate(count * sizeof(T)));
+    }
+    void deallocate(T* block, std::size_t count) noexcept { release(block, count * sizeof(T)); }
+
+    template <class U> bool operator==(const Allocator<U>&) const noexcept { return true; }
+};
+
+template <class T> using Vector = std::vector<T, Allocator<T>>;
+template <class Key, class Value>
+using HashMap = std::unordered_map<Key, Value, std::hash<Key>, std::equal_to<Key>,
+                                   Allocator<std::pair<const Key, Value>>>;
+// Unlike std::string it is never instantiated inside a shared C++ runtime, whose code would not use
+// this program's operator new on Windows.
+using String = std::basic_string<char, std::char_traits<char>, Allocator<char>>;
+
+// The Fortran kernels ask the library themselves and tell the count of it here: work_charge before
+// the request (0 means the budget forbids it), work_granted or work_refused after it, and
+// work_discharge when the block goes back.
+extern "C" {
+int work_charge(std::size_t bytes) noexcept;
+void work_granted(std::size_t bytes) noexcept;
+void work_refused(std::size_t bytes) noexcept;
+void work_discharge(std::size_t bytes) noexcept;
+}
+
+} // namespace elasticity

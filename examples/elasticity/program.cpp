@@ -1,0 +1,67 @@
+// Turns what can happen into messages and exit statuses.
+#include "program.h"
+
+#include "backend.h"
+#include "input_error.h"
+#include "report.h"
+
+#include <KXMBasMem.h>
+
+#include <cstdio>
+#include <new>
+
+namespace elasticity {
+
+namespace {
+
+// The heap bounds its own footprint. For the other back ends this program bounds what it holds.
+void limit_memory(std::size_t bytes) {
+    constexpr int limit_parameter = -5;
+    if (bytes == 0)
+        return;
+    if (mem_usingDL() == 0)
+        set_memory_budget(bytes);
+    else if (mem_Mallopt(limit_parameter, bytes) == 0)
+        throw InputError({"--memory-limit: the memory library does not take this limit"});
+}
+
+int run_unguarded(int argc, char** argv) {
+    const Options options = parse_options(argc, argv);
+    if (options.help)
+        print_help();
+    if (options.version)
+        std::puts("elasticity 1.0");
+    if (options.help || options.version)
+        return done;
+    if (const std::optional<int> status = use_backend(options.backend, argv))
+        return *status;
+    limit_memory(options.memory_limit);
+    JobReport report;
+    run_job(options, report);
+    if (!options.json.empty())
+        write_json(options, report);
+    if (!options.quiet)
+        print_report(options, report);
+    if (!report.solver.converged)
+        std::fprintf(stderr, "elasticity: the solver did not converge; no result is written\n");
+    else if (!report.within_tolerance)
+        std::fprintf(stderr, "elasticity: the deflection differs from beam theory by %.2f %%\n",
+                     100 * report.difference);
+    return report.succeeded() ? done : failed;
+}
+
+} // namespace
+
+int run_program(int argc, char** argv) {
+    try {
+        return run_unguarded(argc, argv);
+    } catch (const InputError& error) {
+        std::fprintf(stderr, "elasticity: %s\n", error.what());
+        return wrong_input;
+    } catch (const std::bad_alloc&) {
+        print_out_of_memory();
+        return out_of_memory;
+    }
+}
+
+} // namespace elasticity

@@ -1,0 +1,180 @@
+// The three forms of the report.
+#include "report.h"
+
+#include "backend.h"
+#include "input_error.h"
+#include "output_file.h"
+
+#include <KXMBasMem.h>
+
+#include <cinttypes>
+#include <cmath>
+#include <cstdio>
+
+namespace elasticity {
+
+namespace {
+
+constexpr double mebibyte = 1048576.0;
+
+double mib(double bytes) {
+    return bytes / mebibyte;
+}
+
+void print_mesh(const JobReport& report) {
+    std::printf("mesh             %zu nodes, %zu tetrahedra of %d nodes\n", report.nodes,
+                report.elements, report.nodes_per_element);
+    std::printf("system           %" PRId64 " unknowns, %" PRId64 " nonzeros\n", report.unknowns,
+                report.nonzeros);
+    std::printf("solver           %s after %" PRId64 " iterations, relative residual %.2e\n",
+                report.solver.converged ? "converged" : "NOT CONVERGED", report.solver.iterations,
+                report.solver.residual);
+}
+
+void print_solution(const Options& options, const JobReport& report) {
+    if (!report.solver.converged)
+        return;
+    std::printf("displacement     %.6e m at most\n", report.displacement);
+    std::printf("von Mises stress %.6e Pa at most\n", report.stress);
+    std::printf("deflection       %.6e m, mean of the loaded face along the load\n",
+                report.deflection);
+    if (!report.known.applies) {
+        std::printf("beam theory      not compared: %s\n", report.known.reason);
+        return;
+    }
+    std::printf("beam theory      %.6e m\n", report.known.deflection);
+    std::printf("difference       %+.3f %%, tolerance %.3f %%: %s\n", 100 * report.difference,
+                100 * options.check_tolerance, report.within_tolerance ? "passed" : "FAILED");
+    if (!report.within_tolerance && report.nodes_per_element == 4)
+        std::printf("                 (first-order tetrahedra are too stiff in bending unless the "
+                    "mesh is very fine)\n");
+}
+
+void print_steps(const JobReport& report) {
+    std::printf("\nstep          time s   footprint MiB\n");
+    double total = 0;
+    for (const Step& step : report.steps) {
+        std::printf("%-10s %9.3f %15.1f\n", step.name, step.seconds,
+                    static_cast<double>(step.footprint_kib) / 1024);
+        total += step.seconds;
+    }
+    std::printf("%-10s %9.3f\n", "total", total);
+}
+
+void print_memory() {
+    const MemoryFigures figures = memory_figures();
+    std::printf("\nmemory, back end %s\n", present_backend());
+    std::printf("  requests of this program  %12" PRIu64 "\n", figures.requests);
+    std::printf("  asked for in all          %12.1f MiB\n",
+                mib(static_cast<double>(figures.bytes_asked)));
+    std::printf("  held at most at once      %12.1f MiB\n",
+                mib(static_cast<double>(figures.peak_bytes)));
+    std::printf("  footprint now             %12.1f MiB\n",
+                static_cast<double>(mem_Footprint()) / 1024);
+    std::printf("  footprint at most         %12.1f MiB\n",
+                mib(static_cast<double>(mem_MaxFootprint())));
+}
+
+class JsonObject {
+public:
+    explicit JsonObject(OutputFile& file) : file_(file) { file_.write({"{"}); }
+    void finish() { file_.write({"\n}\n"}); }
+
+    void text(std::string_view name, std::string_view value) {
+        key(name);
+        file_.write({"\"", value, "\""});
+    }
+    void truth(std::string_view name, bool value) {
+        key(name);
+        file_.write({value ? "true" : "false"});
+    }
+    template <class T> void number(std::string_view name, T value) {
+        key(name);
+        // JSON has no infinities.
+        if (std::isfinite(static_cast<double>(value)))
+            file_.write({Number(value)});
+        else
+            file_.write({"null"});
+    }
+
+private:
+    void key(std::string_view name) {
+        file_.write({first_ ? "\n  \"" : ",\n  \"", name, "\": "});
+        first_ = false;
+    }
+    OutputFile& file_;
+    bool first_ = true;
+};
+
+void write_figures(JsonObject& json, const Options& options, const JobReport& report) {
+    json.text("backend", present_backend());
+    json.number("nodes", report.nodes);
+    json.number("elements", report.elements);
+    json.number("nodes_per_element", report.nodes_per_element);
+    json.number("unknowns", report.unknowns);
+    json.number("nonzeros", report.nonzeros);
+    json.truth("converged", report.solver.converged);
+    json.number("iterations", report.solver.iterations);
+    json.number("residual", report.solver.residual);
+    json.number("deflection_m", report.deflection);
+    json.number("displacement_max_m", report.displacement);
+    json.number("von_mises_max_pa", report.stress);
+    json.truth("compared", report.known.applies);
+    json.number("known_deflection_m", report.known.deflection);
+    json.number("difference", report.difference);
+    json.number("check_tolerance", options.check_tolerance);
+    json.truth("passed", report.succeeded());
+    for (const Step& step : report.steps) {
+        String name(step.name);
+        json.number(name + "_seconds", step.seconds);
+        json.number(name + "_footprint_kib", step.footprint_kib);
+    }
+    const MemoryFigures figures = memory_figures();
+    json.number("requests", figures.requests);
+    json.number("asked_bytes", figures.bytes_asked);
+    json.number("peak_held_bytes", figures.peak_bytes);
+    json.number("footprint_kib", mem_Footprint());
+    json.number("max_footprint_bytes", mem_MaxFootprint());
+}
+
+} // namespace
+
+void print_report(const Options& options, const JobReport& report) {
+    print_mesh(report);
+    print_solution(options, report);
+    print_steps(report);
+    print_memory();
+    if (std::fflush(stdout) != 0 || std::ferror(stdout))
+        throw InputError({"standard output cannot be written"});
+}
+
+void write_json(const Options& options, const JobReport& report) {
+    OutputFile file(options.json);
+    JsonObject json(file);
+    write_figures(json, options, report);
+    json.finish();
+    file.commit();
+}
+
+void print_out_of_memory() {
+    char text[640];
+    const Refusal refusal = last_refusal();
+    const char* reason = "the system has no more, or the request is impossible";
+    if (refusal.by_budget)
+        reason = "it would go above --memory-limit";
+    else if (refusal.by_library_limit)
+        reason = "it would go above the library's memory limit";
+    std::snprintf(text, sizeof text,
+                  "elasticity: out of memory in step \"%s\"\n"
+                  "  refused request   %zu bytes: %s\n"
+                  "  held by this job  %" PRIu64 " bytes then, %" PRIu64 " at most\n"
+                  "  library's limit   %zu bytes (0: none)\n"
+                  "  footprint         %zu KiB then, %zu KiB now, %zu bytes at most\n"
+                  "  back end          %s\n",
+                  present_step(), refusal.bytes, reason, refusal.live_bytes,
+                  memory_figures().peak_bytes, mem_MemoryLimit(), refusal.footprint_kib,
+                  mem_Footprint(), mem_MaxFootprint(), present_backend());
+    std::fputs(text, stderr);
+}
+
+} // namespace elasticity
