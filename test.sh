@@ -26,10 +26,9 @@ on_windows() {
     build windows
     echo "== test: windows (Wine)"
     start_wine_server
-    result=0
-    ctest --preset windows --output-on-failure || result=$?
-    stop_wine_server
-    return $result
+    trap stop_wine_server EXIT
+    trap 'exit 130' INT TERM
+    ctest --preset windows --output-on-failure
 }
 
 check_format() {

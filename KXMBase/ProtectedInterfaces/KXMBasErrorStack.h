@@ -1,8 +1,11 @@
-// The analysis category that error reports name: what the solver was doing when memory ran out.
-// Takes no lock; the category belongs to the thread that drives the analysis.
-#pragma once
+/* The analysis category that error reports name: what the solver was doing when memory ran out.
+   Takes no lock; the category belongs to the thread that drives the analysis. */
+#ifndef KXMBasErrorStack_h
+#define KXMBasErrorStack_h
 
 #include "KXMBasMemExport.h"
+
+#ifdef __cplusplus
 
 class KXMBASMEM_API KXMBasErrorContext {
 public:
@@ -31,7 +34,7 @@ public:
     void Category(CategoryEnum value) { category = value; }
 
     /// Text of the category held, or of the argument. Static storage, never released. The index is
-    /// not checked in release builds: callers pass one of the values above.
+    /// not checked: callers pass one of the values above.
     const char* AsString() const;
     static const char* AsString(CategoryEnum value);
 
@@ -48,5 +51,14 @@ private:
     static KXMBasErrorContext s_context;
 };
 
-/// Sets the category from its number, for callers in other languages.
-extern "C" KXMBASMEM_API void KXMBasErrorCategory(int category);
+extern "C" {
+#endif
+
+/** Sets the category from its number, 0 to 16, for callers in other languages. Not checked. */
+KXMBASMEM_API void KXMBasErrorCategory(int category);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif

@@ -28,15 +28,16 @@ public:
     /// Releases a block and returns what the account was lowered by: 0 for null or while inactive.
     std::size_t Free(void* ptr);
 
-    std::size_t MemoryCurrent() { return m_memoryCurrent; } ///< bytes
-    std::size_t MemoryPeak() { return m_memoryPeak; }       ///< bytes
+    std::size_t MemoryCurrent(); ///< bytes
+    std::size_t MemoryPeak();    ///< bytes
     int PoolID() { return m_poolId; }
     char* PoolName() { return m_poolName; } ///< owned by the pool
 
     /// The size word in front of a block of the heap, header and rounding included; 0 for null.
-    /// With another back end the word means something else, and so do the pool's figures.
+    /// With another back end the word means something else, and so do the pool's figures; there a
+    /// block that begins a page counts as 0, since nothing may be mapped in front of it.
     std::size_t AllocSize(void* ptr) const;
-    /// AllocSize less the 16 bytes of a chunk's header; 0 for null.
+    /// AllocSize less the 16 bytes of a chunk's header; 0 where AllocSize is.
     std::size_t ActualSizeForUse(void* ptr) const;
 
     /// Keeps three values for the client. Nothing is enforced: the hard limit is the heap's.
@@ -48,8 +49,8 @@ private:
     void UpdateMemoryInUse(IncreaseDecrease how, std::size_t size);
 
     bool m_active = false;
-    std::uint64_t m_memoryCurrent = 0;
-    std::uint64_t m_memoryPeak = 0;
+    std::uint64_t m_memoryCurrent = 0; // bytes
+    std::uint64_t m_memoryPeak = 0;    // bytes
     std::int32_t m_poolId;
     char m_poolName[1024];
     [[maybe_unused]] KXMBasMemCacheManager* m_cacheManager; // kept for the client

@@ -40,9 +40,12 @@ KXMBASMEM_API void* mem_Malloc_Handled(size_t size);
 KXMBASMEM_API void mem_Free(void* ptr);
 
 /** The block `ptr` with a new size, at the same address or another; the contents are kept up to the
-    smaller size. Null leaves `ptr` as it was. A null `ptr` asks for a new block.
+    smaller size. A null `ptr` asks for a new block. When memory is short the result is null and
+    `ptr` stays as it was.
+    Size 0 differs by back end and is best avoided: the C runtime releases `ptr` and gives null, the
+    guarded back end gives a block without bytes, the aligned one gives null and keeps `ptr`.
     On the aligned back end the copy has the length of the new size even when the block grows, and
-   so reads past the end of the old one; size 0 there gives null and keeps the block. */
+   so reads past the end of the old one. */
 KXMBASMEM_API void* mem_Realloc(void* ptr, size_t size);
 
 /** `count` times `size` zeroed bytes. Never a tiny block, whatever the size. */
@@ -66,7 +69,12 @@ KXMBASMEM_API void mem_Acquire(void* ptr);
     0 on any back end but the heap. */
 KXMBASMEM_API int mem_Trim(size_t pad);
 
-/** Sets a parameter of the heap. 1 when it was taken; always 0 on any other back end. */
+/** Sets a parameter of the heap, without taking its lock; 1 when it was taken.
+    -1: bytes of top above which a release trims. -2: unit of requests to the system in bytes, a
+   power of two of at least a page; otherwise 0 and no change. -3: bytes from which a request is
+   mapped directly. -4: whether entries take the lock; answers 0 although it is taken. -5: the
+   memory limit in bytes, 0 for none. The last two are obeyed from the heap's next growth on. Any
+   other parameter, and any other back end: 0. */
 KXMBASMEM_API int mem_Mallopt(int param, size_t value);
 
 /** Memory held now, in KIBIBYTES: the heap's footprint, or the process's private bytes on any other
@@ -81,7 +89,7 @@ KXMBASMEM_API size_t mem_MaxFootprint(void);
 /** The memory limit in bytes, 0 for none; always 0 on any back end but the heap. */
 KXMBASMEM_API size_t mem_MemoryLimit(void);
 
-/** Size of the largest free chunk in bytes; 0 on any back end but the heap. */
+/** Size of the largest free chunk in bytes, the top not counted; 0 on any back end but the heap. */
 KXMBASMEM_API size_t mem_FragmentationInfo(void);
 
 /** -1 when the latest attempt to grow was refused by the memory limit, else 0. Another thread's
@@ -102,7 +110,7 @@ KXMBASMEM_API void mem_ReleaseMemoryLock(void);
 
 /** The figures of the heap that carry information, in bytes but for the count `ordblks`. */
 typedef struct mem_DLMallinfoType {
-    uint64_t arena;    /**< bytes held from the system */
+    uint64_t arena;    /**< bytes in segments held from the system */
     uint64_t ordblks;  /**< number of free chunks */
     uint64_t hblkhd;   /**< bytes in direct mappings */
     uint64_t usmblks;  /**< highest footprint */

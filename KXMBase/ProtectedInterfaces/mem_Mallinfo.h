@@ -1,28 +1,32 @@
-// Memory figures that work on any back end, and the flag that tells which one is bound.
-#pragma once
+/* Memory figures of the heap and of any back end, and the flag that tells which one is bound. */
+#ifndef mem_Mallinfo_h
+#define mem_Mallinfo_h
 
-#include <cstdint>
+#include <stdint.h>
 
 #include "KXMBasMemExport.h"
 
+/* The heap's statistics, as its table slot answers them: kxm::mallinfo in C++ and kxm_mallinfo in
+   C, because the C library of Linux has a structure of the plain name. */
+#ifdef __cplusplus
 namespace kxm {
-
-/// The heap's statistics, as its table slot answers them. In a namespace because the C library of
-/// Linux has a structure of the same name.
 struct mallinfo {
-    std::uint64_t arena;    ///< bytes held from the system
-    std::uint64_t ordblks;  ///< number of free chunks
-    std::uint64_t smblks;   ///< always 0
-    std::uint64_t hblks;    ///< always 0
-    std::uint64_t hblkhd;   ///< bytes in direct mappings
-    std::uint64_t usmblks;  ///< highest footprint, bytes
-    std::uint64_t fsmblks;  ///< always 0
-    std::uint64_t uordblks; ///< bytes in use
-    std::uint64_t fordblks; ///< bytes free
-    std::uint64_t keepcost; ///< bytes of the top chunk
+#else
+typedef struct kxm_mallinfo {
+#endif
+    uint64_t arena;    /**< bytes in segments held from the system */
+    uint64_t ordblks;  /**< number of free chunks */
+    uint64_t smblks;   /**< always 0 */
+    uint64_t hblks;    /**< always 0 */
+    uint64_t hblkhd;   /**< bytes in direct mappings */
+    uint64_t usmblks;  /**< highest footprint, bytes */
+    uint64_t fsmblks;  /**< always 0 */
+    uint64_t uordblks; /**< bytes in use */
+    uint64_t fordblks; /**< bytes free */
+    uint64_t keepcost; /**< bytes of the top chunk */
+#ifdef __cplusplus
 };
 static_assert(sizeof(mallinfo) == 80);
-
 } // namespace kxm
 
 class KXMBASMEM_API mem_Mallinfo {
@@ -31,3 +35,8 @@ public:
     /// read-only for everybody else; mem_usingDL() is the way to ask.
     static bool useDL;
 };
+#else
+} kxm_mallinfo;
+#endif
+
+#endif

@@ -7,7 +7,8 @@
 int main(void) {
     mem_DLMallinfoType info = mem_DLMallinfo();
     char* block = mem_Malloc(10);
-    if (block == NULL || info.arena != 0) {
+    if (block == NULL || info.arena != 0 || mem_dlmallinfo().arena != 0 ||
+        memcheck_debug_printf("") != 1) {
         return 1;
     }
     strcpy(block, "from C");

@@ -21,11 +21,14 @@ struct EarlyRequest {
 EarlyRequest early;
 
 const char* bound() {
-    return mem_malloc == dlmalloc     ? "heap"
-           : mem_malloc == myMalloc   ? "guarded"
-           : mem_malloc == mem_malign ? "aligned"
-           : mem_tableUnbound()       ? "nothing"
-                                      : "crt";
+    const bool aligned = mem_malloc == mem_malign && mem_realloc == mem_realign &&
+                         mem_free == mem_free_aligned &&
+                         mem_calloc == std::calloc; // deliberately not an aligned one
+    return mem_malloc == dlmalloc                            ? "heap"
+           : mem_malloc == myMalloc                          ? "guarded"
+           : aligned                                         ? "aligned"
+           : mem_tableUnbound() || mem_calloc != std::calloc ? "nothing"
+                                                             : "crt";
 }
 
 } // namespace

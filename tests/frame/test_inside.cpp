@@ -4,6 +4,7 @@
 #include "frame/mem_Backends.h"
 #include "frame/mem_Binding.h"
 #include "frame/seam_tiny_pool.h"
+#include "heap/dlmalloc.h"
 #include "platform/seam_library_entry.h"
 #include "recording_KX0CORE.h"
 
@@ -64,11 +65,35 @@ TEST(GuardedBlock, HasTheSameLayoutFromEveryEntry) {
     myFree(nullptr);
 }
 
+// The table as it was, put back at the end of a test that binds another column.
+class TableKeeper {
+public:
+    ~TableKeeper() {
+        mem_Mallinfo::useDL = false;
+        mem_bindFunctions(false);
+    }
+};
+
+TEST(Table, HoldsTheHeapColumnWhenTheHeapIsBound) {
+    const TableKeeper keeper;
+    mem_Mallinfo::useDL = true;
+    mem_bindFunctions(false);
+    EXPECT_EQ(mem_malloc, dlmalloc);
+    EXPECT_EQ(mem_calloc, dlcalloc);
+    EXPECT_EQ(mem_realloc, dlrealloc);
+    EXPECT_EQ(mem_free, dlfree);
+    EXPECT_EQ(mem_trim, dlmalloc_trim);
+    EXPECT_EQ(mem_mallopt, dlmallopt);
+    EXPECT_EQ(mem_footprint, dlmalloc_footprint);
+    EXPECT_EQ(mem_maxfootprint, dlmalloc_max_footprint);
+    EXPECT_EQ(mem_memorylimit, dlmalloc_memory_limit);
+    EXPECT_EQ(mem_errormemorylimit, error_memory_limit);
+    EXPECT_EQ(mem_fragmentationinfo, dlfragmentationinfo);
+    EXPECT_EQ(mem_dlmallinfo, dlmallinfo);
+}
+
 TEST(Table, TakesTheGuardedColumnOverAnyOther) {
-    auto* const malloc_before = mem_malloc;
-    auto* const calloc_before = mem_calloc;
-    auto* const realloc_before = mem_realloc;
-    auto* const free_before = mem_free;
+    const TableKeeper keeper;
     mem_Mallinfo::useDL = true; // as no start leaves it, but the order of storing shows
     mem_bindFunctions(true);
     EXPECT_EQ(mem_malloc, myMalloc);
@@ -81,13 +106,8 @@ TEST(Table, TakesTheGuardedColumnOverAnyOther) {
     EXPECT_EQ(mem_maxfootprint, mem_nofootprint);
     EXPECT_EQ(mem_memorylimit, mem_nomemorylimit);
     EXPECT_EQ(mem_errormemorylimit, mem_noerrormemorylimit);
+    EXPECT_EQ(mem_fragmentationinfo, mem_nofragmentationinfo);
     EXPECT_EQ(mem_dlmallinfo, mem_nomallinfo);
-    mem_Mallinfo::useDL = false;
-    mem_bindFunctions(false);
-    mem_malloc = malloc_before;
-    mem_calloc = calloc_before;
-    mem_realloc = realloc_before;
-    mem_free = free_before;
 }
 
 TEST(Entry, WorksForLoadAndUnloadAlone) {

@@ -9,6 +9,8 @@
 #include <cstring>
 #include <gtest/gtest.h>
 #include <new>
+#include <thread>
+#include <vector>
 
 namespace {
 
@@ -60,6 +62,38 @@ TEST(Interface, AlignsByAnyPowerOfTwo) {
         mem_MalignFree(block);
     }
     mem_MalignFree(nullptr);
+}
+
+// For the thread checker above all: the entries share nothing that needs a lock.
+TEST(Interface, ServesManyThreadsAtOnce) {
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 4; ++t) {
+        threads.emplace_back([t] {
+            const char mark = static_cast<char>('a' + t);
+            for (int i = 0; i < 500; ++i) {
+                auto* block = static_cast<char*>(mem_Malloc(100));
+                std::memset(block, mark, 100);
+                block = static_cast<char*>(mem_Realloc(block, 300));
+                EXPECT_EQ(block[99], mark);
+                mem_Free(block);
+                mem_Free(mem_Calloc(10, 10));
+                mem_MalignFree(mem_Malign(100, 64));
+                operatorNewPool.Free(operatorNewPool.Alloc(50));
+                if (i % 100 == 0) {
+                    EXPECT_GT(mem_MaxFootprint(), 0U);
+                }
+            }
+        });
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+}
+
+// Part of the contract with callers that come from another back end: what size 0 means differs.
+TEST(Interface, ReleasesAtSizeZeroOnTheRuntime) {
+    void* const block = mem_Malloc(24);
+    EXPECT_EQ(mem_Realloc(block, 0), nullptr); // released: a leak checker would tell otherwise
 }
 
 int handler_calls = 0;

@@ -40,6 +40,15 @@ TEST(VirtualMemory, IsZeroedWritableAndOnTheGranularity) {
     }
 }
 
+TEST(VirtualMemory, CostsLittleBesidesWhatWasAskedFor) {
+    os::ProcessMemory before{}, after{};
+    ASSERT_TRUE(os::process_memory(before));
+    void* const block = os::vm_allocate(64 * kib, os::Placement::segment);
+    ASSERT_TRUE(os::process_memory(after));
+    EXPECT_LE(after.private_bytes, before.private_bytes + 512 * kib);
+    EXPECT_TRUE(os::vm_release(block));
+}
+
 TEST(VirtualMemory, RefusesTheImpossible) {
     for (const auto placement : {os::Placement::segment, os::Placement::direct}) {
         EXPECT_EQ(os::vm_allocate(0, placement), nullptr);

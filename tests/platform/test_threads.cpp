@@ -31,6 +31,33 @@ TEST(Event, RemembersOneWakeUpAndOneOnly) {
     os::event_close(event);
 }
 
+// Two sets in a row, with two threads already asleep: neither may be lost.
+TEST(Event, LetsOneWaiterThroughForEachSet) {
+    const os::Event event = os::event_create();
+    for (int round = 0; round < 20; ++round) {
+        std::atomic<int> passed = 0;
+        const auto wait = [&] {
+            os::event_wait(event);
+            ++passed;
+        };
+        std::thread first(wait), second(wait);
+        std::this_thread::sleep_for(5ms);
+        os::event_set(event);
+        os::event_set(event);
+        const auto deadline = std::chrono::steady_clock::now() + 10s;
+        while (passed < 2 && std::chrono::steady_clock::now() < deadline) {
+            std::this_thread::yield();
+        }
+        EXPECT_EQ(passed, 2);
+        if (passed < 2) {
+            os::event_set(event); // lets the test end
+        }
+        first.join();
+        second.join();
+    }
+    os::event_close(event);
+}
+
 // Each set lets one of many waiters through; nobody is lost and nobody slips in.
 TEST(Event, HandsOverBetweenManyThreads) {
     const os::Event event = os::event_create();

@@ -1,10 +1,36 @@
 // Pools that account for what is allocated through them. See the header.
 #include "KXMBasMemPool.h"
 
+#include <atomic>
 #include <cstring>
 
+#include "frame/seam_operator_pool.h"
 #include "mem_Interface.h"
 #include "platform/compiler.h"
+
+namespace {
+
+// No pool takes a lock: its figures are read and written whole, but a sum of two threads may lose
+// one of them.
+std::uint64_t read(std::uint64_t& figure) {
+    return std::atomic_ref(figure).load(std::memory_order_relaxed);
+}
+
+void write(std::uint64_t& figure, std::uint64_t value) {
+    std::atomic_ref(figure).store(value, std::memory_order_relaxed);
+}
+
+void raise(std::uint64_t& figure, std::uint64_t value) {
+    if (value > read(figure)) {
+        write(figure, value);
+    }
+}
+
+} // namespace
+
+void operator_pool_seam::activate() {
+    operatorNewPool.Activate();
+}
 
 KXMBasMemPool::KXMBasMemPool(int id, const char* name, KXMBasMemCacheManager* manager)
     : m_poolId(id), m_poolName{}, m_cacheManager(manager) {
@@ -38,8 +64,9 @@ std::size_t KXMBasMemPool::Free(void* ptr) {
 }
 
 std::size_t KXMBasMemPool::AllocSize(void* ptr) const {
-    // The head of a heap chunk, with its two flag bits cleared. Nothing tests that the block is one;
-    // but a block of another back end that begins a page may have nothing in front of it to read.
+    // The head of a heap chunk, with its two flag bits cleared. Nothing tests that the block is
+    // one; but a block of another back end that begins a page may have nothing in front of it to
+    // read.
     constexpr std::uint64_t flag_bits = 3;
     constexpr std::uintptr_t page_mask = 4095;
     const bool begins_page = (reinterpret_cast<std::uintptr_t>(ptr) & page_mask) == 0;
@@ -50,7 +77,9 @@ std::size_t KXMBasMemPool::AllocSize(void* ptr) const {
 }
 
 std::size_t KXMBasMemPool::ActualSizeForUse(void* ptr) const {
-    return ptr != nullptr ? AllocSize(ptr) - 16 : 0;
+    constexpr std::size_t chunk_header = 16;
+    const std::size_t size = AllocSize(ptr);
+    return size != 0 ? size - chunk_header : 0;
 }
 
 void KXMBasMemPool::SetMemoryLimit(std::size_t first, std::size_t second, double real) {
@@ -59,19 +88,25 @@ void KXMBasMemPool::SetMemoryLimit(std::size_t first, std::size_t second, double
     m_limitReal = real;
 }
 
+std::size_t KXMBasMemPool::MemoryCurrent() {
+    return read(m_memoryCurrent);
+}
+
+std::size_t KXMBasMemPool::MemoryPeak() {
+    return read(m_memoryPeak);
+}
+
 void KXMBasMemPool::UpdateMemoryInUse(IncreaseDecrease how, std::size_t size) {
     if (!m_active) {
         return;
     }
+    const std::uint64_t before = read(m_memoryCurrent);
     if (how != increase) {
-        m_memoryCurrent -= size; // may wrap: blocks from before Activate are not guarded against
+        write(m_memoryCurrent, before - size); // may wrap: blocks from before Activate, meant
         return;
     }
-    m_memoryCurrent += size;
-    if (m_memoryCurrent > m_memoryHighWater) {
-        m_memoryHighWater = m_memoryCurrent;
-    }
-    if (m_memoryHighWater > m_memoryPeak) {
-        m_memoryPeak = m_memoryHighWater;
-    }
+    const std::uint64_t current = before + size;
+    write(m_memoryCurrent, current);
+    raise(m_memoryHighWater, current);
+    raise(m_memoryPeak, read(m_memoryHighWater));
 }

@@ -5,8 +5,8 @@
 
 #include <cstdint>
 
-#include "KXMBasMemPool.h"
 #include "frame/mem_Binding.h"
+#include "frame/seam_operator_pool.h"
 #include "frame/seam_shutdown.h"
 #include "frame/seam_tracker.h"
 #include "platform/seam_library_entry.h"
@@ -58,7 +58,7 @@ void KXMBasMem_initialize(int& status) {
     if (tracker_seam::check_for_tracking() == tracker_seam::on) {
         tracker_seam::start_thread_identity(); // the loading thread becomes number 0
     }
-    operatorNewPool.Activate();
+    operator_pool_seam::activate();
 }
 
 void KXMBasMem_finalize(int& status) {

@@ -1,6 +1,7 @@
 // The library's static initialisers, all in this one file because C++ fixes their order only within
 // a file. They run when the library is loaded, before it is started, and none of them allocates: an
 // allocation here would reach the bootstrap of the table and abort a normal load on the heap.
+// This file is the one place where the frame knows objects of the rooms above it.
 // Destructors run in reverse, after the library was stopped.
 //
 // Still to join, between the last two: the heap allocator object of the tiny block pool.

@@ -123,7 +123,9 @@ void* myCalloc(std::size_t count, std::size_t size) {
     const std::size_t total = count * size; // wraps like the runtime's own product once did: meant
     // Whole elements that cover data and overhead. A size of 0 takes the processor's division
     // fault.
-    const bool wraps = total > size_max - overhead - (size - 1);
+    // A request whose sum would wrap asks for more than there is, as in with_overhead.
+    const std::size_t rounding = size - 1;
+    const bool wraps = rounding > size_max - overhead || total > size_max - overhead - rounding;
     const std::size_t elements = wraps ? size_max : (total + overhead + size - 1) / size;
     return dress(std::calloc(elements, size), total);
 }

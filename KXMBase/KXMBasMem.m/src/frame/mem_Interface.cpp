@@ -13,9 +13,10 @@
 #include "mem_BoundFunctions.h"
 #include "platform/compiler.h"
 #include "platform/os.h"
+#include "platform/relaxed_word.h"
 
-bool mem_tinyBlocksOn = false;
-bool mem_tinyBlocksUsed = false;
+os::relaxed_word<bool> mem_tinyBlocksOn = false;
+os::relaxed_word<bool> mem_tinyBlocksUsed = false;
 
 namespace {
 
@@ -27,10 +28,12 @@ constexpr std::uint64_t tiny_tag = 0xabababab;
 
 // One cached word per tracked entry, not one for all: each settles the first time its own entry
 // runs after the decision. Races are harmless, since every thread computes the same value.
-Use s_useMalloc, s_useFree, s_useMalignFree, s_useRealloc, s_useCalloc, s_useMalign, s_useRelease,
-    s_useAcquire;
+using CachedUse = os::relaxed_word<Use>;
+CachedUse s_useMalloc, s_useFree, s_useMalignFree, s_useRealloc, s_useCalloc, s_useMalign,
+    s_useRelease, s_useAcquire;
 
-std::uint64_t s_maxFootprint = 0; // bytes; highest met by mem_MaxFootprint outside the heap
+os::relaxed_word<std::uint64_t> s_maxFootprint =
+    0; // bytes; highest met by mem_MaxFootprint outside the heap
 
 // What to cache next. Once off, always off; "finished" is not kept longer than the one call.
 Use check_tracker(Use cached) {
@@ -46,7 +49,7 @@ Use check_tracker(Use cached) {
 }
 
 // True when the entry's hook must run.
-inline bool gate(Use& cached) {
+inline bool gate(CachedUse& cached) {
     if (cached == tracker_seam::unknown) {
         cached = tracker_seam::check_use_flag();
     }

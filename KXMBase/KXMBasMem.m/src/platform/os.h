@@ -4,8 +4,10 @@
 //
 // Preconditions that hold for every function here: it may be called from any thread; it allocates
 // nothing through this library (so that each may be used under the heap's lock, in a failure report
-// or before the library has started); it throws nothing. Sizes are bytes unless a name says
-// otherwise. Failures are reported by the result alone, never by a message.
+// or before the library has started), except that tls_set may cost the C library a block for slots
+// above its first thirty; it throws nothing. A process that forks while other threads run must
+// expect the child to find this room's locks held. Sizes are bytes unless a name says otherwise.
+// Failures are reported by the result alone, never by a message.
 //
 // What differs between the systems and matters to a caller is data here (Properties), not a
 // conditional there.
@@ -48,7 +50,7 @@ inline constexpr std::uint32_t type_image = 0x1000000; // 16777216
 
 /// A run of pages with one state, as vm_query finds it.
 struct Region {
-    std::uintptr_t base;            ///< first address of the run at or below the queried address
+    std::uintptr_t base;            ///< the page of the queried address
     std::uintptr_t allocation_base; ///< start of the system allocation it belongs to; 0 when free
     std::size_t size;               ///< bytes from base to the end of the run
     std::uint32_t state;            ///< state_commit, state_reserve or state_free
@@ -67,7 +69,7 @@ bool vm_release(void* base);
 bool vm_query(const void* address, Region& region);
 
 /// Takes `size` bytes of address space for good and backs them with nothing, or null. What it
-/// took is known to vm_query as reserved, and cannot be released.
+/// took is known to vm_query as reserved; nobody releases it.
 void* vm_reserve(std::size_t size);
 
 // ---------------------------------------------------------------------------------------------

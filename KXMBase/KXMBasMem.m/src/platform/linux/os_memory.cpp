@@ -46,9 +46,11 @@ struct Allocation {
     std::size_t size;
 };
 
-// Address space for the table; the kernel backs only the pages that hold entries. The kernel's own
-// default limit is 65530 mappings, so this is room to spare.
+// Address space is set aside for this many entries, and taken into use a step at a time, so that
+// the table counts among the process's private bytes for what it holds. The kernel's own default
+// limit is 65530 mappings, so this is room to spare.
 constexpr std::size_t table_capacity = std::size_t{1} << 20;
+constexpr std::size_t table_step = 4096; // entries; 64 KiB
 
 extern "C" void __tsan_init() __attribute__((weak)); // there when a client was built with it
 
@@ -56,6 +58,7 @@ Zones zones = plain_zones;
 pthread_mutex_t table_lock = PTHREAD_MUTEX_INITIALIZER;
 Allocation* table = nullptr;
 std::size_t table_count = 0;
+std::size_t table_usable = 0;
 std::uintptr_t next_segment = 0;
 std::uintptr_t direct_top = 0;
 
@@ -82,7 +85,7 @@ void* map(std::uintptr_t hint, std::size_t size, int protection, int extra_flags
     return got == MAP_FAILED ? nullptr : got;
 }
 
-// Maps exactly at `base` or not at all.
+// Maps exactly at `base` or not at all; errno is EEXIST when something else is there.
 bool map_at(std::uintptr_t base, std::size_t size) {
     void* const got = map(base, size, PROT_READ | PROT_WRITE, MAP_FIXED_NOREPLACE);
     if (reinterpret_cast<std::uintptr_t>(got) == base) {
@@ -90,6 +93,7 @@ bool map_at(std::uintptr_t base, std::size_t size) {
     }
     if (got != nullptr) { // a kernel or checker that takes the address as a hint only
         munmap(got, size);
+        errno = EEXIST;
     }
     return false;
 }
@@ -105,13 +109,14 @@ std::uintptr_t map_anywhere(std::size_t size, std::size_t alignment) {
         return 0;
     }
     const std::uintptr_t base = round_up(got, alignment);
-    if (base != got) {
-        munmap(reinterpret_cast<void*>(got), base - got);
-    }
     const std::uintptr_t end = base + size;
     const std::uintptr_t padded_end = got + padded;
-    if (end != padded_end) {
-        munmap(reinterpret_cast<void*>(end), padded_end - end);
+    const auto cut = [](std::uintptr_t from, std::uintptr_t to) {
+        return from == to || munmap(reinterpret_cast<void*>(from), to - from) == 0;
+    };
+    if (!cut(got, base) || !cut(end, padded_end)) {
+        munmap(reinterpret_cast<void*>(got), padded); // the kernel's count of mappings is exhausted
+        return 0;
     }
     return base;
 }
@@ -120,8 +125,7 @@ bool prepare_table() {
     if (table != nullptr) {
         return true;
     }
-    void* const got =
-        map(0, table_capacity * sizeof(Allocation), PROT_READ | PROT_WRITE, MAP_NORESERVE);
+    void* const got = map(0, table_capacity * sizeof(Allocation), PROT_NONE, MAP_NORESERVE);
     if (got == nullptr) {
         return false;
     }
@@ -136,6 +140,21 @@ bool prepare_table() {
     const std::uintptr_t shift = step * (zones.spread / steps);
     next_segment = zones.segments + shift;
     direct_top = zones.direct_top - shift;
+    return true;
+}
+
+// Room for one more entry.
+bool prepare_entry() {
+    if (!prepare_table() || table_count == table_capacity) {
+        return false;
+    }
+    if (table_count == table_usable) {
+        if (mprotect(table + table_usable, table_step * sizeof(Allocation),
+                     PROT_READ | PROT_WRITE) != 0) {
+            return false;
+        }
+        table_usable += table_step;
+    }
     return true;
 }
 
@@ -163,24 +182,29 @@ const Allocation* holding(std::uintptr_t address) {
     return address - candidate->base < candidate->size ? candidate : nullptr;
 }
 
+// How far to go on when something that is not ours lies in the way, and how often.
+constexpr std::size_t leap = std::size_t{64} << 30;
+constexpr int leaps = 4;
+
 // Behind the last segment; failing that a fresh start further up, which leaves it room to grow.
 std::uintptr_t place_segment(std::size_t size, std::size_t alignment) {
     if (map_at(next_segment, size)) {
         return next_segment;
     }
-    constexpr std::size_t leap = std::size_t{64} << 30;
     std::uintptr_t fresh = round_up(next_segment, alignment);
-    for (int attempt = 0; attempt < 4; ++attempt) {
+    for (int attempt = 0; attempt < leaps && errno == EEXIST; ++attempt) {
         fresh += leap;
         if (map_at(fresh, size)) {
             return fresh;
         }
     }
-    return map_anywhere(size, alignment);
+    return errno == EEXIST ? map_anywhere(size, alignment) : 0;
 }
 
 // The highest gap of the direct zone that fits, found from the table; what the kernel placed above
-// the zone does not count.
+// the zone does not count. Below the lowest mapping the zone is open, and anything foreign there is
+// leapt over. The walk is linear in the mappings above the gap: microseconds for thousands, little
+// beside the faults that the pages of a direct mapping take.
 std::uintptr_t place_direct(std::size_t size, std::size_t alignment) {
     const std::uintptr_t zone_floor = zones.segments + 2 * zones.spread;
     std::uintptr_t ceiling = direct_top;
@@ -188,13 +212,21 @@ std::uintptr_t place_direct(std::size_t size, std::size_t alignment) {
         const Allocation* const below = above != table ? above - 1 : nullptr;
         const std::uintptr_t below_end = below != nullptr ? below->base + below->size : 0;
         const std::uintptr_t floor = std::max(below_end, zone_floor);
-        if (ceiling >= floor && ceiling - floor >= size) {
+        const bool open = floor == zone_floor;
+        for (int attempt = 0; attempt <= (open ? leaps : 0); ++attempt) {
+            if (ceiling < floor || ceiling - floor < size) {
+                break;
+            }
             const std::uintptr_t candidate = round_down(ceiling - size, alignment);
             if (candidate >= floor && map_at(candidate, size)) {
                 return candidate;
             }
+            if (candidate >= floor && errno != EEXIST) {
+                return 0; // no memory, wherever
+            }
+            ceiling = ceiling > leap && open ? ceiling - leap : ceiling;
         }
-        if (floor == zone_floor) {
+        if (open) {
             return map_anywhere(size, alignment);
         }
         ceiling = below->base;
@@ -226,7 +258,7 @@ void* vm_allocate(std::size_t size, Placement placement) {
     std::uintptr_t base = 0;
     {
         const TableGuard guard;
-        if (!prepare_table() || table_count == table_capacity) {
+        if (!prepare_entry()) {
             return nullptr;
         }
         base = placement == Placement::segment ? place_segment(bytes, alignment)

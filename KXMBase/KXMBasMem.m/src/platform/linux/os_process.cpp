@@ -2,6 +2,7 @@
 // allocating.
 #include "platform/os.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -62,7 +63,7 @@ std::uint64_t address_space_limit() {
 // space (VmPeak): the peak is that one less what is not private now, which is exact as long as
 // shared and read-only mappings stay as they are, and never below the present figure.
 bool process_memory(ProcessMemory& figures) {
-    char text[4096];
+    char text[16384]; // a long list of groups stands before the lines that are wanted
     if (!read_file("/proc/self/status", text)) {
         return false;
     }
@@ -91,10 +92,11 @@ bool machine_memory(MachineMemory& figures) {
     if (figures.total_physical == 0) {
         return false;
     }
+    figures.available_physical = std::min(figures.available_physical, figures.total_physical);
     figures.load_percent =
         static_cast<std::uint32_t>(100 - 100 * figures.available_physical / figures.total_physical);
     figures.total_virtual = address_space_limit();
-    char status[4096];
+    char status[16384];
     const std::uint64_t used =
         read_file("/proc/self/status", status) ? kilobytes_of(status, "\nVmSize:") : 0;
     figures.available_virtual = figures.total_virtual > used ? figures.total_virtual - used : 0;

@@ -15,9 +15,25 @@
 namespace os {
 namespace {
 
-using EventWord = std::atomic<std::uint32_t>; // 1: one wake-up is waiting to be taken
+// An event's word: the number of waiters in the upper half, of permissions in the lower. A set adds
+// one permission, up to as many as there are waiters, or one when there are none, so that each set
+// lets one wait through and one alone is remembered.
+using EventWord = std::atomic<std::uint32_t>;
 static_assert(sizeof(EventWord) == 4 && EventWord::is_always_lock_free);
 constexpr std::size_t event_bytes = 4096;
+constexpr std::uint32_t one_waiter = 0x10000;
+constexpr std::uint32_t permit_mask = 0xffff;
+
+// Takes a permission, and `also` off the word with it; false when there is none.
+bool take_permit(EventWord& word, std::uint32_t& state, std::uint32_t also) {
+    while ((state & permit_mask) != 0) {
+        if (word.compare_exchange_weak(state, state - 1 - also, std::memory_order_acquire,
+                                       std::memory_order_relaxed)) {
+            return true;
+        }
+    }
+    return false;
+}
 
 // How often a waiter looks at the word before it sleeps: about a microsecond, less than a switch
 // to the kernel and back costs, and longer than the heap's lock is usually held.
@@ -42,23 +58,33 @@ Event event_create() {
 }
 
 void event_wait(Event event) {
-    auto* const word = static_cast<EventWord*>(event);
+    EventWord& word = *static_cast<EventWord*>(event);
+    std::uint32_t state = 0;
     for (int spin = 0; spin < spins_before_sleep; ++spin) {
-        if (word->load(std::memory_order_relaxed) != 0 &&
-            word->exchange(0, std::memory_order_acquire) != 0) {
+        state = word.load(std::memory_order_relaxed);
+        if (take_permit(word, state, 0)) {
             return;
         }
         __builtin_ia32_pause();
     }
-    while (word->exchange(0, std::memory_order_acquire) == 0) {
-        futex(word, FUTEX_WAIT_PRIVATE, 0);
+    state = word.fetch_add(one_waiter, std::memory_order_relaxed) + one_waiter;
+    while (!take_permit(word, state, one_waiter)) {
+        futex(&word, FUTEX_WAIT_PRIVATE, state);
+        state = word.load(std::memory_order_relaxed);
     }
 }
 
 void event_set(Event event) {
-    auto* const word = static_cast<EventWord*>(event);
-    word->store(1, std::memory_order_release);
-    futex(word, FUTEX_WAKE_PRIVATE, 1);
+    EventWord& word = *static_cast<EventWord*>(event);
+    std::uint32_t state = word.load(std::memory_order_relaxed);
+    std::uint32_t next = 0;
+    do {
+        const std::uint32_t waiters = state / one_waiter;
+        const std::uint32_t most = waiters != 0 ? waiters : 1;
+        next = (state & permit_mask) < most ? state + 1 : state;
+    } while (!word.compare_exchange_weak(state, next, std::memory_order_release,
+                                         std::memory_order_relaxed));
+    futex(&word, FUTEX_WAKE_PRIVATE, 1);
 }
 
 void event_close(Event event) {
@@ -108,7 +134,8 @@ void tls_set(int slot, void* value) {
 }
 
 std::uint32_t thread_id() {
-    static thread_local std::uint32_t id = 0;
+    // In the static block of thread-local storage, which needs no allocation on first use.
+    static thread_local std::uint32_t id __attribute__((tls_model("initial-exec"))) = 0;
     if (id == 0) {
         id = static_cast<std::uint32_t>(syscall(SYS_gettid));
     }

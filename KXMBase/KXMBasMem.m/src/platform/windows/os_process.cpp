@@ -93,7 +93,11 @@ std::size_t error_text(std::uint32_t code, char* buffer, std::size_t capacity) {
     const DWORD length = FormatMessageA(
         FORMAT_MESSAGE_ALLOCATE_BUFFER | FORMAT_MESSAGE_FROM_SYSTEM | FORMAT_MESSAGE_IGNORE_INSERTS,
         nullptr, code, user_default_language, reinterpret_cast<char*>(&text), 0, nullptr);
-    if (length == 0 || text == nullptr || capacity == 0) {
+    if (length == 0 || text == nullptr) {
+        return 0;
+    }
+    if (capacity == 0) {
+        LocalFree(text);
         return 0;
     }
     const std::size_t kept = length < capacity ? length : capacity - 1;

@@ -14,6 +14,11 @@ void* aligned_alloc(std::size_t size, std::size_t alignment) {
     if (alignment == 0 || (alignment & (alignment - 1)) != 0) {
         return nullptr; // the runtime would treat it as a program error
     }
+    // What the runtime adds for its own use may wrap there without being noticed.
+    constexpr std::size_t most = static_cast<std::size_t>(-1);
+    if (alignment > most / 2 || size > most - alignment - 64) {
+        return nullptr;
+    }
     return _aligned_malloc(size, alignment);
 }
 

@@ -1,0 +1,30 @@
+// A word that several threads read and write without a lock, where a stale or lost value does no
+// harm: cached decisions, and figures that are approximate by nature. Every access is a plain move;
+// no order is implied, and arithmetic is not atomic.
+#pragma once
+
+#include <atomic>
+
+namespace os {
+
+template <typename T> class relaxed_word {
+public:
+    constexpr relaxed_word(T value = T{}) : word_(value) {}
+    relaxed_word(const relaxed_word&) = delete;
+
+    operator T() const { return word_.load(std::memory_order_relaxed); }
+
+    relaxed_word& operator=(T value) {
+        word_.store(value, std::memory_order_relaxed);
+        return *this;
+    }
+    relaxed_word& operator=(const relaxed_word& other) { return *this = static_cast<T>(other); }
+    relaxed_word& operator+=(T more) { return *this = static_cast<T>(*this) + more; }
+    relaxed_word& operator-=(T less) { return *this = static_cast<T>(*this) - less; }
+
+private:
+    std::atomic<T> word_;
+    static_assert(std::atomic<T>::is_always_lock_free && sizeof(std::atomic<T>) == sizeof(T));
+};
+
+} // namespace os
