@@ -196,6 +196,13 @@ int main(int argc, char** argv) {
                    stderr);
         return 2;
     }
+    // Some gigabytes of text: more was surely not meant, and would fill a disk.
+    constexpr std::int64_t most_cells = 5'000'000;
+    if (beam.cells[0] * beam.cells[1] > most_cells ||
+        beam.cells[0] * beam.cells[1] * beam.cells[2] > most_cells) {
+        std::fprintf(stderr, "beam_mesh: more than %" PRId64 " cells are refused\n", most_cells);
+        return 2;
+    }
     beam.order = argv[3][0] - '0';
     return write_file(beam, argv[4]);
 }

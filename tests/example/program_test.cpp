@@ -171,7 +171,7 @@ TEST_F(Program, TheBeamMakersMeshesAreSolved) {
     ASSERT_EQ(run_program(EXAMPLE_BEAM_MESH, {size, "40,4,5", "1", mesh}).exit_code, 0);
     const test::ChildResult first = run({"--check-tolerance", "0.2", mesh});
     EXPECT_EQ(first.exit_code, 0) << first.out << first.err;
-    for (const char* cells : {"20,2", "20,2,0", "20,2,2,2", "20,2,x"})
+    for (const char* cells : {"20,2", "20,2,0", "20,2,2,2", "20,2,x", "1000000,1000000,1000000"})
         EXPECT_EQ(run_program(EXAMPLE_BEAM_MESH, {size, cells, "2", mesh}).exit_code, 2) << cells;
 }
 
