@@ -11,6 +11,23 @@
 #define KXM_NO_SANITIZE __declspec(noinline)
 #endif
 
+/// A structure through which memory is read and written that may have held any other type before.
+#if defined(__GNUC__)
+#define KXM_MAY_ALIAS __attribute__((may_alias))
+#else
+#define KXM_MAY_ALIAS
+#endif
+
+/// For the body of a hot entry that another entry repeats: a call there would cost as much as the
+/// work. The opposite for what hot code needs only in a rare case.
+#if defined(__GNUC__)
+#define KXM_ALWAYS_INLINE inline __attribute__((always_inline))
+#define KXM_NEVER_INLINE __attribute__((noinline))
+#else
+#define KXM_ALWAYS_INLINE __forceinline
+#define KXM_NEVER_INLINE __declspec(noinline)
+#endif
+
 namespace os {
 
 /// Copies `size` bytes without asking whether the source is readable for so long; a checked build
