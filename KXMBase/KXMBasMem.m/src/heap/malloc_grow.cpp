@@ -8,6 +8,7 @@
 //     neither                                     it becomes the newest segment, with a new top
 #include "heap/malloc_grow.h"
 
+#include "heap/heap_walk.h"
 #include "heap/malloc_segment.h"
 #include "heap/system_memory_gate.h"
 
@@ -123,6 +124,7 @@ void* grow(std::size_t nb) {
     } else if (void* const mem = take_in(base, asize, nb)) {
         return mem;
     }
+    check_while_small();
     return nb < state.topsize ? split_top(nb) : nullptr;
 }
 

@@ -9,6 +9,7 @@
 
 #include "heap/mem_mlock.h"
 #include "heap/relaxed_word.h"
+#include "platform/compiler.h"
 
 namespace heap {
 
@@ -37,7 +38,7 @@ inline constexpr std::size_t default_trim_threshold = 2097152;
 inline constexpr std::uint32_t default_flags = 7; // 1: direct mappings; 2 and 4 are never read
 inline constexpr std::uint32_t default_use_lock = 2;
 
-alignas(64) extern constinit malloc_params params;
+alignas(64) KXM_HIDDEN extern constinit malloc_params params;
 
 /// Guards the first setting of the parameters.
 extern constinit mem_mlock magic_mutex;

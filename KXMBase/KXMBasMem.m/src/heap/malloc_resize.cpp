@@ -18,6 +18,7 @@
 #include <algorithm>
 #include <cstring>
 
+#include "heap/heap_walk.h"
 #include "heap/malloc_bins.h"
 #include "heap/malloc_chunk.h"
 #include "heap/malloc_segment.h"
@@ -48,6 +49,7 @@ void convert_to_segment(malloc_chunk* p, std::size_t nb, std::size_t mmsize) {
                 static_cast<std::uint32_t>(IS_MMAPPED_BIT)};
     state.seg.next = segment;
     write_fenceposts(address_of(record) + MIN_CHUNK_SIZE, end);
+    check_while_small();
 }
 
 // The chunk if it may stay where it is, or null if the block must move.

@@ -71,7 +71,7 @@ static_assert(2 * (numSmallbins - 1) * 8 + sizeof(malloc_chunk) == sizeof(malloc
 inline constexpr std::uint32_t use_mmap_bit = 1; // the one bit of mflags that is read
 
 /// The one heap. Its hot words fill exactly its first cache line.
-alignas(64) extern constinit malloc_state state;
+alignas(64) KXM_HIDDEN extern constinit malloc_state state;
 
 /// Not below the lowest address ever obtained.
 inline bool ok_address(const void* place) {

@@ -5,6 +5,7 @@
 #include "heap/malloc_trim.h"
 
 #include "heap/dlmalloc.h"
+#include "heap/heap_walk.h"
 #include "heap/malloc_bins.h"
 #include "heap/malloc_chunk.h"
 #include "heap/malloc_segment.h"
@@ -89,6 +90,7 @@ int sys_trim(std::size_t pad) {
         released = trim_top(pad);
     }
     released += release_unused_segments();
+    check_while_small();
     if (released == 0) {
         state.trim_check = ~std::size_t{0};
     }

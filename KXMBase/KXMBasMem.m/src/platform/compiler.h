@@ -18,6 +18,13 @@
 #define KXM_MAY_ALIAS
 #endif
 
+/// A variable that no other library sees, so that hot code reaches it without a table.
+#if defined(__GNUC__) && !defined(_WIN32)
+#define KXM_HIDDEN __attribute__((visibility("hidden")))
+#else
+#define KXM_HIDDEN
+#endif
+
 /// For the body of a hot entry that another entry repeats: a call there would cost as much as the
 /// work. The opposite for what hot code needs only in a rare case.
 #if defined(__GNUC__)

@@ -16,6 +16,8 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "platform/compiler.h"
+
 namespace os {
 
 // ---------------------------------------------------------------------------------------------
@@ -105,7 +107,7 @@ std::uint32_t thread_id(); ///< the system's own number for the calling thread
 /// True while the process certainly has one thread, so that a lock may count with plain adds. It is
 /// false before a second thread runs, so a lock taken with a plain add is released rightly later.
 /// Inline, because locks ask on their fast path: the word is the system's own.
-extern const char* const single_threaded_word;
+KXM_HIDDEN extern const char* const single_threaded_word;
 inline bool single_threaded() {
     return *single_threaded_word != 0;
 }
