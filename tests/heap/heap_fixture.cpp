@@ -2,6 +2,7 @@
 #include "heap_fixture.h"
 
 #include <memory>
+#include <vector>
 
 #include "heap/malloc_segment.h"
 #include "heap/system_memory_gate.h"
@@ -12,14 +13,23 @@ namespace {
 
 SystemWatch* watch = nullptr;
 
+struct Range {
+    void* base;
+    std::size_t size;
+};
+std::vector<Range> refused_releases; // some of it the heap has lost, if it was a direct mapping
+
 bool on_request(std::size_t) {
     const std::size_t number = watch->requests++;
     return number < watch->refuse_from || number - watch->refuse_from >= watch->refuse_count;
 }
 
-bool on_release(void*, std::size_t) {
+bool on_release(void* base, std::size_t size) {
     ++watch->releases;
-    watch->releases_refused += watch->refuse_releases ? 1 : 0;
+    if (watch->refuse_releases) {
+        ++watch->releases_refused;
+        refused_releases.push_back({base, size});
+    }
     return !watch->refuse_releases;
 }
 
@@ -44,6 +54,10 @@ void reset_heap() {
     if (heap::is_initialized()) {
         release_segments();
     }
+    for (const Range& range : refused_releases) { // only what is lost is still there
+        heap::win32munmap(range.base, range.size);
+    }
+    refused_releases.clear();
     if (const os::Event event = heap::state.mutex.event.load()) {
         os::event_close(event);
     }
