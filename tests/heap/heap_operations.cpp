@@ -162,6 +162,9 @@ private:
             expect(dlcalloc(count, size) == nullptr, "an overflowing array was served");
             return;
         }
+        if (size != 0 && count < mib * mib) {
+            count = std::min(count, 4 * mib / size);
+        }
         void* const mem = dlcalloc(count, size);
         const std::size_t bytes = count * size;
         if (mem != nullptr) {

@@ -21,14 +21,14 @@ std::vector<std::uint8_t> random_bytes(std::uint32_t seed, std::size_t count) {
 }
 
 TEST(HeapStress, ShortHistoriesUnderTheWalker) {
-    for (std::uint32_t seed = 1; seed <= 100; ++seed) {
+    for (std::uint32_t seed = 1; seed <= KXM_STRESS_SEEDS; ++seed) {
         const std::vector<std::uint8_t> bytes = random_bytes(seed, 1500);
         ASSERT_EQ(test::run_heap_operations(bytes.data(), bytes.size()), "") << "seed " << seed;
     }
 }
 
 TEST(HeapStress, LongHistories) {
-    for (std::uint32_t seed = 1001; seed <= 1004; ++seed) {
+    for (std::uint32_t seed = 1001; seed <= 1000 + KXM_STRESS_SEEDS / 25; ++seed) {
         const std::vector<std::uint8_t> bytes = random_bytes(seed, 30000);
         ASSERT_EQ(test::run_heap_operations(bytes.data(), bytes.size(), 16), "") << "seed " << seed;
     }
