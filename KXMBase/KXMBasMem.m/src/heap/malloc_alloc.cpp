@@ -78,11 +78,11 @@ struct Candidate {
     std::size_t wanted;
 
     void consider(malloc_tree_chunk* node) {
+        // Selected without a branch, which no processor could foresee.
         const std::size_t excess_of_node = chunk_size(node) - wanted;
-        if (excess_of_node < excess) {
-            chunk = node;
-            excess = excess_of_node;
-        }
+        const bool better = excess_of_node < excess;
+        chunk = better ? node : chunk;
+        excess = better ? excess_of_node : excess;
     }
 
     // Everything below and beside a tree's leftmost path is larger than something on it.
@@ -120,9 +120,8 @@ malloc_tree_chunk* descend(malloc_tree_chunk* root, unsigned index, Candidate& b
         }
         malloc_tree_chunk* const larger = node->child[1];
         node = node->child[bits >> 63];
-        if (larger != nullptr && larger != node) {
-            right = larger;
-        }
+        const bool passed = (larger != nullptr) & (larger != node);
+        right = passed ? larger : right;
     }
     return right;
 }

@@ -88,10 +88,8 @@ inline bool is_initialized() {
 class Entry {
 public:
     KXM_ALWAYS_INLINE Entry() {
-        if (params.page_size == 0) [[unlikely]] {
-            init_mparams();
-        }
-        if (state.use_lock != 0) [[likely]] {
+        // The word is zero before the parameters are set up, too, so one test serves both.
+        if (state.use_lock != 0 || wants_lock_after_set_up()) [[likely]] {
             mem_mlock_acquire(state.mutex);
         }
     }
@@ -102,6 +100,14 @@ public:
     }
     Entry(const Entry&) = delete;
     Entry& operator=(const Entry&) = delete;
+
+private:
+    static bool wants_lock_after_set_up() {
+        if (params.page_size == 0) {
+            init_mparams();
+        }
+        return state.use_lock != 0;
+    }
 };
 
 } // namespace heap
