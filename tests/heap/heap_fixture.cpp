@@ -19,9 +19,16 @@ struct Range {
 };
 std::vector<Range> refused_releases; // some of it the heap has lost, if it was a direct mapping
 
-bool on_request(std::size_t) {
+void* on_request(std::size_t size, os::Placement placement) {
     const std::size_t number = watch->requests++;
-    return number < watch->refuse_from || number - watch->refuse_from >= watch->refuse_count;
+    if (number >= watch->refuse_from && number - watch->refuse_from < watch->refuse_count) {
+        return nullptr;
+    }
+    if (void* const given = watch->supply) {
+        watch->supply = nullptr;
+        return given;
+    }
+    return os::vm_allocate(size, placement);
 }
 
 bool on_release(void* base, std::size_t size) {
@@ -93,12 +100,12 @@ bool is_aligned(const void* mem, std::size_t alignment) {
 
 SystemWatch::SystemWatch() {
     watch = this;
-    heap::test_seam::grant_hook = on_request;
+    heap::test_seam::supply_hook = on_request;
     heap::test_seam::release_hook = on_release;
 }
 
 SystemWatch::~SystemWatch() {
-    heap::test_seam::grant_hook = nullptr;
+    heap::test_seam::supply_hook = nullptr;
     heap::test_seam::release_hook = nullptr;
     watch = nullptr;
 }

@@ -39,6 +39,7 @@ public:
     std::size_t releases = 0;                  ///< tried
     std::size_t refuse_from = ~std::size_t{0}; ///< number of the first request refused, from 0 on
     std::size_t refuse_count = 0;              ///< how many are refused from there
+    void* supply = nullptr;                    ///< what the next request gets, if not null
     bool refuse_releases = false;
     std::size_t releases_refused = 0;
 };

@@ -2,8 +2,12 @@
 // stays in place, what goes back to the system, and every odd value of an argument.
 #include "heap_fixture.h"
 
+#include <algorithm>
 #include <cstring>
 #include <limits>
+#include <map>
+#include <random>
+#include <string>
 #include <vector>
 
 #include "heap/malloc_segment.h"
@@ -152,6 +156,66 @@ TEST_F(Heap, LargeRequestsTakeTheBestFitAndLeaveTheVictim) {
     EXPECT_EQ(test::heap_fault(), "");
 }
 
+TEST_F(Heap, AVictimThatFitsGoesFirst) {
+    void* const in_tree = dlmalloc(1000);
+    dlmalloc(100);
+    void* const small = dlmalloc(184);
+    dlmalloc(100);
+    void* const other = dlmalloc(1000 + 128);
+    dlmalloc(100);
+    dlfree(other);
+    EXPECT_EQ(dlmalloc(100), other); // its rest, as large as the chunk of 1000, is the victim
+    dlfree(in_tree);
+    ASSERT_EQ(heap::state.dvsize, 1024U);
+    void* const from_victim = static_cast<char*>(other) + 128;
+    EXPECT_EQ(dlmalloc(1000), from_victim) << "it wins a tie against the trees";
+    EXPECT_EQ(dlmalloc(900), in_tree) << "the rest of 64 is a chunk of its own";
+    EXPECT_EQ(dlmalloc_usable_size(in_tree), 960U - 8);
+    void* const rest = static_cast<char*>(in_tree) + 960;
+    EXPECT_EQ(dlmalloc(1), rest);
+    dlfree(small);
+    dlfree(dlmalloc(57)); // 128 of the 192: the victim is 64, and then whole again
+    EXPECT_EQ(dlmalloc(184), small);
+    dlfree(small);
+    dlfree(from_victim);
+    EXPECT_EQ(dlmalloc(120), small) << "a bin goes before the trees";
+    ASSERT_EQ(heap::state.dvsize, 64U);
+    EXPECT_EQ(dlmalloc(1), static_cast<char*>(small) + 128) << "exactly the victim, no other split";
+}
+
+// Free chunks of many sizes: each large request takes the smallest that holds it.
+TEST_F(Heap, TheTreesGiveTheBestFit) {
+    dlmallopt(-3, size_max);
+    std::mt19937 random(7);
+    std::vector<void*> blocks;
+    for (int i = 0; i < 3000; ++i) {
+        blocks.push_back(dlmalloc(200 + random() % (i % 4 == 0 ? 100000 : 3000)));
+        dlmalloc(1);
+    }
+    std::multimap<std::size_t, void*> free_chunks;
+    for (void* const mem : blocks) {
+        free_chunks.emplace(dlmalloc_usable_size(mem) + 8, mem);
+        dlfree(mem);
+    }
+    ASSERT_EQ(heap::state.dv, nullptr);
+    for (int i = 0; i < 6000; ++i) {
+        const std::size_t nb = heap::request2size(200 + random() % (i % 4 == 0 ? 90000 : 4000));
+        const auto best = free_chunks.lower_bound(nb);
+        if (best == free_chunks.end()) {
+            break;
+        }
+        void* const mem = dlmalloc(nb - 8);
+        const auto taken = std::find_if(best, free_chunks.upper_bound(best->first),
+                                        [mem](const auto& chunk) { return chunk.second == mem; });
+        ASSERT_NE(taken, free_chunks.upper_bound(best->first)) << i;
+        if (taken->first - nb >= 256) { // the rest is in the trees again
+            free_chunks.emplace(taken->first - nb, static_cast<char*>(mem) + nb);
+        }
+        free_chunks.erase(taken);
+    }
+    EXPECT_EQ(test::heap_fault(), "");
+}
+
 TEST_F(Heap, ReleaseMergesOnBothSides) {
     char* const a = static_cast<char*>(dlmalloc(500));
     char* const b = static_cast<char*>(dlmalloc(500));
@@ -229,6 +293,13 @@ TEST_F(Heap, ShrunkMappingBecomesASegment) {
     EXPECT_EQ(dlrealloc(mem, old_usable - 2 * unit + 64), mem) << "close enough";
     EXPECT_TRUE(is_direct(mem));
     EXPECT_EQ(dlmalloc_usable_size(mem), old_usable);
+    EXPECT_EQ(heap::state.seg.next, nullptr);
+    auto* const just = static_cast<char*>(dlmalloc(4 * mib));
+    EXPECT_EQ(dlrealloc(just, old_usable - 2 * unit - 64), just);
+    EXPECT_FALSE(is_direct(just)) << "a line more, and it is not";
+    dlfree(just);
+    dlmalloc_trim(0);
+    ASSERT_EQ(dlmalloc_footprint(), footprint);
 
     EXPECT_EQ(dlrealloc(mem, mib), mem);
     EXPECT_FALSE(is_direct(mem));
@@ -384,23 +455,42 @@ TEST_F(Heap, Figures) {
     dlfree(c);
 }
 
-// Every road into a joined range: behind the top, below a segment whose first chunk is in use,
-// free, the victim or the top, and apart from all.
-TEST_F(Heap, NewRangesJoinWhatTheyTouch) {
-    dlmallopt(-3, size_max);
-    std::vector<void*> blocks;
-    for (int i = 0; i < 200; ++i) {
-        blocks.push_back(dlmalloc(static_cast<std::size_t>(i % 7 + 1) * 30 * kib));
-        // Holes of one unit behind the last segment are filled by what comes later.
-        if (i % 9 == 0) {
-            blocks.push_back(os::vm_allocate(unit, os::Placement::segment));
-            EXPECT_TRUE(os::vm_release(blocks.back()));
-            blocks.pop_back();
+// A range that the system places directly below a segment: the request is cut from it, and the rest
+// merges with what the segment begins with.
+TEST_F(Heap, ARangeBelowASegmentJoinsItsFirstChunk) {
+    for (const char* const first : {"top", "victim", "free", "in use"}) {
+        test::reset_heap();
+        test::SystemWatch watch;
+        void* const low = os::vm_allocate(4 * unit, os::Placement::segment);
+        void* const high = os::vm_allocate(unit, os::Placement::segment);
+        if (static_cast<char*>(low) + 4 * unit != high) {
+            os::vm_release(low);
+            os::vm_release(high);
+            GTEST_SKIP() << "the system places them apart";
         }
-        ASSERT_EQ(test::heap_fault(), "");
-    }
-    for (void* const mem : blocks) {
-        dlfree(mem);
+        watch.supply = high;
+        void* const begin = dlmalloc(1000);
+        void* const behind = dlmalloc(1);
+        if (first != std::string("in use")) {
+            dlfree(begin);
+        }
+        if (first == std::string("victim")) {
+            dlfree(dlmalloc(1)); // split from the free chunk, and back into the victim
+            ASSERT_NE(heap::state.dv, nullptr);
+        } else if (first == std::string("top")) {
+            dlfree(behind);
+        }
+        watch.supply = low;
+        const std::size_t free_before = heap::take_census().free_bytes + heap::state.topsize;
+        auto* const mem = static_cast<char*>(dlmalloc(200 * kib));
+        EXPECT_EQ(mem, static_cast<char*>(low) + 64) << first;
+        EXPECT_EQ(test::heap_fault(), "") << first;
+        const heap::Census census = heap::take_census();
+        EXPECT_EQ(census.segments, 1U) << first;
+        EXPECT_EQ(census.free_bytes + heap::state.topsize,
+                  free_before + 4 * unit - dlmalloc_usable_size(mem) - 8)
+            << first;
+        EXPECT_EQ(census.free_chunks, first == std::string("top") ? 0U : 1U) << first;
     }
 }
 

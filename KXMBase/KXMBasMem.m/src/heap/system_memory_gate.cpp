@@ -8,7 +8,7 @@
 namespace heap {
 
 #if defined(KXM_TEST_SEAMS)
-bool (*test_seam::grant_hook)(std::size_t size) = nullptr;
+void* (*test_seam::supply_hook)(std::size_t size, os::Placement placement) = nullptr;
 bool (*test_seam::release_hook)(void* ptr, std::size_t size) = nullptr;
 #endif
 
@@ -19,7 +19,7 @@ namespace {
 constinit relaxed_word<std::int32_t> s_memoryLimitError{};
 
 char* ask_system(std::size_t size, os::Placement placement) {
-    void* const got = test_seam::granted(size) ? os::vm_allocate(size, placement) : nullptr;
+    void* const got = test_seam::allocate(size, placement);
     return got != nullptr ? static_cast<char*>(got) : all_ones();
 }
 
