@@ -186,6 +186,7 @@ TEST_F(Heap, AVictimThatFitsGoesFirst) {
 // Free chunks of many sizes: each large request takes the smallest that holds it.
 TEST_F(Heap, TheTreesGiveTheBestFit) {
     dlmallopt(-3, size_max);
+    dlmallopt(-2, 64 * mib); // one segment, so that no other chunk is free
     std::mt19937 random(7);
     std::vector<void*> blocks;
     for (int i = 0; i < 3000; ++i) {
