@@ -24,7 +24,19 @@ os::Event ensure_event(mem_mlock& lock) {
     }
 }
 
+// A few times as long as the heap's lock is usually held.
+constexpr int looks_before_counting = 128;
+
 } // namespace
+
+void mem_mlock_let_pass(const mem_mlock& lock) {
+    for (int look = 0; look < looks_before_counting; ++look) {
+        if (lock.count.load(std::memory_order_relaxed) <= 0) {
+            return;
+        }
+        os::spin_pause();
+    }
+}
 
 void mem_mlock_wait(mem_mlock& lock) {
     os::event_wait(ensure_event(lock));

@@ -40,8 +40,16 @@ inline std::int32_t mem_mlock_add(mem_mlock& lock, std::int32_t change) {
 void mem_mlock_wait(mem_mlock& lock); ///< for one wake-up
 void mem_mlock_wake(mem_mlock& lock); ///< gives one wake-up
 
+/// Lets the holder leave, for a while, before this thread counts itself in. Who is counted gets the
+/// lock handed over, which costs both threads a switch or nearly; who comes to a free lock does
+/// not.
+void mem_mlock_let_pass(const mem_mlock& lock);
+
 /// Takes the lock, waiting as long as it must. Always succeeds, which the true says.
 inline bool mem_mlock_acquire(mem_mlock& lock) {
+    if (lock.count.load(std::memory_order_relaxed) > 0) [[unlikely]] {
+        mem_mlock_let_pass(lock);
+    }
     if (mem_mlock_add(lock, 1) >= 2) [[unlikely]] {
         mem_mlock_wait(lock);
     }

@@ -4,6 +4,10 @@
 #include <cstddef>
 #include <cstdint>
 
+#if !defined(__GNUC__)
+#include <intrin.h>
+#endif
+
 /// For the few functions whose required behaviour is to read memory that a checker would object to.
 #if defined(__GNUC__)
 #define KXM_NO_SANITIZE __attribute__((noinline, no_sanitize("address", "thread", "undefined")))
@@ -36,6 +40,15 @@
 #endif
 
 namespace os {
+
+/// For the body of a loop that waits for another thread for a short while.
+inline void spin_pause() {
+#if defined(__GNUC__)
+    __builtin_ia32_pause();
+#else
+    _mm_pause();
+#endif
+}
 
 /// Copies `size` bytes without asking whether the source is readable for so long; a checked build
 /// does not look at it either. pre: the ranges do not overlap.
