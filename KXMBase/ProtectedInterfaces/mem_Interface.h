@@ -43,9 +43,9 @@ KXMBASMEM_API void mem_Free(void* ptr);
     smaller size. A null `ptr` asks for a new block. When memory is short the result is null and
     `ptr` stays as it was.
     Size 0 differs by back end and is best avoided: the C runtime releases `ptr` and gives null, the
-    guarded back end gives a block without bytes, the aligned one gives null and keeps `ptr`.
-    On the aligned back end the copy has the length of the new size even when the block grows, and
-   so reads past the end of the old one. */
+    guarded back end gives a block without bytes, the aligned one gives null and keeps `ptr`, the
+   heap does as the C runtime. On the aligned back end the copy has the length of the new size even
+   when the block grows, and so reads past the end of the old one. */
 KXMBASMEM_API void* mem_Realloc(void* ptr, size_t size);
 
 /** `count` times `size` zeroed bytes. Never a tiny block, whatever the size. */

@@ -14,6 +14,9 @@ std::size_t used_words = 8;
 
 void* chunk_malloc(std::size_t size) {
     const std::size_t words = (size + 71) / 64 * 8;
+    if (reinterpret_cast<std::uintptr_t>(memory + used_words) % 4096 == 0) {
+        used_words += 8; // at the start of a page the word is not looked at
+    }
     std::uint64_t* const block = memory + used_words;
     used_words += words + 8;
     block[-1] = words * 8 | 3;

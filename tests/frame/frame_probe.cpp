@@ -28,9 +28,7 @@ bool looks_guarded(const char* block, std::size_t size) {
 // guarded block lies 8 bytes off where the runtime would put it; only then is there a guard to
 // read.
 const char* backend() {
-    if (mem_usingDL() != 0) {
-        return "heap"; // asked for nothing: tells the binding alone
-    }
+    const std::size_t footprint = mem_footprint(); // only the heap counts its own
     bool aligned = true, guarded = true;
     std::vector<void*> blocks;
     for (std::size_t size = 24; size < 24 + 16 * 8; size += 8) {
@@ -42,6 +40,9 @@ const char* backend() {
     }
     for (void* const block : blocks) {
         mem_Free(block);
+    }
+    if (mem_footprint() != footprint) {
+        return aligned ? "heap" : "heap, misaligned";
     }
     return aligned ? "aligned" : guarded ? "guarded" : "crt";
 }
@@ -147,8 +148,6 @@ int main(int argc, char** argv) {
         std::fflush(stdout);
         mem_Malloc(SIZE_MAX / 2); // the guarded back end has no test of a refusal
         result = 0;
-    } else if (what == "heap-request") {
-        result = mem_Malloc(10) != nullptr ? 0 : 1;
     } else if (what == "release-lock") {
         mem_ReleaseMemoryLock();
         result = 0;

@@ -4,6 +4,10 @@
 #include <cstddef>
 #include <cstdint>
 
+#if !defined(__GNUC__)
+#include <intrin.h>
+#endif
+
 /// For the few functions whose required behaviour is to read memory that a checker would object to.
 #if defined(__GNUC__)
 #define KXM_NO_SANITIZE __attribute__((noinline, no_sanitize("address", "thread", "undefined")))
@@ -11,7 +15,40 @@
 #define KXM_NO_SANITIZE __declspec(noinline)
 #endif
 
+/// A structure through which memory is read and written that may have held any other type before.
+#if defined(__GNUC__)
+#define KXM_MAY_ALIAS __attribute__((may_alias))
+#else
+#define KXM_MAY_ALIAS
+#endif
+
+/// A variable that no other library sees, so that hot code reaches it without a table.
+#if defined(__GNUC__) && !defined(_WIN32)
+#define KXM_HIDDEN __attribute__((visibility("hidden")))
+#else
+#define KXM_HIDDEN
+#endif
+
+/// For the body of a hot entry that another entry repeats: a call there would cost as much as the
+/// work. The opposite for what hot code needs only in a rare case.
+#if defined(__GNUC__)
+#define KXM_ALWAYS_INLINE inline __attribute__((always_inline))
+#define KXM_NEVER_INLINE __attribute__((noinline))
+#else
+#define KXM_ALWAYS_INLINE __forceinline
+#define KXM_NEVER_INLINE __declspec(noinline)
+#endif
+
 namespace os {
+
+/// For the body of a loop that waits for another thread for a short while.
+inline void spin_pause() {
+#if defined(__GNUC__)
+    __builtin_ia32_pause();
+#else
+    _mm_pause();
+#endif
+}
 
 /// Copies `size` bytes without asking whether the source is readable for so long; a checked build
 /// does not look at it either. pre: the ranges do not overlap.

@@ -142,8 +142,6 @@ std::uint32_t thread_id() {
     return id;
 }
 
-bool single_threaded() {
-    return __libc_single_threaded != 0;
-}
+const char* const single_threaded_word = &__libc_single_threaded;
 
 } // namespace os
