@@ -1,9 +1,11 @@
 #!/bin/sh
 # Builds the library and runs the example job on it: a steel cantilever of 57,000 tetrahedra, solved
-# once on each back end. Shows what each run allocated and where its result is.
+# once on each back end, and once against a memory limit that is too low. Shows what each run allocated,
+# how a refusal is reported, and where the results are.
 set -eu
 cd "$(dirname "$0")"
 . scripts/common.sh
+no_arguments "$@"
 
 mkdir -p build demo-output
 need_build_packages
@@ -21,7 +23,7 @@ figure() {
 
 echo
 echo "A cantilever 2 m long and 0.2 m thick, clamped at one end, 1000 N on the other."
-for backend in crt guarded aligned; do
+for backend in crt guarded aligned heap; do
     echo
     echo "== back end $backend"
     "$program" --backend $backend --output demo-output/beam-$backend.vtu \
@@ -30,13 +32,22 @@ done
 
 echo
 echo "back end   requests   asked for MiB   footprint at most MiB   solve s   from beam theory"
-for backend in crt guarded aligned; do
+for backend in crt guarded aligned heap; do
     file=demo-output/beam-$backend.json
     printf '%s %s %s %s %s %s\n' $backend "$(figure $file requests)" "$(figure $file asked_bytes)" \
         "$(figure $file max_footprint_bytes)" "$(figure $file solve_seconds)" \
         "$(figure $file difference)"
 done | awk '{ printf "%-8s %10d %15.1f %23.1f %9.2f %15.2f %%\n",
               $1, $2, $3 / 1048576, $4 / 1048576, $5, 100 * $6 }'
+
+limit=100
+echo
+echo "== the heap with a hard limit of $limit MiB, which this job outgrows"
+status=0
+"$program" --backend heap --memory-limit $limit "$mesh" || status=$?
+echo "The job ended by itself, with its exit status for memory: $status"
+[ $status -eq 4 ]
+
 echo
 echo "All containers, operators new and Fortran work arrays of these runs drew on the library."
 echo "Displacements and stresses, for ParaView or another VTK viewer:"

@@ -38,6 +38,10 @@ check_format() {
 }
 
 what=${1:-both}
+[ $# -le 1 ] || {
+    echo "test.sh: one argument at most" >&2
+    exit 2
+}
 case $what in
 both | linux | windows | check) ;;
 -h | --help)

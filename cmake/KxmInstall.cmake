@@ -15,6 +15,8 @@ install(DIRECTORY KXMBase/ProtectedInterfaces/ DESTINATION ${CMAKE_INSTALL_INCLU
 install(FILES KX0CORE/KX0CORE.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
 install(FILES ${PROJECT_BINARY_DIR}/modules/kxmbasmem.mod
         DESTINATION ${CMAKE_INSTALL_LIBDIR}/fortran/modules)
+# Module files are one compiler's own; another one makes them from the source.
+install(FILES bindings/kxmbasmem.f90 DESTINATION ${CMAKE_INSTALL_DATADIR}/kxmbasmem)
 if(KXM_RUNTIME_DLLS)
   install(FILES ${KXM_RUNTIME_DLLS} DESTINATION ${CMAKE_INSTALL_BINDIR})
 endif()

@@ -1,6 +1,19 @@
 # Sourced by the scripts at the top of the tree: installs what a machine lacks, builds a preset, and
 # keeps Wine's server running while Windows programs are tested.
 
+# no_arguments "$@": for scripts that take none; -h prints their head.
+no_arguments() {
+    [ $# -eq 0 ] && return 0
+    case $1 in
+    -h | --help)
+        sed -n '2,/^$/s/^# \{0,1\}//p' "$0" | sed '/^set -eu/,$d'
+        exit 0
+        ;;
+    esac
+    echo "$0 takes no arguments" >&2
+    exit 2
+}
+
 # need_packages NAME...: Debian packages, installed if missing, or named if that cannot be done.
 need_packages() {
     missing=

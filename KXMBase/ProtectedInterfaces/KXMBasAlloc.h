@@ -3,7 +3,8 @@
 
    Each layer counts: only the first start and the last stop do any work, and each layer that works
    adds one to (start) or takes one from (stop) the caller's `status`. A first
-   KXMBasAlloc_initialize raises it by three. The status is counted, never tested, and no error is
+   KXMBasAlloc_initialize raises it by three; loading has made that first start, so a client's
+   own pair changes nothing. The status is counted, never tested, and no error is
    reported through it. C++ has all of it; C has the entries with plain names. */
 #ifndef KXMBasAlloc_h
 #define KXMBasAlloc_h

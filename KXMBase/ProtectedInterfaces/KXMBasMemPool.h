@@ -53,7 +53,7 @@ private:
     std::uint64_t m_memoryPeak = 0;    // bytes
     std::int32_t m_poolId;
     char m_poolName[1024];
-    [[maybe_unused]] KXMBasMemCacheManager* m_cacheManager; // kept for the client
+    KXMBasMemCacheManager* m_cacheManager; // kept for the client
     std::uint64_t m_memoryHighWater = 0;
     std::uint64_t m_limitFirst = 0;
     std::uint64_t m_limitSecond = 0;

@@ -3,8 +3,8 @@
    again; calling code goes through the capitalised entries of mem_Interface.h instead.
 
    Before binding only mem_malloc may be called: it binds the table by itself. The other eleven are
-   null until then. Arguments and results are those of the capitalised entries, but both footprints
-   are bytes. */
+   null until then. Arguments and results are those of the capitalised entries, except that both
+   footprints are bytes, and 0 on any back end but the heap. */
 #ifndef mem_BoundFunctions_h
 #define mem_BoundFunctions_h
 

@@ -4,7 +4,8 @@
    once the library is loaded. A request goes to the tiny block pool when that is on and the request
    is at most 128 bytes, and to the bound back end otherwise; then the tracker is told of it.
 
-   Failure is a null result; nothing here prints or throws. Blocks belong to the caller until they
+   Failure is a null result; nothing here prints or throws (the guarded back end does print what
+   damage it finds, and faults where it is refused memory). Blocks belong to the caller until they
    are given back through the entry named with each allocation. Sizes are bytes unless said
    otherwise. */
 #ifndef mem_Interface_h
@@ -48,7 +49,8 @@ KXMBASMEM_API void mem_Free(void* ptr);
    when the block grows, and so reads past the end of the old one. */
 KXMBASMEM_API void* mem_Realloc(void* ptr, size_t size);
 
-/** `count` times `size` zeroed bytes. Never a tiny block, whatever the size. */
+/** `count` times `size` zeroed bytes. Never a tiny block, whatever the size. On the aligned back
+   end it is the C runtime's calloc, and the runtime's free is what gives it back. */
 KXMBASMEM_API void* mem_Calloc(size_t count, size_t size);
 
 /** A block of `size` bytes at a multiple of `alignment`, any power of two. It comes from the C

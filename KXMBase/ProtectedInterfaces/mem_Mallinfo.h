@@ -26,7 +26,7 @@ typedef struct kxm_mallinfo {
     uint64_t keepcost; /**< bytes of the top chunk */
 #ifdef __cplusplus
 };
-static_assert(sizeof(mallinfo) == 80);
+static_assert(sizeof(mallinfo) == 80, "ten 64-bit figures");
 } // namespace kxm
 
 class KXMBASMEM_API mem_Mallinfo {

@@ -22,6 +22,7 @@ Refusal refusal; // of one thread, like the job
 constexpr auto relaxed = std::memory_order_relaxed;
 
 void note_refusal(std::size_t bytes, bool by_budget) noexcept {
+    mem_MaxFootprint();
     refusal = {bytes, by_budget, !by_budget && mem_ErrorMemoryLimit() != 0,
                live_bytes.load(relaxed), mem_Footprint()};
 }
@@ -37,7 +38,12 @@ bool charge(std::size_t bytes) noexcept {
     return false;
 }
 
+// Outside the heap the library's peak is only as good as it is asked for: at every large request.
+constexpr std::size_t worth_a_look = 256 * 1024;
+
 void count_granted(std::size_t bytes) noexcept {
+    if (bytes >= worth_a_look)
+        mem_MaxFootprint();
     requests.fetch_add(1, relaxed);
     bytes_asked.fetch_add(bytes, relaxed);
     const std::uint64_t live = live_bytes.load(relaxed);

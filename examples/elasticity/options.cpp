@@ -94,7 +94,9 @@ constexpr Option table[] = {
      }},
     {"--load", "N", "total force in N on group \"load\" (1000)",
      [](Options& o, std::string_view v) {
-         o.load.force = real(v, "a finite number", [](double) { return true; });
+         // Squares of it must stay numbers.
+         o.load.force = real(v, "a number between 1e-30 and 1e30, or its negative",
+                             [](double f) { return std::abs(f) >= 1e-30 && std::abs(f) <= 1e30; });
      }},
     {"--direction", "X,Y,Z", "direction of the force (0,0,-1)", set_direction},
     {"--output", "FILE", "write displacements and stresses as VTK (.vtu)",

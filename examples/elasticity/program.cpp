@@ -7,6 +7,7 @@
 
 #include <KXMBasMem.h>
 
+#include <cinttypes>
 #include <cstdio>
 #include <new>
 
@@ -42,8 +43,16 @@ int run_unguarded(int argc, char** argv) {
         write_json(options, report);
     if (!options.quiet)
         print_report(options, report);
-    if (!report.solver.converged)
-        std::fprintf(stderr, "elasticity: the solver did not converge; no result is written\n");
+    if (!report.solver.converged && report.solver.iterations < options.solver.iterations)
+        std::fprintf(stderr,
+                     "elasticity: the solver did not converge: rounding stops it at a relative "
+                     "residual of %.1e, above --tolerance; no result is written\n",
+                     report.solver.residual);
+    else if (!report.solver.converged)
+        std::fprintf(stderr,
+                     "elasticity: the solver did not converge in %" PRId64
+                     " iterations; no result is written\n",
+                     options.solver.iterations);
     else if (!report.within_tolerance)
         std::fprintf(stderr, "elasticity: the deflection differs from beam theory by %.2f %%\n",
                      100 * report.difference);

@@ -128,7 +128,7 @@ TEST(Files, AreMadeEmptyWrittenBinaryAndSeekable) {
 
 TEST(Files, TakeWideNamesAndRefuseBrokenOnes) {
     const std::string folder = test::scratch_folder("wide");
-    std::u16string name(folder.begin(), folder.end());
+    std::u16string name = std::filesystem::path(folder).u16string();
     name += u"gr\u00f6\u00dfe\u4e2d\U0001f600.bin";
     const auto* const wide = reinterpret_cast<const unsigned short*>(name.c_str());
     const os::File file = os::file_create_wide(wide);

@@ -34,6 +34,7 @@ void operator_pool_seam::activate() {
 
 KXMBasMemPool::KXMBasMemPool(int id, const char* name, KXMBasMemCacheManager* manager)
     : m_poolId(id), m_poolName{}, m_cacheManager(manager) {
+    static_cast<void>(m_cacheManager); // nothing here reads it
     const char* const text = name != nullptr ? name : "unaccounted";
     // Cut where the field ends; the rest stays NUL.
     std::memcpy(m_poolName, text, ::strnlen(text, sizeof m_poolName - 1));
