@@ -1,9 +1,8 @@
 // Operations on the bins, and the designated victim. The small ones are inline: they are the hot
 // path of every small request. See malloc_state.h for what the bins hold.
 //
-// A tree bin is a trie on the bits of the size below those that the bin fixes. Bin i, with h = i /
-// 2
-// + 8, holds sizes of [2^h, 1.5 * 2^h) for even i and [1.5 * 2^h, 2^(h+1)) for odd i; the last one
+// A tree bin is a trie on the bits of the size below those that the bin fixes. Bin i, with
+// h = i / 2 + 8, holds sizes of [2^h, 1.5 * 2^h) for even i and [1.5 * 2^h, 2^(h+1)) for odd i; the last one
 // holds everything above. From the root down, at depth d:
 //
 //     (size << leftshift_for_tree_index(i) << d) >> 63   is the child that leads to it

@@ -4,11 +4,9 @@
 // and, while it is free, links in what is the user's data otherwise:
 //
 //     chunk p      +----------------------------------------------+
-//                  | prev_foot: size of the chunk before, if free |   else the last word of its
-//                  data
+//                  | prev_foot: size of the chunk before, if free |   (else the end of its data)
 //     p + 8        | head: size of this chunk           | C  | P  |
-//     mem = p + 16 +----------------------------------------------+ <- the user's pointer,
-//     64-aligned
+//     mem = p + 16 +----------------------------------------------+ <- user's pointer, 64-aligned
 //                  | fd (free chunk: next in its list)            |
 //                  | bk (free chunk: previous in its list)        |
 //                  | ... a tree node's links, or the user's data  |

@@ -4,7 +4,7 @@
 //
 //     ... segment with top ][ new range           the top grows into it
 //               [ new range ][ segment ...        the request is cut from its start, the rest
-//               merges
+//                                                 merges with the segment's first chunk
 //     neither                                     it becomes the newest segment, with a new top
 #include "heap/malloc_grow.h"
 

@@ -3,14 +3,12 @@
 // Where free memory is, for sizes s:
 //
 //     s < 256     smallbins[s / 8]: doubly linked lists, one size each. Sizes being multiples of
-//     32,
-//                 few of the 32 are ever used; map tests and layout are those of the general
+//                 32, few of the 32 are ever used; map tests and layout are those of the general
 //                 design.
 //     s >= 256    treebins[compute_tree_index(s)]: bitwise tries, two per power of two, whose nodes
 //                 carry a circular list of chunks of their own size.
 //     dv          the designated victim: the remainder of the most recent split for a small
-//     request,
-//                 kept out of the bins so that small requests in a row lie side by side.
+//                 request, kept out of the bins so that small requests in a row lie side by side.
 //     top         the free end of the newest segment, which is always the first record `seg`. Null
 //                 is how the heap tells that it has no segment yet.
 //
