@@ -23,8 +23,12 @@ constexpr auto relaxed = std::memory_order_relaxed;
 
 void note_refusal(std::size_t bytes, bool by_budget) noexcept {
     mem_MaxFootprint();
-    refusal = {bytes, by_budget, !by_budget && mem_ErrorMemoryLimit() != 0,
-               live_bytes.load(relaxed), mem_Footprint()};
+    refusal = {bytes,
+               by_budget,
+               !by_budget && mem_ErrorMemoryLimit() != 0,
+               live_bytes.load(relaxed),
+               mem_Footprint(),
+               mem_FragmentationInfo()};
 }
 
 // Room for a request: taken before it is made, so that the budget holds for all threads together.

@@ -46,6 +46,7 @@ struct Refusal {
     bool by_library_limit = false; // by the library's limit and not by the system
     std::uint64_t live_bytes = 0;  // that this program held
     std::size_t footprint_kib = 0; // as the library told
+    std::size_t largest_free = 0;  // bytes; the heap's largest free chunk
 };
 
 /// The last refusal, kept because everything is released on the way to the report of it.

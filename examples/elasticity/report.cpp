@@ -170,10 +170,11 @@ void print_out_of_memory() {
                   "  held by this job  %" PRIu64 " bytes then, %" PRIu64 " at most\n"
                   "  library's limit   %zu bytes (0: none)\n"
                   "  footprint         %zu KiB then, %zu KiB now, %zu bytes at most\n"
+                  "  largest free      %zu bytes in one chunk then\n"
                   "  back end          %s\n",
                   present_step(), refusal.bytes, reason, refusal.live_bytes,
                   memory_figures().peak_bytes, mem_MemoryLimit(), refusal.footprint_kib,
-                  mem_Footprint(), mem_MaxFootprint(), present_backend());
+                  mem_Footprint(), mem_MaxFootprint(), refusal.largest_free, present_backend());
     std::fputs(text, stderr);
 }
 
