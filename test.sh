@@ -11,10 +11,6 @@ set -eu
 cd "$(dirname "$0")"
 . scripts/common.sh
 
-usage() {
-    sed -n '2,9s/^# \{0,1\}//p' "$0"
-}
-
 on_linux() {
     build "$1"
     echo "== test: $1"
@@ -45,12 +41,12 @@ what=${1:-both}
 case $what in
 both | linux | windows | check) ;;
 -h | --help)
-    usage
+    print_head
     exit 0
     ;;
 *)
     echo "test.sh: unknown argument '$what'" >&2
-    usage >&2
+    print_head >&2
     exit 2
     ;;
 esac

@@ -1,12 +1,17 @@
 # Sourced by the scripts at the top of the tree: installs what a machine lacks, builds a preset, and
 # keeps Wine's server running while Windows programs are tested.
 
+# The comment at the head of the script that runs: its usage.
+print_head() {
+    sed -n '2,${/^#/!q;s/^# \{0,1\}//p;}' "$0"
+}
+
 # no_arguments "$@": for scripts that take none; -h prints their head.
 no_arguments() {
     [ $# -eq 0 ] && return 0
     case $1 in
     -h | --help)
-        sed -n '2,/^$/s/^# \{0,1\}//p' "$0" | sed '/^set -eu/,$d'
+        print_head
         exit 0
         ;;
     esac

@@ -149,14 +149,9 @@ contains
         real(c_double), intent(in) :: coordinates(3, nodes), reference(3, nodes)
         real(c_double), intent(out) :: gradient(3, nodes), volume
         real(c_double) :: jacobian(3, 3), inverse(3, 3), determinant
-        integer :: a, i
+        integer :: a
 
-        jacobian = 0.0_c_double
-        do a = 1, nodes
-            do i = 1, 3
-                jacobian(:, i) = jacobian(:, i) + coordinates(:, a) * reference(i, a)
-            end do
-        end do
+        call sum_of_products(nodes, coordinates, reference, jacobian)
         call cofactors(jacobian, inverse)
         determinant = dot_product(jacobian(:, 1), inverse(:, 1))
         volume = determinant / 6.0_c_double
@@ -167,6 +162,22 @@ contains
                              inverse(:, 3) * reference(3, a)
         end do
     end subroutine spatial_gradients
+
+    ! left times the transpose of right, without the temporaries that the intrinsics may take from
+    ! behind the library's back.
+    pure subroutine sum_of_products(nodes, left, right, total)
+        integer(c_int), intent(in) :: nodes
+        real(c_double), intent(in) :: left(3, nodes), right(3, nodes)
+        real(c_double), intent(out) :: total(3, 3)
+        integer :: a, i
+
+        total = 0.0_c_double
+        do a = 1, nodes
+            do i = 1, 3
+                total(:, i) = total(:, i) + left(:, a) * right(i, a)
+            end do
+        end do
+    end subroutine sum_of_products
 
     ! Columns of the transposed inverse, times the determinant: cross products of the columns.
     pure subroutine cofactors(matrix, result)
@@ -210,14 +221,9 @@ contains
         real(c_double), intent(in) :: gradient(3, nodes), displacement(3, nodes), lambda, mu
         real(c_double), intent(out) :: stress(6)
         real(c_double) :: slope(3, 3), pressure
-        integer :: a, i
+        integer :: i
 
-        slope = 0.0_c_double
-        do a = 1, nodes
-            do i = 1, 3
-                slope(:, i) = slope(:, i) + displacement(:, a) * gradient(i, a)
-            end do
-        end do
+        call sum_of_products(nodes, displacement, gradient, slope)
         pressure = lambda * (slope(1, 1) + slope(2, 2) + slope(3, 3))
         do i = 1, 3
             stress(i) = pressure + 2.0_c_double * mu * slope(i, i)

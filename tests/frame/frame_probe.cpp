@@ -148,9 +148,6 @@ int main(int argc, char** argv) {
         std::fflush(stdout);
         mem_Malloc(SIZE_MAX / 2); // the guarded back end has no test of a refusal
         result = 0;
-    } else if (what == "release-lock") {
-        mem_ReleaseMemoryLock();
-        result = 0;
     }
     std::fflush(stdout);
     return result;

@@ -121,8 +121,7 @@ void* myRealloc(void* ptr, std::size_t size) {
 
 void* myCalloc(std::size_t count, std::size_t size) {
     const std::size_t total = count * size; // wraps like the runtime's own product once did: meant
-    // Whole elements that cover data and overhead. A size of 0 takes the processor's division
-    // fault.
+    // Whole elements that cover data and overhead; a size of 0 takes the processor's division fault.
     // A request whose sum would wrap asks for more than there is, as in with_overhead.
     const std::size_t rounding = size - 1;
     const bool wraps = rounding > size_max - overhead || total > size_max - overhead - rounding;

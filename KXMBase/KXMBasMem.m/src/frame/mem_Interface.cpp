@@ -32,8 +32,8 @@ using CachedUse = os::relaxed_word<Use>;
 CachedUse s_useMalloc, s_useFree, s_useMalignFree, s_useRealloc, s_useCalloc, s_useMalign,
     s_useRelease, s_useAcquire;
 
-os::relaxed_word<std::uint64_t> s_maxFootprint =
-    0; // bytes; highest met by mem_MaxFootprint outside the heap
+// Bytes; the highest that mem_MaxFootprint has met outside the heap.
+os::relaxed_word<std::uint64_t> s_maxFootprint = 0;
 
 // What to cache next. Once off, always off; "finished" is not kept longer than the one call.
 Use check_tracker(Use cached) {
