@@ -1,0 +1,49 @@
+// See fault.h.
+#include "fault.h"
+
+#include "platform/os.h"
+
+#include <windows.h>
+
+namespace test {
+namespace {
+
+void (*seen_by)(void*) = nullptr;
+
+LONG CALLBACK on_exception(EXCEPTION_POINTERS* pointers) {
+    if (seen_by != nullptr) {
+        void (*const filter)(void*) = seen_by;
+        seen_by = nullptr; // faults of the filter's own are no business of ours
+        CONTEXT context = *pointers->ContextRecord;
+        EXCEPTION_POINTERS copy{pointers->ExceptionRecord, &context};
+        filter(&copy);
+    }
+    return EXCEPTION_CONTINUE_SEARCH;
+}
+
+void run(void* work) {
+    (*static_cast<void (**)()>(work))();
+}
+
+} // namespace
+
+bool with_fault(void (*work)(), void (*filter)(void*)) {
+    seen_by = filter;
+    void* const handler = AddVectoredExceptionHandler(1, on_exception);
+    const bool faulted = !os::guarded_call(run, &work);
+    RemoveVectoredExceptionHandler(handler);
+    seen_by = nullptr;
+    return faulted;
+}
+
+void set_position(void* exception_pointers, std::uint64_t instruction, std::uint64_t stack) {
+    CONTEXT& context = *static_cast<EXCEPTION_POINTERS*>(exception_pointers)->ContextRecord;
+    context.Rip = instruction;
+    context.Rsp = stack;
+}
+
+std::uint64_t stack_position(const void* exception_pointers) {
+    return static_cast<const EXCEPTION_POINTERS*>(exception_pointers)->ContextRecord->Rsp;
+}
+
+} // namespace test
