@@ -9,14 +9,15 @@ namespace test {
 namespace {
 
 void (*seen_by)(void*) = nullptr;
+thread_local bool filtering = false; // faults of the filter's own are no business of ours
 
 LONG CALLBACK on_exception(EXCEPTION_POINTERS* pointers) {
-    if (seen_by != nullptr) {
-        void (*const filter)(void*) = seen_by;
-        seen_by = nullptr; // faults of the filter's own are no business of ours
+    if (!filtering) {
+        filtering = true;
         CONTEXT context = *pointers->ContextRecord;
         EXCEPTION_POINTERS copy{pointers->ExceptionRecord, &context};
-        filter(&copy);
+        seen_by(&copy);
+        filtering = false;
     }
     return EXCEPTION_CONTINUE_SEARCH;
 }
@@ -32,7 +33,6 @@ bool with_fault(void (*work)(), void (*filter)(void*)) {
     void* const handler = AddVectoredExceptionHandler(1, on_exception);
     const bool faulted = !os::guarded_call(run, &work);
     RemoveVectoredExceptionHandler(handler);
-    seen_by = nullptr;
     return faulted;
 }
 

@@ -10,5 +10,5 @@
 extern "C" {
 using Callback = int (*)(int);
 FRAMES_API int frames_in_library(Callback callback, int value); // line 6 of frames_library.cpp
-int frames_in_fortran(Callback callback, int value);            // line 17 of frames_fortran.f90
+int frames_in_fortran(Callback callback, int value);            // line 16 of frames_fortran.f90
 }

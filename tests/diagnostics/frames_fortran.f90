@@ -1,5 +1,6 @@
-! The Fortran routine of frames.h.
-module frames_fortran
+! The Fortran routine of frames.h. It stands outside a module, because Wine's debug help does not look
+! into modules.
+integer(c_int) function frames_in_fortran(callback, value) bind(c)
   use, intrinsic :: iso_c_binding
   implicit none
   abstract interface
@@ -8,12 +9,9 @@ module frames_fortran
       integer(c_int), value :: value
     end function callback_type
   end interface
-contains
-  integer(c_int) function frames_in_fortran(callback, value) bind(c)
-    type(c_funptr), value :: callback
-    integer(c_int), value :: value
-    procedure(callback_type), pointer :: call_back
-    call c_f_procpointer(callback, call_back)
-    frames_in_fortran = call_back(value) + 1
-  end function frames_in_fortran
-end module frames_fortran
+  type(c_funptr), value :: callback
+  integer(c_int), value :: value
+  procedure(callback_type), pointer :: call_back
+  call c_f_procpointer(callback, call_back)
+  frames_in_fortran = call_back(value) + 1
+end function frames_in_fortran

@@ -126,14 +126,14 @@ TEST(Capture, NamesCxxFortranAndSharedLibraries) {
     const auto has = [](const std::string& piece) {
         EXPECT_NE(captured->find(piece), std::string::npos) << piece << "\n" << *captured;
     };
-    has(on_windows() ? "  2)  " + test::padded(program(), 26) + "  refine "
-                     : "  2)  " + test::padded(program(), 26) +
-                           "  (anonymous namespace)::solver::Mesh::refine ");
+    // Wine's debug help leaves unnamed namespaces out.
+    has("  2)  " + test::padded(program(), 26) + "  " +
+        (on_windows() ? "" : "(anonymous namespace)::") + "solver::Mesh::refine ");
     has("  3)  " + test::padded(on_windows() ? "kxm_frames.dll" : "libkxm_frames.so", 26) +
         "  frames_in_library                         frames_library.cpp (6)\n");
-    has("assemble<double>");
+    has("solver::assemble<double> ");
     has("  5)  " + test::padded(program(), 26) +
-        "  frames_in_fortran                         frames_fortran.f90 (17)\n");
+        "  frames_in_fortran                         frames_fortran.f90 (16)\n");
 }
 
 TEST(Capture, EndsAtTheStartOfAThread) {
@@ -156,16 +156,20 @@ void see(void* exception_pointers) {
 }
 
 TEST(CaptureOfAFault, BeginsAtTheCallerOfWhatFailed) {
-    for (void (*const work)() :
-         {+[] { endthreadex(stack_reads); }, +[] { endthreadex(stack_calls_nowhere); }}) {
-        seen.reset();
-        ASSERT_TRUE(test::with_fault(work, see));
-        ASSERT_TRUE(seen);
-        EXPECT_NE(seen->find("  stack_calls "), std::string::npos) << *seen;
-        EXPECT_EQ(seen->find("endthreadex"), std::string::npos);
+    ASSERT_TRUE(test::with_fault([] { endthreadex(stack_reads); }, see));
+    // os::read_word_unchecked failed.
+    EXPECT_EQ(seen->find("  1)  " + test::padded(program(), 26) + "  stack_reads "), 0U);
+    EXPECT_NE(seen->find("  2)  " + test::padded(program(), 26) + "  stack_calls "),
+              std::string::npos);
+    EXPECT_EQ(std::count(seen->begin(), seen->end(), '\n'), 2);
+
+    seen.reset();
+    ASSERT_TRUE(test::with_fault([] { endthreadex(stack_calls_nowhere); }, see));
+    ASSERT_TRUE(seen);
+    if (!on_windows()) { // Wine's debug help does not walk from nowhere
+        EXPECT_EQ(seen->find("  1)  " + test::padded(program(), 26) + "  stack_calls_nowhere "), 0U)
+            << "what failed, and is lost, is the place that was called";
     }
-    EXPECT_EQ(seen->find("  1)  " + test::padded(program(), 26) + "  stack_calls_nowhere "), 0U)
-        << "a call to nowhere has a frame of its own, which is lost in its place";
 }
 
 alignas(16) std::uint64_t broken_stack[512];
