@@ -9,8 +9,8 @@ namespace test {
 /// KXMBasCallStack::ExceptionCallStack), and goes on after the call. False when there was no fault.
 bool with_fault(void (*work)(), void (*filter)(void* exception_pointers));
 
-/// Changes what `filter` was given: where the code was and where its stack.
+/// Changes what `filter` was given: where the code was and where its stack
+/// and frame.
 void set_position(void* exception_pointers, std::uint64_t instruction, std::uint64_t stack);
-std::uint64_t stack_position(const void* exception_pointers);
 
 } // namespace test

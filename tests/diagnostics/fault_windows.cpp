@@ -39,11 +39,7 @@ bool with_fault(void (*work)(), void (*filter)(void*)) {
 void set_position(void* exception_pointers, std::uint64_t instruction, std::uint64_t stack) {
     CONTEXT& context = *static_cast<EXCEPTION_POINTERS*>(exception_pointers)->ContextRecord;
     context.Rip = instruction;
-    context.Rsp = stack;
-}
-
-std::uint64_t stack_position(const void* exception_pointers) {
-    return static_cast<const EXCEPTION_POINTERS*>(exception_pointers)->ContextRecord->Rsp;
+    context.Rsp = context.Rbp = stack;
 }
 
 } // namespace test

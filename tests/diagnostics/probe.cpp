@@ -24,6 +24,7 @@ KXM_NEVER_INLINE int f(int frames) {
     const std::string text = callstack.CStr();
     std::printf("%d %d %d\n", KXMBasCallStack::GetDepthSetting(), callstack.Available(),
                 static_cast<int>(std::count(text.begin(), text.end(), '\n')));
+    callstack.DeleteCStr(callstack.CStr());
     return 0;
 }
 }

@@ -339,10 +339,16 @@ private:
         b_.text[position_] = 0;
     }
 
-    // A wide text that outgrew the narrow one leaves that as it was.
+    // Turns what is new in the wide text, which changes no more up to here. A wide text that outgrew
+    // the narrow one leaves that as it was.
     void convert() {
-        if (text_ != nullptr) {
-            os::narrow(b_.text, text_, text_bytes);
+        if (text_ != nullptr && !outgrown_) {
+            outgrown_ = !os::narrow(b_.text + wide_converted_, text_ + narrow_converted_,
+                                    text_bytes - narrow_converted_);
+        }
+        if (text_ != nullptr && !outgrown_) {
+            wide_converted_ = position_;
+            narrow_converted_ += std::strlen(text_ + narrow_converted_);
         }
     }
 
@@ -399,6 +405,8 @@ private:
     const void* exception_pointers_;
     std::int32_t* length_;
     std::size_t position_ = 0; // in the wide text
+    std::size_t wide_converted_ = 0, narrow_converted_ = 0;
+    bool outgrown_ = false;
     std::int32_t count_ = 0;   // of frames
     bool walked_ = false;
     End end_ = End::fault;
