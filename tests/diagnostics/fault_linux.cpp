@@ -8,7 +8,7 @@
 #if defined(__SANITIZE_THREAD__)
 // A capture in a handler allocates its text there, which is right for a fault: the thread that failed was
 // not inside the runtime's allocator.
-extern "C" const char* __tsan_default_options() {
+extern "C" __attribute__((visibility("default"))) const char* __tsan_default_options() {
     return "report_signal_unsafe=0";
 }
 #endif
