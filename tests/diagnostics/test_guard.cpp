@@ -145,7 +145,7 @@ TEST(DepthSetting, IsTheEnvironmentsUnlessItIsZero) {
 }
 
 TEST(LoadDBHELP, CutsUpThePathWhereItIsSearched) {
-    const bool searched = os::debug_help_places().in_path;
+    const bool searched = os::debug_help().in_path;
     EXPECT_EQ(probe("path").out, searched ? "loaded, cut\n" : "loaded, whole\n");
 }
 

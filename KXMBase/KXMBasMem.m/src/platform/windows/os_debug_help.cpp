@@ -41,7 +41,7 @@ constexpr const char* well_known[] = {
     R"(C:\Windows\system32\dbghelp.dll)",
     nullptr,
 };
-constexpr DebugHelpPlaces places{"dbghelp.dll", true, well_known};
+constexpr DebugHelp help{"dbghelp.dll", true, well_known, true};
 
 // The system tells a frame's stack pointer as its frame. Wine tells the frame pointer instead, which
 // code that is built without one uses for anything, 0 among it; 0 means to a caller that the walk has
@@ -77,8 +77,8 @@ void* module_symbol(Module module, const char* name) {
     return reinterpret_cast<void*>(function);
 }
 
-const DebugHelpPlaces& debug_help_places() {
-    return places;
+const DebugHelp& debug_help() {
+    return help;
 }
 
 void* current_process() {
