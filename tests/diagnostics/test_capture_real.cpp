@@ -3,8 +3,8 @@
 // names, which every debug help tells alike.
 #include "KXMBasMem.h"
 #include "capture_text.h"
-#include "fault.h"
 #include "frames.h"
+#include "system.h"
 
 #include "heap/dlmalloc.h"
 #include "heap/malloc_state.h"
@@ -156,6 +156,29 @@ TEST(Capture, EndsAtTheStartOfAThread) {
             EXPECT_EQ(captured->find("  lib"), std::string::npos) << *captured;
         }
     }).join();
+}
+
+int late_capture(int) {
+    return stack_constructs(20) + one;
+}
+
+// More often than debug information may be read anew: a library that comes again is known.
+TEST(Capture, KnowsALibraryThatIsLoadedLate) {
+    expect_known_stack();
+    for (int i = 0; i < 40; ++i) {
+        void* const library = test::load_library("kxm_late");
+        ASSERT_NE(library, nullptr);
+        const auto function = reinterpret_cast<int (*)(Callback, int)>(
+            test::library_function(library, "frames_in_library"));
+        captured.reset();
+        function(late_capture, 1);
+        test::unload_library(library);
+        ASSERT_TRUE(captured);
+        EXPECT_NE(captured->find(test::line(3, on_windows() ? "kxm_late.dll" : "kxm_late.so",
+                                            "frames_in_library", "frames_library.cpp", 6)),
+                  std::string::npos)
+            << *captured;
+    }
 }
 
 // ---- Faults: the walk begins at the caller of what failed.

@@ -119,7 +119,8 @@ bool in_runtime(std::uint64_t address) {
     const char* const path = object.dlfo_link_map->l_name;
     const char* const slash = std::strrchr(path, '/');
     const char* const name = slash != nullptr ? slash + 1 : path;
-    for (const char* const runtime : {"libc.so.", "ld-linux", "libstdc++.so.", "libgomp.so."}) {
+    for (const char* const runtime :
+         {"libc.so.", "ld-linux", "libstdc++.so.", "libgomp.so.", "libasan.so.", "libtsan.so."}) {
         if (std::strncmp(name, runtime, std::strlen(runtime)) == 0) {
             return true;
         }
