@@ -3,6 +3,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <typeinfo>
 
 #if !defined(__GNUC__)
 #include <intrin.h>
@@ -57,5 +58,9 @@ void copy_unchecked(void* target, const void* source, std::size_t size);
 /// The 64-bit word at `address`, read without asking whether it belongs to a live object.
 /// pre: the address is mapped and a multiple of 8.
 std::uint64_t read_word_unchecked(const void* address);
+
+/// "class " and the name of a type as its programmer wrote it, cut to `capacity` with its NUL.
+/// Compilers that keep the name in another form keep it as it is when memory is short.
+void type_text(const std::type_info& type, char* text, std::size_t capacity);
 
 } // namespace os
