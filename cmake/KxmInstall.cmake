@@ -3,7 +3,7 @@
 include(CMakePackageConfigHelpers)
 
 set(kxm_cmake_dir ${CMAKE_INSTALL_LIBDIR}/cmake/KXMBasMem)
-set(kxm_targets KXMBasMem KXMBasMem_Fortran)
+set(kxm_targets KXMBasMem KXMBasMem_Fortran KXMBasMemGlobalNew)
 if(NOT KXM_KX0CORE_LIBRARY)
   list(APPEND kxm_targets KX0CORE)
 endif()
