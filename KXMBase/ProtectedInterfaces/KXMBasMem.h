@@ -12,6 +12,7 @@
 
 #ifdef __cplusplus
 #include "KXMBasCallStack.h"
+#include "KXMBasMemDebug.h"
 #include "KXMBasMemPool.h"
 #include "KXMBasOmiTableAllocator.h"
 #include "KXMBasPhaseTracker.h"
