@@ -21,9 +21,7 @@ volatile std::size_t too_much = SIZE_MAX / 2;
 
 class Board : public testing::Test {
 protected:
-    void SetUp() override {
-        KXMBasErrorStackReactivate();
-    }
+    void SetUp() override { KXMBasErrorStackReactivate(); }
     void TearDown() override { KXMBasErrorStackDeactivate(); }
 };
 
@@ -163,6 +161,7 @@ TEST(ErrorStack, KeepsOneTextWithTheRoomThatTheLastOneLeft) {
     EXPECT_EQ(KXMBasErrorStack::Length(), 9000);
     EXPECT_EQ(push("j"), "j");
 
+    KXMBasErrorStack::PushMessage("");
     KXMBasErrorStack::PushMessage(text('m', 5000).c_str());
     EXPECT_EQ(KXMBasErrorStack::ErrorMessages(), text('m', 3999));
     EXPECT_STREQ(KXMBasErrorStack::CStr(), "j");
