@@ -24,7 +24,11 @@ template <int number> class Numbered : public omi_Singleton<Numbered<number>> {}
 class Unsettled : public omi_Singleton<Unsettled> {
 public:
     Unsettled() { omi_SingletonBase<Unsettled>::Finalize(); }
+    static void* operator new(std::size_t) { return place; }
     static void operator delete(void*) {}
+
+private:
+    alignas(16) static inline char place[16];
 };
 
 int accounts() {
