@@ -67,6 +67,11 @@ void* vm_allocate(std::size_t size, Placement placement);
 /// Fails (false) unless `base` is the start of one. pre: nobody uses the memory any more.
 bool vm_release(void* base);
 
+/// Releases the whole system allocations that lie one directly behind another from `base` on, as
+/// many as fit in `size`, and returns their bytes. A range is gone when that is `size`; a tail, a
+/// hole or a part ends it early. pre: as vm_release.
+std::size_t vm_release_run(void* base, std::size_t size);
+
 /// The region that holds `address`; false when the system does not answer for it.
 bool vm_query(const void* address, Region& region);
 
