@@ -3,15 +3,19 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <typeinfo>
 
 #if !defined(__GNUC__)
 #include <intrin.h>
 #endif
 
 /// For the few functions whose required behaviour is to read memory that a checker would object to.
+/// A checked build never inlines them into what it checks. The first may be inlined elsewhere.
 #if defined(__GNUC__)
-#define KXM_NO_SANITIZE __attribute__((noinline, no_sanitize("address", "thread", "undefined")))
+#define KXM_NO_SANITIZE_INLINE __attribute__((no_sanitize("address", "thread", "undefined")))
+#define KXM_NO_SANITIZE __attribute__((noinline)) KXM_NO_SANITIZE_INLINE
 #else
+#define KXM_NO_SANITIZE_INLINE
 #define KXM_NO_SANITIZE __declspec(noinline)
 #endif
 
@@ -57,5 +61,9 @@ void copy_unchecked(void* target, const void* source, std::size_t size);
 /// The 64-bit word at `address`, read without asking whether it belongs to a live object.
 /// pre: the address is mapped and a multiple of 8.
 std::uint64_t read_word_unchecked(const void* address);
+
+/// "class " and the name of a type as its programmer wrote it, cut to `capacity` with its NUL.
+/// Compilers that keep the name in another form keep it as it is when memory is short.
+void type_text(const std::type_info& type, char* text, std::size_t capacity);
 
 } // namespace os
