@@ -16,8 +16,4 @@ void copy_unchecked(void* target, const void* source, std::size_t size) {
 #endif
 }
 
-KXM_NO_SANITIZE std::uint64_t read_word_unchecked(const void* address) {
-    return *static_cast<const volatile std::uint64_t*>(address);
-}
-
 } // namespace os
