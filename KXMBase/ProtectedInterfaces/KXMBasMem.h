@@ -15,6 +15,11 @@
 #include "KXMBasMemPool.h"
 #include "KXMBasOmiTableAllocator.h"
 #include "KXMBasPhaseTracker.h"
+#include "mem_AllocationOperators.h"
+#include "mem_AllocationOperatorsTiny.h"
+#include "mem_Allocator.h"
+#include "mem_DLAllocator.h"
+#include "omi_SingletonBase.h"
 #endif
 
 #endif

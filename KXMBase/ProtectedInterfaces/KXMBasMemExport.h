@@ -17,4 +17,12 @@
 #define KXMBASMEM_API __attribute__((visibility("default")))
 #endif
 
+/* Before a class template whose static members all components of a process share. Where the system
+   needs more for that, the owner of an instance exports it explicitly. */
+#if defined(_WIN32)
+#define KXMBASMEM_TEMPLATE
+#else
+#define KXMBASMEM_TEMPLATE __attribute__((visibility("default")))
+#endif
+
 #endif

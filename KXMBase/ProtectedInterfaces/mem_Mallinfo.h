@@ -29,11 +29,24 @@ typedef struct kxm_mallinfo {
 static_assert(sizeof(mallinfo) == 80, "ten 64-bit figures");
 } // namespace kxm
 
+/// A few figures of the memory behind the library, on any back end, in bytes.
 class KXMBASMEM_API mem_Mallinfo {
 public:
+    /// Takes the figures. With the heap bound: its footprint as `committedBytes`, the others zero.
+    /// Otherwise those of the C runtime's own heap, looked at without a lock of this library.
+    mem_Mallinfo();
+
+    uint64_t committedBytes; ///< held from the system and backed by memory
+    uint64_t usedBytes;      ///< in blocks of clients
+    uint64_t freeBytes;      ///< in free blocks
+    uint64_t reservedBytes;  ///< held from the system as address space alone
+
     /// True when the heap is the bound back end. Set once per process, when the table is bound, and
     /// read-only for everybody else; mem_usingDL() is the way to ask.
     static bool useDL;
+
+private:
+    void DLinfo();
 };
 #else
 } kxm_mallinfo;

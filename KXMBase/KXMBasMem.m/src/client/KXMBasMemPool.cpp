@@ -1,28 +1,23 @@
 // Pools that account for what is allocated through them. See the header.
 #include "KXMBasMemPool.h"
 
-#include <atomic>
 #include <cstring>
 
 #include "frame/seam_operator_pool.h"
 #include "mem_Interface.h"
 #include "platform/compiler.h"
+#include "platform/relaxed_word.h"
 
 namespace {
 
 // No pool takes a lock: its figures are read and written whole, but a sum of two threads may lose
 // one of them.
-std::uint64_t read(std::uint64_t& figure) {
-    return std::atomic_ref(figure).load(std::memory_order_relaxed);
-}
-
-void write(std::uint64_t& figure, std::uint64_t value) {
-    std::atomic_ref(figure).store(value, std::memory_order_relaxed);
-}
+using os::relaxed_read;
+using os::relaxed_write;
 
 void raise(std::uint64_t& figure, std::uint64_t value) {
-    if (value > read(figure)) {
-        write(figure, value);
+    if (value > relaxed_read(figure)) {
+        relaxed_write(figure, value);
     }
 }
 
@@ -90,24 +85,25 @@ void KXMBasMemPool::SetMemoryLimit(std::size_t first, std::size_t second, double
 }
 
 std::size_t KXMBasMemPool::MemoryCurrent() {
-    return read(m_memoryCurrent);
+    return relaxed_read(m_memoryCurrent);
 }
 
 std::size_t KXMBasMemPool::MemoryPeak() {
-    return read(m_memoryPeak);
+    return relaxed_read(m_memoryPeak);
 }
 
 void KXMBasMemPool::UpdateMemoryInUse(IncreaseDecrease how, std::size_t size) {
     if (!m_active) {
         return;
     }
-    const std::uint64_t before = read(m_memoryCurrent);
+    const std::uint64_t before = relaxed_read(m_memoryCurrent);
     if (how != increase) {
-        write(m_memoryCurrent, before - size); // may wrap: blocks from before Activate, meant
+        relaxed_write(m_memoryCurrent,
+                      before - size); // may wrap: blocks from before Activate, meant
         return;
     }
     const std::uint64_t current = before + size;
-    write(m_memoryCurrent, current);
+    relaxed_write(m_memoryCurrent, current);
     raise(m_memoryHighWater, current);
-    raise(m_memoryPeak, read(m_memoryHighWater));
+    raise(m_memoryPeak, relaxed_read(m_memoryHighWater));
 }

@@ -33,15 +33,3 @@ const char* KXMBasErrorContext::AsString() const {
 const char* KXMBasErrorContext::AsString(CategoryEnum value) {
     return category_texts[value];
 }
-
-void KXMBasErrorStack::Context(KXMBasErrorContext::CategoryEnum category) {
-    s_context.Category(category);
-}
-
-const char* KXMBasErrorStack::ContextAsString() {
-    return s_context.AsString();
-}
-
-void KXMBasErrorCategory(int category) {
-    KXMBasErrorStack::Context(static_cast<KXMBasErrorContext::CategoryEnum>(category));
-}

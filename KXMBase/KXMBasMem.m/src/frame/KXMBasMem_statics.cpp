@@ -3,8 +3,6 @@
 // allocation here would reach the bootstrap of the table and abort a normal load on the heap.
 // This file is the one place where the frame knows objects of the rooms above it.
 // Destructors run in reverse, after the library was stopped.
-//
-// Still to join, between the last two: the heap allocator object of the tiny block pool.
 #include <cstdint>
 #include <cstdlib>
 
@@ -17,6 +15,7 @@
 #include "KXMBasPhaseTracker.h"
 #include "diagnostics/callstack_depth.h"
 #include "diagnostics/memcheck_printf.h"
+#include "objects/heap_allocator_object.h"
 #include "platform/os.h"
 
 KXMBasMemPool operatorNewPool(1000, "operator_new", nullptr);
@@ -34,6 +33,8 @@ MemCheckPrintf memCheckPrintf = locateMemCheckPrintf();
 const char* const MC_RESULT = std::getenv("MC_RESULT");
 
 std::int32_t KXMBasPhaseTracker::s_thread0 = static_cast<std::int32_t>(os::thread_id());
+
+mem_DLAllocator allocator_objects::heap;
 
 const char* m_registEnv = std::getenv("KXM_SINGLETON_REGISTRY");
 

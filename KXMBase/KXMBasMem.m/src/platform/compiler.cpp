@@ -2,6 +2,13 @@
 // into a call that a checker intercepts.
 #include "platform/compiler.h"
 
+#include <cstdio>
+#include <cstdlib>
+
+#if defined(__GNUC__)
+#include <cxxabi.h>
+#endif
+
 namespace os {
 
 void copy_unchecked(void* target, const void* source, std::size_t size) {
@@ -13,6 +20,17 @@ void copy_unchecked(void* target, const void* source, std::size_t size) {
     while (size-- > 0) {
         *to++ = *from++;
     }
+#endif
+}
+
+void type_text(const std::type_info& type, char* text, std::size_t capacity) {
+#if defined(__GNUC__)
+    int status = 0;
+    char* const name = abi::__cxa_demangle(type.name(), nullptr, nullptr, &status);
+    std::snprintf(text, capacity, "class %s", name != nullptr ? name : type.name());
+    std::free(name);
+#else
+    std::snprintf(text, capacity, "%s", type.name()); // begins with "class " by itself
 #endif
 }
 

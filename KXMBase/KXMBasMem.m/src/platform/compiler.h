@@ -3,6 +3,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <typeinfo>
 
 #if !defined(__GNUC__)
 #include <intrin.h>
@@ -80,5 +81,9 @@ inline std::uint64_t read_word_unchecked(const void* address) {
     return *static_cast<const volatile std::uint64_t*>(address);
 #endif
 }
+
+/// "class " and the name of a type as its programmer wrote it, cut to `capacity` with its NUL.
+/// Compilers that keep the name in another form keep it as it is when memory is short.
+void type_text(const std::type_info& type, char* text, std::size_t capacity);
 
 } // namespace os

@@ -4,8 +4,18 @@
 #pragma once
 
 #include <atomic>
+#include <type_traits>
 
 namespace os {
+
+/// The same for a variable whose type a public header gives away.
+template <typename T> T relaxed_read(T& variable) {
+    return std::atomic_ref(variable).load(std::memory_order_relaxed);
+}
+
+template <typename T> void relaxed_write(T& variable, std::type_identity_t<T> value) {
+    std::atomic_ref(variable).store(value, std::memory_order_relaxed);
+}
 
 template <typename T> class relaxed_word {
 public:
