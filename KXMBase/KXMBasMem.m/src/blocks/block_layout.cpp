@@ -34,7 +34,8 @@ struct blocks::Layout {
     static_assert(offsetof(mem_Region, m_allocCount) == 16);
     static_assert(offsetof(mem_Region, m_reserveOffset) == 20);
     static_assert(offsetof(mem_Region, m_regionSize) == 24);
-    static_assert(offsetof(mem_FixedRegion, m_freeHead) >= 28); // where a base ends, compilers differ
+    static_assert(offsetof(mem_FixedRegion, m_freeHead) >=
+                  28); // where a base ends, compilers differ
     static_assert(offsetof(mem_FixedRegion, m_fixedSize) ==
                   offsetof(mem_FixedRegion, m_freeHead) + sizeof(word));
     static_assert(sizeof(mem_FixedRegion) == 10 * sizeof(word), "slots may begin at word 10");

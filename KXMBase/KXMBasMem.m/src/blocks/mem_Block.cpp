@@ -103,7 +103,7 @@ mem_BlockContainer::~mem_BlockContainer() {
 
 void mem_BlockContainer::SetBlockPtr(int index, mem_Block* block) {
     const int top = index >> m_shift;
-    if (top >= m_topSize) {
+    while (top >= m_topSize) { // once, but for a pool that was refused thousands of pages in a row
         const int grown = m_topSize + m_topIncrement;
         m_blocks = static_cast<mem_Block***>(resize(m_allocator, m_blocks, pointers(grown)));
         clear(m_blocks + m_topSize, m_topIncrement);
@@ -132,8 +132,7 @@ void mem_FixedBlock::Delete(mem_Allocator* allocator) {
 
 mem_FixedBlock* mem_FixedBlock::CreateFixedBlock(int index, mem_Allocator* allocator,
                                                  mem_RegionTypeEnm type, std::size_t size) {
-    auto* const memory =
-        static_cast<int*>(allocator->Malloc("mem_FixedBlock", fixed_block_bytes));
+    auto* const memory = static_cast<int*>(allocator->Malloc("mem_FixedBlock", fixed_block_bytes));
     int words = 0;
     if (type == mem_RGN_VARIABLE) {
         type = mem_RGN_SPECIAL;

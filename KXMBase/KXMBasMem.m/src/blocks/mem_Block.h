@@ -104,8 +104,14 @@ public:
     /// No range check: it is on every allocation's path. pre: an entry of that leaf has been set.
     mem_Block* Block(int index) const { return m_blocks[index >> m_shift][index & m_mask]; }
 
-    /// Grows first as needed, by one increment however far `index` lies beyond the table: indices
-    /// come in rising order. A table that cannot be had ends the process.
+    /// The same where an entry's leaf may never have been made: null then.
+    mem_Block* BlockOrNull(int index) const {
+        const int top = index >> m_shift;
+        return top < m_topSize && m_blocks[top] != nullptr ? Block(index) : nullptr;
+    }
+
+    /// Grows first as needed, by one increment: indices come in rising order. A table that cannot
+    /// be had is not survived: it is written without a test.
     void SetBlockPtr(int index, mem_Block* block);
 
 private:

@@ -31,6 +31,10 @@ public:
     }
     /// The offset of a slot in the block, or -1 when there is none left.
     int Alloc() { return Region()->Alloc(this, 1); }
+    /// The region where it always is, found without a load.
+    mem_FixedRegion* RegionQuick() {
+        return static_cast<mem_FixedRegion*>(static_cast<void*>(this + 1));
+    }
 
 protected:
     void operator delete(void*) {}

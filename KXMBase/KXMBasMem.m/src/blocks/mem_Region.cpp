@@ -3,7 +3,11 @@
 
 #include <cstdio>
 
+#include "blocks/invariant.h"
+
 namespace {
+
+constexpr const char* source = "mem_Region";
 
 // What the region object and, for all but the smallest slots, two words of padding take. With 12,
 // the slots of a region that starts on a 16-byte boundary lie on such boundaries too.
@@ -40,6 +44,41 @@ mem_FixedRegion::mem_FixedRegion(mem_RegionTypeEnm type, int offset, int size, i
     m_reserveOffset = m_fixedSize == 1 || m_fixedSize == 2 ? object_words : padded_words;
     m_freeHead = m_reserveOffset;
     *reinterpret_cast<blocks::word*>(block->Ptr(offset + m_reserveOffset)) = -1;
+}
+
+int mem_FixedRegion::Alloc(mem_Block* block, std::size_t) {
+    const int offset = m_freeHead;
+    const int limit = m_regionSize - m_fixedSize;
+    if (offset > limit) {
+        return -1;
+    }
+    blocks::require(
+        offset >= m_reserveOffset && offset <= limit,
+        "AssertionFailed:offset >= m_reserveOffset && offset <= m_regionSize-m_fixedSize", source);
+    auto* const slot = reinterpret_cast<blocks::word*>(block->Ptr(m_regionOffset)) + offset;
+    const int next = *slot;
+    blocks::require(next == -1 || (next >= m_reserveOffset && next <= m_regionSize),
+                    "AssertionFailed:free == -1 || (free >= m_reserveOffset && free <= "
+                    "m_regionSize)",
+                    source);
+    if (next == -1) {
+        MoveFrontier(slot, offset);
+    } else {
+        m_freeHead = next;
+    }
+    m_allocCount += m_fixedSize;
+    return m_regionOffset + offset;
+}
+
+bool mem_FixedRegion::Free(mem_Block* block, int offset) {
+    const int rel = offset - m_regionOffset;
+    blocks::require(
+        rel >= m_reserveOffset && rel <= m_regionSize - m_fixedSize,
+        "AssertionFailed:offset >= m_reserveOffset && offset <= m_regionSize-m_fixedSize", source);
+    m_allocCount -= m_fixedSize;
+    *(reinterpret_cast<blocks::word*>(block->Ptr(m_regionOffset)) + rel) = m_freeHead;
+    m_freeHead = rel;
+    return IsEmpty();
 }
 
 void mem_FixedRegion::DebugPrint(const mem_Block*) const {

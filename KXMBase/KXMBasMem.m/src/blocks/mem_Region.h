@@ -22,7 +22,6 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "blocks/invariant.h"
 #include "blocks/mem_Block.h"
 #include "mem_AllocationOperators.h"
 
@@ -98,6 +97,16 @@ public:
     void* operator new(std::size_t, int* where) { return where; }
     void operator delete(void*, int*) {}
 
+    // The common case, for owners on a hot path; see below.
+
+    /// As Alloc, but -1 for whatever is uncommon, with nothing done.
+    int AllocQuick();
+    /// Whether `rel`, from the region's start, may be a slot.
+    bool IsSlotQuick(int rel) const;
+    int AllocCountAfterFree() const { return m_allocCount - m_fixedSize; }
+    /// pre: IsSlotQuick(rel).
+    void FreeQuick(int rel);
+
 protected:
     void operator delete(void*) {}
 
@@ -105,53 +114,52 @@ private:
     friend struct blocks::Layout;
     friend struct blocks::Inspector;
 
-    static constexpr const char* source = "mem_Region";
-
-    blocks::word* Slot(const mem_Block* block, int offset) const {
-        return reinterpret_cast<blocks::word*>(block->Ptr(m_regionOffset)) + offset;
+    blocks::word* Slot(int offset) const {
+        return reinterpret_cast<blocks::word*>(
+            reinterpret_cast<std::uintptr_t>(this) +
+            static_cast<std::uintptr_t>(std::intptr_t{offset} * std::intptr_t{sizeof(int)}));
     }
+    void MoveFrontier(blocks::word* slot, int offset);
 
     std::int32_t m_freeHead; ///< the next slot to hand out
     std::int32_t m_fixedSize;
 };
 
-// Both are on the path of every tiny request, and so are inline.
+// Both are on the path of every tiny request. They do what Alloc and Free do in the common case, and
+// touch nothing in any other: then the full forms follow, with their checks and reports.
 
-inline int mem_FixedRegion::Alloc(mem_Block* block, std::size_t) {
+KXM_ALWAYS_INLINE int mem_FixedRegion::AllocQuick() {
     const int offset = m_freeHead;
-    const int limit = m_regionSize - m_fixedSize;
-    if (offset > limit) {
+    if (offset < m_reserveOffset || offset > m_regionSize - m_fixedSize) [[unlikely]] {
         return -1;
     }
-    blocks::require(
-        offset >= m_reserveOffset && offset <= limit,
-        "AssertionFailed:offset >= m_reserveOffset && offset <= m_regionSize-m_fixedSize", source);
-    blocks::word* const slot = Slot(block, offset);
+    blocks::word* const slot = Slot(offset);
     const int next = *slot;
-    blocks::require(next == -1 || (next >= m_reserveOffset && next <= m_regionSize),
-                    "AssertionFailed:free == -1 || (free >= m_reserveOffset && free <= "
-                    "m_regionSize)",
-                    source);
-    if (next == -1) {
-        const int frontier = offset + m_fixedSize;
-        m_freeHead = frontier;
-        if (frontier < m_regionSize) { // the word behind the region is not its own
-            slot[m_fixedSize] = -1;
-        }
-    } else {
+    if (next >= m_reserveOffset && next <= m_regionSize) {
         m_freeHead = next;
+    } else if (next == -1) {
+        MoveFrontier(slot, offset);
+    } else [[unlikely]] {
+        return -1;
     }
     m_allocCount += m_fixedSize;
     return m_regionOffset + offset;
 }
 
-inline bool mem_FixedRegion::Free(mem_Block* block, int offset) {
-    const int rel = offset - m_regionOffset;
-    blocks::require(
-        rel >= m_reserveOffset && rel <= m_regionSize - m_fixedSize,
-        "AssertionFailed:offset >= m_reserveOffset && offset <= m_regionSize-m_fixedSize", source);
+KXM_ALWAYS_INLINE bool mem_FixedRegion::IsSlotQuick(int rel) const {
+    return rel >= m_reserveOffset && rel <= m_regionSize - m_fixedSize;
+}
+
+KXM_ALWAYS_INLINE void mem_FixedRegion::FreeQuick(int rel) {
     m_allocCount -= m_fixedSize;
-    *Slot(block, rel) = m_freeHead;
+    *Slot(rel) = m_freeHead;
     m_freeHead = rel;
-    return IsEmpty();
+}
+
+KXM_ALWAYS_INLINE void mem_FixedRegion::MoveFrontier(blocks::word* slot, int offset) {
+    const int frontier = offset + m_fixedSize;
+    m_freeHead = frontier;
+    if (frontier < m_regionSize) { // the word behind the region is not its own
+        slot[m_fixedSize] = -1;
+    }
 }

@@ -15,7 +15,7 @@ struct Inspector {
         return chain.fault == nullptr;
     }
 
-    int word_at(int offset) const { return *region.Slot(&block, offset); }
+    int word_at(int offset) const { return *region.Slot(offset); }
 
     // Follows the chain to the frontier, which it returns; -1 when the chain is broken.
     int follow() {

@@ -76,13 +76,23 @@ inline bool is_tiny(const void* ptr) {
 
 } // namespace
 
-void* mem_Malloc(size_t size) {
-    void* const ptr =
-        mem_tinyBlocksOn && size < tiny_limit ? tiny_seam::alloc(size) : mem_malloc(size);
+KXM_ALWAYS_INLINE void* route_malloc(size_t size) {
+    return mem_tinyBlocksOn && size < tiny_limit ? tiny_seam::alloc(size) : mem_malloc(size);
+}
+
+KXM_NEVER_INLINE void* gated_malloc(size_t size) {
+    void* const ptr = route_malloc(size);
     if (gate(s_useMalloc)) {
         tracker_seam::malloc_call(ptr, size);
     }
     return ptr;
+}
+
+void* mem_Malloc(size_t size) {
+    if (s_useMalloc == tracker_seam::off) [[likely]] {
+        return route_malloc(size); // off is for good, so the gate need not be asked behind it
+    }
+    return gated_malloc(size);
 }
 
 void* mem_Malloc_Handled(size_t size) {
@@ -96,9 +106,15 @@ void* mem_Malloc_Handled(size_t size) {
     return ptr; // not tried again: the handler is called for its effect alone
 }
 
-void mem_Free(void* ptr) {
+KXM_NEVER_INLINE void gate_free(void* ptr) {
     if (gate(s_useFree)) { // before the release, while the address is still owned
         tracker_seam::free_call(ptr);
+    }
+}
+
+void mem_Free(void* ptr) {
+    if (s_useFree != tracker_seam::off) [[unlikely]] {
+        gate_free(ptr);
     }
     if (is_tiny(ptr)) {
         tiny_seam::free(ptr);

@@ -5,22 +5,12 @@
 
 namespace {
 
-// Several threads may make one; the first to publish wins, and the others close theirs.
 os::Event ensure_event(mem_mlock& lock) {
     for (;;) {
-        os::Event published = lock.event.load(std::memory_order_acquire);
-        if (published != nullptr) {
-            return published;
+        if (const os::Event event = mem_mlock_event(lock)) {
+            return event;
         }
-        const os::Event made = os::event_create();
-        if (made == nullptr) { // the system is out of them just now; without one nobody may go on
-            std::this_thread::yield();
-            continue;
-        }
-        if (lock.event.compare_exchange_strong(published, made, std::memory_order_acq_rel)) {
-            return made;
-        }
-        os::event_close(made);
+        std::this_thread::yield(); // the system is out of them; without one nobody may go on
     }
 }
 
@@ -28,6 +18,21 @@ os::Event ensure_event(mem_mlock& lock) {
 constexpr int looks_before_counting = 128;
 
 } // namespace
+
+// Several threads may make one; the first to publish wins, and the others close theirs.
+os::Event mem_mlock_event(mem_mlock& lock) {
+    os::Event published = lock.event.load(std::memory_order_acquire);
+    if (published != nullptr) {
+        return published;
+    }
+    const os::Event made = os::event_create();
+    if (made == nullptr ||
+        lock.event.compare_exchange_strong(published, made, std::memory_order_acq_rel)) {
+        return made;
+    }
+    os::event_close(made);
+    return published;
+}
 
 void mem_mlock_let_pass(const mem_mlock& lock) {
     for (int look = 0; look < looks_before_counting; ++look) {
