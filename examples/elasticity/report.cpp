@@ -4,6 +4,7 @@
 #include "backend.h"
 #include "input_error.h"
 #include "output_file.h"
+#include "rescue.h"
 
 #include <KXMBasMem.h>
 
@@ -73,6 +74,8 @@ void print_memory() {
                 static_cast<double>(mem_Footprint()) / 1024);
     std::printf("  footprint at most         %12.1f MiB\n",
                 mib(static_cast<double>(mem_MaxFootprint())));
+    if (rescues() != 0)
+        std::printf("  refusals survived         %12d\n", rescues());
 }
 
 class JsonObject {
@@ -135,6 +138,7 @@ void write_figures(JsonObject& json, const Options& options, const JobReport& re
     json.number("peak_held_bytes", figures.peak_bytes);
     json.number("footprint_kib", mem_Footprint());
     json.number("max_footprint_bytes", mem_MaxFootprint());
+    json.number("refusals_survived", rescues());
 }
 
 } // namespace
@@ -156,25 +160,34 @@ void write_json(const Options& options, const JobReport& report) {
     file.commit();
 }
 
-void print_out_of_memory() {
-    char text[640];
-    const Refusal refusal = last_refusal();
+void print_refusal(const char* title, const Refusal& refusal) {
     const char* reason = "the system has no more, or the request is impossible";
     if (refusal.by_budget)
         reason = "it would go above --memory-limit";
-    else if (refusal.by_library_limit)
+    else if (refusal.by_limit())
         reason = "it would go above the library's memory limit";
+    char text[640];
     std::snprintf(text, sizeof text,
-                  "elasticity: out of memory in step \"%s\"\n"
+                  "%s in step \"%s\"\n"
                   "  refused request   %zu bytes: %s\n"
-                  "  held by this job  %" PRIu64 " bytes then, %" PRIu64 " at most\n"
-                  "  library's limit   %zu bytes (0: none)\n"
-                  "  footprint         %zu KiB then, %zu KiB now, %zu bytes at most\n"
-                  "  largest free      %zu bytes in one chunk then\n"
+                  "  limit error       %d\n"
+                  "  limit             %zu bytes (0: none)\n"
+                  "  footprint         %zu KiB, %zu bytes at most\n"
+                  "  largest free      %zu bytes in one chunk\n"
+                  "  held by this job  %" PRIu64 " bytes, %" PRIu64 " at most\n",
+                  title, present_step(), refusal.bytes, reason, refusal.limit_error, refusal.limit,
+                  refusal.footprint_kib, refusal.peak_footprint, refusal.largest_free,
+                  refusal.live_bytes, memory_figures().peak_bytes);
+    std::fputs(text, stderr);
+}
+
+void print_out_of_memory() {
+    print_refusal("elasticity: out of memory", last_refusal());
+    char text[120];
+    std::snprintf(text, sizeof text,
+                  "  footprint now     %zu KiB: everything was given back\n"
                   "  back end          %s\n",
-                  present_step(), refusal.bytes, reason, refusal.live_bytes,
-                  memory_figures().peak_bytes, mem_MemoryLimit(), refusal.footprint_kib,
-                  mem_Footprint(), mem_MaxFootprint(), refusal.largest_free, present_backend());
+                  mem_Footprint(), present_backend());
     std::fputs(text, stderr);
 }
 

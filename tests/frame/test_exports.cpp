@@ -68,6 +68,8 @@ constexpr const char* plain_names[] = {"KXMBasAlloc_initializeC",
                                        "dlmallinfo",
                                        "dlmalloc_ReleaseLock",
                                        "KXMBasErrorCategory",
+                                       "KXMBasErrorStackReactivate",
+                                       "KXMBasErrorStackDeactivate",
                                        "memcheck_debug_printf"};
 
 TEST(Exports, ArePlainForTheLoader) {
