@@ -25,6 +25,12 @@
             return __LINE__;                                                                       \
     } while (false)
 
+// Some compilers leave these undeclared and do not call them by themselves.
+void operator delete(void* ptr, std::size_t size) noexcept;
+void operator delete[](void* ptr, std::size_t size) noexcept;
+void operator delete(void* ptr, std::size_t size, std::align_val_t align) noexcept;
+void operator delete[](void* ptr, std::size_t size, std::align_val_t align) noexcept;
+
 namespace {
 
 // Between the operators and the back end: what is live, in blocks.

@@ -34,8 +34,8 @@ namespace {
 
 using Wide = unsigned short;
 
-constexpr std::size_t text_bytes = 2000;   // of the narrow text
-constexpr std::size_t text_length = 2000;  // of the wide text, in wide characters
+constexpr std::size_t text_bytes = 2000;  // of the narrow text
+constexpr std::size_t text_length = 2000; // of the wide text, in wide characters
 constexpr std::size_t module_length = 100;
 constexpr std::size_t symbol_bytes = 512;
 constexpr std::uint32_t max_symbol_name = 480;
@@ -60,9 +60,9 @@ std::atomic_flag process_buffers_used = ATOMIC_FLAG_INIT;
 class BufferUse {
 public:
     BufferUse() : own_(!process_buffers_used.test_and_set(std::memory_order_acquire)) {
-        buffers_ = own_ ? &process_buffers
-                        : static_cast<Buffers*>(
-                              os::vm_allocate(sizeof(Buffers), os::Placement::direct));
+        buffers_ =
+            own_ ? &process_buffers
+                 : static_cast<Buffers*>(os::vm_allocate(sizeof(Buffers), os::Placement::direct));
     }
     ~BufferUse() {
         if (own_) {
@@ -229,8 +229,7 @@ private:
         auto* const record = new (b_.symbol) os::SymbolRecord{};
         record->size_of_struct = sizeof(os::SymbolRecord);
         record->max_name_length = max_symbol_name;
-        auto* const name =
-            reinterpret_cast<char*>(b_.symbol) + offsetof(os::SymbolRecord, name);
+        auto* const name = reinterpret_cast<char*>(b_.symbol) + offsetof(os::SymbolRecord, name);
         std::uint64_t displacement = 0;
         Wide wide[text_length];
         if (KXMBasCallStack::s_SymGetSymFromAddr(os::current_process(), pc(), &displacement,
@@ -340,10 +339,16 @@ private:
         b_.text[position_] = 0;
     }
 
-    // A wide text that outgrew the narrow one leaves that as it was.
+    // Turns what is new in the wide text, which changes no more up to here. A wide text that outgrew
+    // the narrow one leaves that as it was.
     void convert() {
-        if (text_ != nullptr) {
-            os::narrow(b_.text, text_, text_bytes);
+        if (text_ != nullptr && !outgrown_) {
+            outgrown_ = !os::narrow(b_.text + wide_converted_, text_ + narrow_converted_,
+                                    text_bytes - narrow_converted_);
+        }
+        if (text_ != nullptr && !outgrown_) {
+            wide_converted_ = position_;
+            narrow_converted_ += std::strlen(text_ + narrow_converted_);
         }
     }
 
@@ -400,6 +405,8 @@ private:
     const void* exception_pointers_;
     std::int32_t* length_;
     std::size_t position_ = 0; // in the wide text
+    std::size_t wide_converted_ = 0, narrow_converted_ = 0;
+    bool outgrown_ = false;
     std::int32_t count_ = 0;   // of frames
     bool walked_ = false;
     End end_ = End::fault;
@@ -531,8 +538,7 @@ void KXMBasCallStack::InitFunctionPointers() {
 }
 
 unsigned long KXMBasCallStack::GetModuleBaseName(void* process, HINSTANCE module,
-                                                 unsigned short const* buffer,
-                                                 unsigned long size) {
+                                                 unsigned short const* buffer, unsigned long size) {
     return s_GetModuleBaseName(process, module, const_cast<unsigned short*>(buffer),
                                static_cast<std::uint32_t>(size));
 }

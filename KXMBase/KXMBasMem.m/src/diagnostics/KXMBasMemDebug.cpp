@@ -36,15 +36,14 @@ os::Module load_from_path(const char* file_name) {
         return nullptr;
     }
     const char separators[] = {os::properties().path_list_separator, '\0'};
-    os::Module module = nullptr;
-    for (char* folder = std::strtok(path, separators); folder != nullptr && module == nullptr;
+    for (char* folder = std::strtok(path, separators); folder != nullptr;
          folder = std::strtok(nullptr, separators)) {
-        module = load_from_folder(folder, file_name);
+        os::Module const module = load_from_folder(folder, file_name);
         if (module != nullptr) {
-            break;
+            return module;
         }
     }
-    return module;
+    return nullptr;
 }
 
 } // namespace

@@ -1,10 +1,10 @@
 // Debug help on Linux: the reference system's functions, by their names, over the unwinder
 // (stack_walk) and the reader of debug information (symbols). Handles of processes and threads mean
 // nothing here: the calling process is the only one.
-#include "platform/os.h"
 #include "platform/linux/stack_walk.h"
 #include "platform/linux/symbols.h"
 #include "platform/linux/utf16.h"
+#include "platform/os.h"
 
 #include <algorithm>
 #include <atomic>
@@ -60,9 +60,7 @@ public:
             state_.store(known, std::memory_order_release);
         }
     }
-    const char* get() const {
-        return state_.load(std::memory_order_acquire) == known ? path_ : "";
-    }
+    const char* get() const { return state_.load(std::memory_order_acquire) == known ? path_ : ""; }
 
 private:
     enum : int { unread, reading, known };

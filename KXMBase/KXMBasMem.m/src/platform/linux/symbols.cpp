@@ -39,8 +39,7 @@ Generation generation_now() {
     Generation now{};
     dl_iterate_phdr(
         [](dl_phdr_info* information, std::size_t, void* argument) {
-            *static_cast<Generation*>(argument) = {information->dlpi_adds,
-                                                   information->dlpi_subs};
+            *static_cast<Generation*>(argument) = {information->dlpi_adds, information->dlpi_subs};
             return 1;
         },
         &now);
@@ -159,8 +158,7 @@ void name_by_place(std::uint64_t address, char* name, std::size_t capacity) {
     dl_find_object object;
     if (_dl_find_object(reinterpret_cast<void*>(address), &object) == 0) {
         const auto base = reinterpret_cast<std::uintptr_t>(object.dlfo_map_start);
-        std::snprintf(name, capacity, "+0x%llx",
-                      static_cast<unsigned long long>(address - base));
+        std::snprintf(name, capacity, "+0x%llx", static_cast<unsigned long long>(address - base));
     }
 }
 

@@ -3,6 +3,7 @@
 #include "platform/symbol_name.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cstdlib>
 #include <cstring>
 #include <cxxabi.h>
@@ -42,6 +43,24 @@ constexpr const char* well_known[] = {
 };
 constexpr DebugHelpPlaces places{"dbghelp.dll", true, well_known};
 
+// The system tells a frame's stack pointer as its frame. Wine tells the frame pointer instead, which
+// code that is built without one uses for anything, 0 among it; 0 means to a caller that the walk has
+// lost its way.
+std::atomic<decltype(&::StackWalk64)> system_walk{nullptr};
+
+BOOL walk_with_frame(DWORD machine, HANDLE process, HANDLE thread, STACKFRAME64* frame,
+                     void* context, PREAD_PROCESS_MEMORY_ROUTINE64 read,
+                     PFUNCTION_TABLE_ACCESS_ROUTINE64 table_access,
+                     PGET_MODULE_BASE_ROUTINE64 module_base,
+                     PTRANSLATE_ADDRESS_ROUTINE64 translate) {
+    const BOOL walked = system_walk.load(std::memory_order_relaxed)(
+        machine, process, thread, frame, context, read, table_access, module_base, translate);
+    if (walked != 0 && frame->AddrFrame.Offset == 0) {
+        frame->AddrFrame.Offset = frame->AddrStack.Offset;
+    }
+    return walked;
+}
+
 } // namespace
 
 Module module_load(const char* file_name) {
@@ -49,7 +68,13 @@ Module module_load(const char* file_name) {
 }
 
 void* module_symbol(Module module, const char* name) {
-    return reinterpret_cast<void*>(GetProcAddress(static_cast<HMODULE>(module), name));
+    const FARPROC function = GetProcAddress(static_cast<HMODULE>(module), name);
+    if (function != nullptr && std::strcmp(name, "StackWalk64") == 0) {
+        system_walk = reinterpret_cast<decltype(&::StackWalk64)>(
+            reinterpret_cast<void*>(function)); // by way of a type that fits every function
+        return reinterpret_cast<void*>(&walk_with_frame);
+    }
+    return reinterpret_cast<void*>(function);
 }
 
 const DebugHelpPlaces& debug_help_places() {
