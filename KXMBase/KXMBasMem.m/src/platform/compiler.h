@@ -74,8 +74,10 @@ inline std::uint64_t read_word_unchecked(const void* address) {
     struct KXM_MAY_ALIAS Word {
         std::uint64_t value;
     };
+    auto* word = static_cast<const Word*>(address);
+    __asm__("" : "+r"(word)); // an address that a compiler knows to be bad is read all the same
     std::uint64_t value = 0;
-    __asm__("movq %1, %0" : "=r"(value) : "m"(*static_cast<const Word*>(address)));
+    __asm__ volatile("movq %1, %0" : "=r"(value) : "m"(*word));
     return value;
 #else
     return *static_cast<const volatile std::uint64_t*>(address);
