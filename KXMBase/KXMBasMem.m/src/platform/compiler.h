@@ -66,18 +66,19 @@ inline void spin_pause() {
 /// does not look at it either. pre: the ranges do not overlap.
 void copy_unchecked(void* target, const void* source, std::size_t size);
 
-/// The 64-bit word at `address`, read without asking whether it belongs to a live object, nor
-/// whether another thread writes it: one instruction, which no checker instruments.
+/// The 64-bit word at `address`, read without asking whether it belongs to a live object.
 /// pre: the address is mapped and a multiple of 8.
-inline std::uint64_t read_word_unchecked(const void* address) {
+std::uint64_t read_word_unchecked(const void* address);
+
+/// The same for hot code: one instruction in place, which no checker instruments, so that neither
+/// does it matter whether another thread writes the word.
+inline std::uint64_t peek_word(const void* address) {
 #if defined(__GNUC__)
     struct KXM_MAY_ALIAS Word {
         std::uint64_t value;
     };
-    auto* word = static_cast<const Word*>(address);
-    __asm__("" : "+r"(word)); // an address that a compiler knows to be bad is read all the same
     std::uint64_t value = 0;
-    __asm__ volatile("movq %1, %0" : "=r"(value) : "m"(*word));
+    __asm__("movq %1, %0" : "=r"(value) : "m"(*static_cast<const Word*>(address)));
     return value;
 #else
     return *static_cast<const volatile std::uint64_t*>(address);
