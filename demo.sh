@@ -56,6 +56,11 @@ limited() {
     status=0
     "$program" --backend heap --quiet "$@" "$mesh" || status=$?
 }
+finished() {
+    figure "demo-output/$1.json" difference |
+        awk -v status=$status '{ printf "The job finished, with exit status %d; from beam theory: %+.2f %%\n",
+                                 status, 100 * $1 }'
+}
 
 echo
 echo "== the heap with a hard limit of 100 MiB, which this job outgrows"
@@ -64,17 +69,15 @@ echo "The job ended by itself, with its exit status for memory: $status"
 [ $status -eq 4 ]
 
 echo
-echo "== the same limit, which the job may raise to 250 MiB"
+echo "== the same limit, which the job may raise step by step as far as 250 MiB"
 limited --memory-limit 100 --raise-limit 250 --json demo-output/beam-raised.json
-echo "The job finished, with exit status $status; from beam theory:" \
-    "$(figure demo-output/beam-raised.json difference)"
+finished beam-raised
 [ $status -eq 0 ]
 
 echo
 echo "== a limit of 210 MiB, and 20 MiB held back that the job can spare"
 limited --memory-limit 210 --reserve 20 --json demo-output/beam-reserve.json
-echo "The job finished, with exit status $status; from beam theory:" \
-    "$(figure demo-output/beam-reserve.json difference)"
+finished beam-reserve
 [ $status -eq 0 ]
 
 echo
