@@ -1,7 +1,7 @@
 #!/bin/sh
 # Builds the library and runs the example job on it: a steel cantilever of 57,000 tetrahedra, solved
-# once on each back end, and once against a memory limit that is too low. Shows what each run allocated,
-# how a refusal is reported, and where the results are.
+# once on each back end, and three times against a memory limit that is too low. Shows what each run
+# allocated, how a refusal is reported and survived, and where the results are.
 set -eu
 cd "$(dirname "$0")"
 . scripts/common.sh
@@ -40,13 +40,42 @@ for backend in crt guarded aligned heap; do
 done | awk '{ printf "%-8s %10d %15.1f %23.1f %9.2f %15.2f %%\n",
               $1, $2, $3 / 1048576, $4 / 1048576, $5, 100 * $6 }'
 
-limit=100
 echo
-echo "== the heap with a hard limit of $limit MiB, which this job outgrows"
-status=0
-"$program" --backend heap --memory-limit $limit "$mesh" || status=$?
+echo "== the heap with and without its pool for blocks of at most 128 bytes"
+"$program" --backend heap --tiny-pool --quiet --json demo-output/beam-pool.json "$mesh"
+echo "pool   small requests   reading s   footprint after reading MiB"
+for pool in off on; do
+    file=demo-output/beam-heap.json
+    [ $pool = off ] || file=demo-output/beam-pool.json
+    printf '%s %s %s %s\n' $pool "$(figure $file small_requests)" "$(figure $file read_seconds)" \
+        "$(figure $file read_footprint_kib)"
+done | awk '{ printf "%-4s %16d %11.3f %29.2f\n", $1, $2, $3, $4 / 1024 }'
+
+# The same job with less memory than it wants, and what it may do about that.
+limited() {
+    status=0
+    "$program" --backend heap --quiet "$@" "$mesh" || status=$?
+}
+
+echo
+echo "== the heap with a hard limit of 100 MiB, which this job outgrows"
+limited --memory-limit 100
 echo "The job ended by itself, with its exit status for memory: $status"
 [ $status -eq 4 ]
+
+echo
+echo "== the same limit, which the job may raise to 250 MiB"
+limited --memory-limit 100 --raise-limit 250 --json demo-output/beam-raised.json
+echo "The job finished, with exit status $status; from beam theory:" \
+    "$(figure demo-output/beam-raised.json difference)"
+[ $status -eq 0 ]
+
+echo
+echo "== a limit of 210 MiB, and 20 MiB held back that the job can spare"
+limited --memory-limit 210 --reserve 20 --json demo-output/beam-reserve.json
+echo "The job finished, with exit status $status; from beam theory:" \
+    "$(figure demo-output/beam-reserve.json difference)"
+[ $status -eq 0 ]
 
 echo
 echo "All containers, operators new and Fortran work arrays of these runs drew on the library."

@@ -3,12 +3,13 @@
 include(CMakePackageConfigHelpers)
 
 set(kxm_cmake_dir ${CMAKE_INSTALL_LIBDIR}/cmake/KXMBasMem)
-set(kxm_targets KXMBasMem KXMBasMem_Fortran)
+set(kxm_targets KXMBasMem KXMBasMem_Fortran KXMBasMemGlobalNew)
 if(NOT KXM_KX0CORE_LIBRARY)
   list(APPEND kxm_targets KX0CORE)
 endif()
 
-install(TARGETS ${kxm_targets} EXPORT KXMBasMemTargets)
+install(TARGETS ${kxm_targets} EXPORT KXMBasMemTargets
+        OBJECTS DESTINATION ${CMAKE_INSTALL_LIBDIR}/kxmbasmem)
 install(EXPORT KXMBasMemTargets NAMESPACE KXMBasMem:: DESTINATION ${kxm_cmake_dir})
 install(DIRECTORY KXMBase/ProtectedInterfaces/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}
         FILES_MATCHING PATTERN "*.h")

@@ -64,6 +64,7 @@ KXMBASMEM_API void KXMBasErrorCategory(int category);
 class KXMBASMEM_API KXMBasErrorStack {
 public:
     static void Activate(); ///< from now on the allocator objects report here
+    static void Deactivate();
     static bool Active();   ///< false at start
 
     /// Keeps the text of a call stack, and with it one reading of the footprint. It replaces the
@@ -111,8 +112,6 @@ public:
     static const char* ContextAsString();
 
 private:
-    friend void ::KXMBasErrorStackDeactivate();
-
     enum { text_capacity = 4000, mem_capacity = 4000, name_capacity = 200 };
 
     static bool s_active;

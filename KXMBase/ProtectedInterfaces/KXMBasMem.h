@@ -13,6 +13,7 @@
 
 #ifdef __cplusplus
 #include "KXMBasCallStack.h"
+#include "KXMBasMemDebug.h"
 #include "KXMBasMemPool.h"
 #include "KXMBasOmiTableAllocator.h"
 #include "KXMBasPhaseTracker.h"

@@ -13,22 +13,25 @@ namespace elasticity {
 namespace {
 
 std::atomic<std::uint64_t> requests{0};
+std::atomic<std::uint64_t> small_requests{0};
 std::atomic<std::uint64_t> bytes_asked{0};
 std::atomic<std::uint64_t> live_bytes{0};
 std::atomic<std::uint64_t> peak_bytes{0};
 std::atomic<std::size_t> budget{0};
+std::atomic<Rescue> rescue{nullptr};
 Refusal refusal; // of one thread, like the job
 
 constexpr auto relaxed = std::memory_order_relaxed;
 
 void note_refusal(std::size_t bytes, bool by_budget) noexcept {
-    mem_MaxFootprint();
     refusal = {bytes,
                by_budget,
-               !by_budget && mem_ErrorMemoryLimit() != 0,
-               live_bytes.load(relaxed),
+               by_budget ? 0 : mem_ErrorMemoryLimit(),
+               by_budget ? budget.load(relaxed) : mem_MemoryLimit(),
                mem_Footprint(),
-               mem_FragmentationInfo()};
+               mem_MaxFootprint(),
+               mem_FragmentationInfo(),
+               live_bytes.load(relaxed)};
 }
 
 // Room for a request: taken before it is made, so that the budget holds for all threads together.
@@ -49,6 +52,8 @@ void count_granted(std::size_t bytes) noexcept {
     if (bytes >= worth_a_look)
         mem_MaxFootprint();
     requests.fetch_add(1, relaxed);
+    if (bytes <= 128)
+        small_requests.fetch_add(1, relaxed);
     bytes_asked.fetch_add(bytes, relaxed);
     const std::uint64_t live = live_bytes.load(relaxed);
     std::uint64_t peak = peak_bytes.load(relaxed);
@@ -61,28 +66,34 @@ void withdraw(std::size_t bytes) noexcept {
     note_refusal(bytes, false);
 }
 
-// Counts what came of a request that was charged.
-void* settled(void* block, std::size_t bytes) {
-    if (block == nullptr) {
+// Whether a request that was just refused is worth another try.
+bool rescued() noexcept {
+    const Rescue way_out = rescue.load(relaxed);
+    return way_out != nullptr && way_out(refusal);
+}
+
+// `ask` asks the library once; a request is made again as long as the rescue finds a way.
+template <class Ask> void* granted(std::size_t bytes, Ask ask) {
+    do {
+        if (!charge(bytes))
+            continue;
+        if (void* const block = ask()) {
+            count_granted(bytes);
+            return block;
+        }
         withdraw(bytes);
-        throw std::bad_alloc{};
-    }
-    count_granted(bytes);
-    return block;
+    } while (rescued());
+    throw std::bad_alloc{};
 }
 
 } // namespace
 
 void* allocate(std::size_t bytes) {
-    if (!charge(bytes))
-        throw std::bad_alloc{};
-    return settled(mem_Malloc(bytes), bytes);
+    return granted(bytes, [=] { return mem_Malloc(bytes); });
 }
 
 void* allocate_aligned(std::size_t bytes, std::size_t alignment) {
-    if (!charge(bytes))
-        throw std::bad_alloc{};
-    return settled(mem_Malign(bytes, alignment), bytes);
+    return granted(bytes, [=] { return mem_Malign(bytes, alignment); });
 }
 
 void release(void* block, std::size_t bytes) noexcept {
@@ -100,8 +111,8 @@ void release_aligned(void* block, std::size_t bytes) noexcept {
 }
 
 MemoryFigures memory_figures() noexcept {
-    return {requests.load(relaxed), bytes_asked.load(relaxed), live_bytes.load(relaxed),
-            peak_bytes.load(relaxed)};
+    return {requests.load(relaxed), small_requests.load(relaxed), bytes_asked.load(relaxed),
+            live_bytes.load(relaxed), peak_bytes.load(relaxed)};
 }
 
 Refusal last_refusal() noexcept {
@@ -110,6 +121,10 @@ Refusal last_refusal() noexcept {
 
 void set_memory_budget(std::size_t bytes) noexcept {
     budget.store(bytes, relaxed);
+}
+
+void set_rescue(Rescue way_out) noexcept {
+    rescue.store(way_out, relaxed);
 }
 
 int work_charge(std::size_t bytes) noexcept {
@@ -122,6 +137,10 @@ void work_granted(std::size_t bytes) noexcept {
 
 void work_refused(std::size_t bytes) noexcept {
     withdraw(bytes);
+}
+
+int work_rescued() noexcept {
+    return rescued() ? 1 : 0;
 }
 
 void work_discharge(std::size_t bytes) noexcept {

@@ -20,12 +20,14 @@ namespace elasticity {
 /// library's own overhead.
 struct MemoryFigures {
     std::uint64_t requests = 0;
+    std::uint64_t small_requests = 0; // of at most 128 bytes, which the tiny block pool serves
     std::uint64_t bytes_asked = 0;
     std::uint64_t live_bytes = 0;
     std::uint64_t peak_bytes = 0;
 };
 
-/// Every block of every back end has at least this alignment; the guarded one has no more.
+/// Every block of every back end has at least this alignment; the guarded one has no more. Of the
+/// tiny block pool's blocks those of up to 4 bytes have 4, which is enough for what fits them.
 inline constexpr std::size_t guaranteed_alignment = 8;
 
 /// Returns a block of `bytes` bytes. Throws std::bad_alloc when the library refuses it.
@@ -41,12 +43,16 @@ MemoryFigures memory_figures() noexcept;
 
 /// How memory stood when a request was refused.
 struct Refusal {
-    std::size_t bytes = 0;         // of the request
-    bool by_budget = false;        // by the budget below and not by the library
-    bool by_library_limit = false; // by the library's limit and not by the system
-    std::uint64_t live_bytes = 0;  // that this program held
-    std::size_t footprint_kib = 0; // as the library told
-    std::size_t largest_free = 0;  // bytes; the heap's largest free chunk
+    std::size_t bytes = 0;          // of the request
+    bool by_budget = false;         // by the bound below and not by the library
+    int limit_error = 0;            // mem_ErrorMemoryLimit: not zero when the limit refused
+    std::size_t limit = 0;          // bytes; 0 for none
+    std::size_t footprint_kib = 0;  // as the library told
+    std::size_t peak_footprint = 0; // bytes
+    std::size_t largest_free = 0;   // bytes; the heap's largest free chunk
+    std::uint64_t live_bytes = 0;   // that this program held
+
+    bool by_limit() const { return by_budget || limit_error != 0; }
 };
 
 /// The last refusal, kept because everything is released on the way to the report of it.
@@ -55,6 +61,11 @@ Refusal last_refusal() noexcept;
 /// Refuses requests that would take the live bytes above `bytes`; 0 takes the bound away. It stands
 /// in for the library's limit on the back ends that have none.
 void set_memory_budget(std::size_t bytes) noexcept;
+
+/// Called after a refusal; true when it made room, so that the request is tried again. It must not
+/// ask for memory.
+using Rescue = bool (*)(const Refusal& refusal) noexcept;
+void set_rescue(Rescue rescue) noexcept;
 
 template <class T> struct Allocator {
     static_assert(alignof(T) <= guaranteed_alignment);
@@ -85,11 +96,13 @@ using String = std::basic_string<char, std::char_traits<char>, Allocator<char>>;
 
 // The Fortran kernels ask the library themselves and tell the count of it here: work_charge before
 // the request (0 means the budget forbids it), work_granted or work_refused after it, and
-// work_discharge when the block goes back.
+// work_discharge when the block goes back. After a refusal of either kind work_rescued tells
+// whether to try again.
 extern "C" {
 int work_charge(std::size_t bytes) noexcept;
 void work_granted(std::size_t bytes) noexcept;
 void work_refused(std::size_t bytes) noexcept;
+int work_rescued() noexcept;
 void work_discharge(std::size_t bytes) noexcept;
 }
 

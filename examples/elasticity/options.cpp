@@ -75,11 +75,11 @@ void set_backend(Options& options, std::string_view text) {
     options.backend = text;
 }
 
-void set_memory_limit(Options& options, std::string_view text) {
+std::size_t mebibytes(std::string_view text) {
     constexpr double mebibyte = 1048576;
     const double value = real(text, "a number of MiB above 0 and below 1e9",
                               [](double v) { return v > 0 && v < 1e9; });
-    options.memory_limit = std::max<std::size_t>(1, static_cast<std::size_t>(value * mebibyte));
+    return std::max<std::size_t>(1, static_cast<std::size_t>(value * mebibyte));
 }
 
 constexpr Option table[] = {
@@ -104,7 +104,14 @@ constexpr Option table[] = {
     {"--json", "FILE", "write the figures of the run, one a line",
      [](Options& o, std::string_view v) { o.json = v; }},
     {"--backend", "NAME", "memory back end: crt, guarded, aligned or heap", set_backend},
-    {"--memory-limit", "MIB", "refuse memory above this many MiB", set_memory_limit},
+    {"--tiny-pool", "", "serve requests of at most 128 bytes from the heap's tiny block pool",
+     [](Options& o, std::string_view) { o.tiny_pool = true; }},
+    {"--memory-limit", "MIB", "refuse memory above this many MiB",
+     [](Options& o, std::string_view v) { o.memory_limit = mebibytes(v); }},
+    {"--raise-limit", "MIB", "when refused, raise the limit up to this many MiB",
+     [](Options& o, std::string_view v) { o.raise_limit = mebibytes(v); }},
+    {"--reserve", "MIB", "hold this many MiB back, to be given up when refused",
+     [](Options& o, std::string_view v) { o.reserve = mebibytes(v); }},
     {"--tolerance", "REL", "relative residual at which the solver stops (1e-8)",
      [](Options& o, std::string_view v) {
          o.solver.tolerance =
@@ -145,6 +152,13 @@ void check_files(const Options& options) {
         throw InputError({"the result would replace the mesh ", options.mesh});
 }
 
+void check_limits(const Options& options) {
+    if (options.raise_limit != 0 && options.memory_limit == 0)
+        throw InputError({"--raise-limit needs a --memory-limit to raise"});
+    if (options.raise_limit != 0 && options.raise_limit <= options.memory_limit)
+        throw InputError({"--raise-limit is not above --memory-limit"});
+}
+
 } // namespace
 
 Options parse_options(int argc, const char* const* argv) {
@@ -177,8 +191,10 @@ Options parse_options(int argc, const char* const* argv) {
             }
         }
     }
-    if (!options.help && !options.version)
+    if (!options.help && !options.version) {
         check_files(options);
+        check_limits(options);
+    }
     return options;
 }
 

@@ -4,6 +4,7 @@
 #include "backend.h"
 #include "input_error.h"
 #include "report.h"
+#include "rescue.h"
 
 #include <KXMBasMem.h>
 
@@ -15,17 +16,6 @@ namespace elasticity {
 
 namespace {
 
-// The heap bounds its own footprint. For the other back ends this program bounds what it holds.
-void limit_memory(std::size_t bytes) {
-    constexpr int limit_parameter = -5;
-    if (bytes == 0)
-        return;
-    if (mem_usingDL() == 0)
-        set_memory_budget(bytes);
-    else if (mem_Mallopt(limit_parameter, bytes) == 0)
-        throw InputError({"--memory-limit: the memory library does not take this limit"});
-}
-
 int run_unguarded(int argc, char** argv) {
     const Options options = parse_options(argc, argv);
     if (options.help)
@@ -36,7 +26,14 @@ int run_unguarded(int argc, char** argv) {
         return done;
     if (const std::optional<int> status = use_backend(options.backend, argv))
         return *status;
-    limit_memory(options.memory_limit);
+    if (options.tiny_pool) {
+        if (mem_usingDL() == 0)
+            throw InputError({"--tiny-pool needs --backend heap"});
+        mem_TBAllocator(1);
+    }
+    if (options.memory_limit != 0 && !set_memory_limit(options.memory_limit))
+        throw InputError({"--memory-limit: the memory library does not take this limit"});
+    prepare_rescue({options.memory_limit, options.raise_limit, options.reserve});
     JobReport report;
     run_job(options, report);
     if (!options.json.empty())

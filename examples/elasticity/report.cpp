@@ -4,6 +4,7 @@
 #include "backend.h"
 #include "input_error.h"
 #include "output_file.h"
+#include "rescue.h"
 
 #include <KXMBasMem.h>
 
@@ -61,10 +62,12 @@ void print_steps(const JobReport& report) {
     std::printf("%-10s %9.3f\n", "total", total);
 }
 
-void print_memory() {
+void print_memory(const Options& options) {
     const MemoryFigures figures = memory_figures();
     std::printf("\nmemory, back end %s\n", present_backend());
     std::printf("  requests of this program  %12" PRIu64 "\n", figures.requests);
+    std::printf("  of at most 128 bytes      %12" PRIu64 "%s\n", figures.small_requests,
+                options.tiny_pool ? ", from the tiny block pool" : "");
     std::printf("  asked for in all          %12.1f MiB\n",
                 mib(static_cast<double>(figures.bytes_asked)));
     std::printf("  held at most at once      %12.1f MiB\n",
@@ -73,6 +76,8 @@ void print_memory() {
                 static_cast<double>(mem_Footprint()) / 1024);
     std::printf("  footprint at most         %12.1f MiB\n",
                 mib(static_cast<double>(mem_MaxFootprint())));
+    if (rescues() != 0)
+        std::printf("  refusals survived         %12d\n", rescues());
 }
 
 class JsonObject {
@@ -131,10 +136,13 @@ void write_figures(JsonObject& json, const Options& options, const JobReport& re
     }
     const MemoryFigures figures = memory_figures();
     json.number("requests", figures.requests);
+    json.number("small_requests", figures.small_requests);
+    json.truth("tiny_pool", options.tiny_pool);
     json.number("asked_bytes", figures.bytes_asked);
     json.number("peak_held_bytes", figures.peak_bytes);
     json.number("footprint_kib", mem_Footprint());
     json.number("max_footprint_bytes", mem_MaxFootprint());
+    json.number("refusals_survived", rescues());
 }
 
 } // namespace
@@ -143,7 +151,7 @@ void print_report(const Options& options, const JobReport& report) {
     print_mesh(report);
     print_solution(options, report);
     print_steps(report);
-    print_memory();
+    print_memory(options);
     if (std::fflush(stdout) != 0 || std::ferror(stdout))
         throw InputError({"standard output cannot be written"});
 }
@@ -156,25 +164,34 @@ void write_json(const Options& options, const JobReport& report) {
     file.commit();
 }
 
-void print_out_of_memory() {
-    char text[640];
-    const Refusal refusal = last_refusal();
+void print_refusal(const char* title, const Refusal& refusal) {
     const char* reason = "the system has no more, or the request is impossible";
     if (refusal.by_budget)
         reason = "it would go above --memory-limit";
-    else if (refusal.by_library_limit)
+    else if (refusal.by_limit())
         reason = "it would go above the library's memory limit";
+    char text[640];
     std::snprintf(text, sizeof text,
-                  "elasticity: out of memory in step \"%s\"\n"
+                  "%s in step \"%s\"\n"
                   "  refused request   %zu bytes: %s\n"
-                  "  held by this job  %" PRIu64 " bytes then, %" PRIu64 " at most\n"
-                  "  library's limit   %zu bytes (0: none)\n"
-                  "  footprint         %zu KiB then, %zu KiB now, %zu bytes at most\n"
-                  "  largest free      %zu bytes in one chunk then\n"
+                  "  limit error       %d\n"
+                  "  limit             %zu bytes (0: none)\n"
+                  "  footprint         %zu KiB, %zu bytes at most\n"
+                  "  largest free      %zu bytes in one chunk\n"
+                  "  held by this job  %" PRIu64 " bytes, %" PRIu64 " at most\n",
+                  title, present_step(), refusal.bytes, reason, refusal.limit_error, refusal.limit,
+                  refusal.footprint_kib, refusal.peak_footprint, refusal.largest_free,
+                  refusal.live_bytes, memory_figures().peak_bytes);
+    std::fputs(text, stderr);
+}
+
+void print_out_of_memory() {
+    print_refusal("elasticity: out of memory", last_refusal());
+    char text[120];
+    std::snprintf(text, sizeof text,
+                  "  footprint now     %zu KiB: everything was given back\n"
                   "  back end          %s\n",
-                  present_step(), refusal.bytes, reason, refusal.live_bytes,
-                  memory_figures().peak_bytes, mem_MemoryLimit(), refusal.footprint_kib,
-                  mem_Footprint(), mem_MaxFootprint(), refusal.largest_free, present_backend());
+                  mem_Footprint(), present_backend());
     std::fputs(text, stderr);
 }
 

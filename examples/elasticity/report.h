@@ -12,7 +12,11 @@ void print_report(const Options& options, const JobReport& report);
 /// cannot be written.
 void write_json(const Options& options, const JobReport& report);
 
-/// Tells on standard error which request was refused and how memory stands. It needs no memory.
+/// Tells on standard error, under `title`, which request was refused and how memory stood. Needs
+/// no memory, like the next.
+void print_refusal(const char* title, const Refusal& refusal);
+
+/// The last refusal, which nothing could mend, and how memory stands now.
 void print_out_of_memory();
 
 } // namespace elasticity

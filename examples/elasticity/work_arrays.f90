@@ -31,6 +31,11 @@ module work_arrays
             integer(c_size_t), value, intent(in) :: bytes
         end subroutine work_refused
 
+        function work_rescued() bind(c, name="work_rescued") result(again)
+            import :: c_int
+            integer(c_int) :: again
+        end function work_rescued
+
         subroutine work_discharge(bytes) bind(c, name="work_discharge")
             import :: c_size_t
             integer(c_size_t), value, intent(in) :: bytes
@@ -47,12 +52,14 @@ contains
 
         nullify (values)
         work%bytes = count * 8_c_size_t
-        if (work_charge(work%bytes) == 0) return
-        work%address = mem_malloc(work%bytes)
-        if (.not. c_associated(work%address)) then
-            call work_refused(work%bytes)
-            return
-        end if
+        do
+            if (work_charge(work%bytes) /= 0) then
+                work%address = mem_malloc(work%bytes)
+                if (c_associated(work%address)) exit
+                call work_refused(work%bytes)
+            end if
+            if (work_rescued() == 0) return
+        end do
         call work_granted(work%bytes)
         call c_f_pointer(work%address, values, [count])
     end subroutine acquire

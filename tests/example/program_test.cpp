@@ -155,6 +155,36 @@ TEST_F(Program, ReportsRefusedMemoryInGoodOrder) {
     EXPECT_EQ(contents(part), "(absent)");
 }
 
+// Refused, the job gives up its reserve, then raises the limit, and finishes; within the ceiling it
+// cannot do without, it ends with the report.
+TEST_F(Program, SurvivesRefusedMemory) {
+    for (const std::string backend : {"heap", "crt"}) {
+        const auto run_with = [&](std::vector<std::string> arguments) {
+            arguments.insert(arguments.end(), {"--backend", backend, "--output", result, "--json",
+                                               figures, "--memory-limit", "2", beam});
+            return run(arguments);
+        };
+        const test::ChildResult raised = run_with({"--raise-limit", "200", "--reserve", "1"});
+        EXPECT_EQ(raised.exit_code, 0) << backend << raised.err;
+        const std::size_t reserve = raised.err.find("the reserve is given up, 1048576 bytes");
+        const std::size_t limit = raised.err.find("the limit is raised to");
+        EXPECT_LT(reserve, limit) << raised.err;
+        EXPECT_LT(limit, raised.err.size()) << raised.err;
+        EXPECT_NE(contents(figures).find("\"passed\": true"), std::string::npos);
+        EXPECT_NE(contents(result), "(absent)");
+        remove_files();
+
+        const test::ChildResult ended = run_with({"--raise-limit", "2.5"});
+        EXPECT_EQ(ended.exit_code, 4) << backend << ended.err;
+        EXPECT_NE(ended.err.find("the limit is raised to 2621440 bytes"), std::string::npos);
+        EXPECT_NE(ended.err.find("out of memory in step"), std::string::npos) << ended.err;
+        EXPECT_EQ(contents(result), "(absent)");
+    }
+    EXPECT_EQ(run({"--raise-limit", "2", beam}).exit_code, 2);
+    EXPECT_EQ(run({"--raise-limit", "2", "--memory-limit", "3", beam}).exit_code, 2);
+    EXPECT_EQ(run({"--tiny-pool", "--backend", "crt", beam}).exit_code, 2);
+}
+
 TEST_F(Program, HelpAndVersionSucceedWithoutAMesh) {
     const test::ChildResult help = run({"--help"});
     EXPECT_EQ(help.exit_code, 0);

@@ -68,6 +68,7 @@ void reset_heap() {
     if (const os::Event event = heap::state.mutex.event.load()) {
         os::event_close(event);
     }
+    heap::forget_hidden_starts();
     std::destroy_at(&heap::state);
     std::construct_at(&heap::state);
     std::destroy_at(&heap::params);

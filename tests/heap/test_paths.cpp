@@ -245,6 +245,18 @@ TEST_F(Heap, ClearedMemoryIsCleared) {
     }
 }
 
+// The system's memory is clean, so a mapping is not cleared again: here it is seen to be left.
+TEST_F(Heap, AFreshMappingIsNotClearedTwice) {
+    dlfree(dlmalloc(1));
+    test::SystemWatch watch;
+    watch.supply = os::vm_allocate(320 * kib, os::Placement::direct);
+    std::memset(watch.supply, 0xee, 320 * kib);
+    void* const mem = dlcalloc(300, kib);
+    ASSERT_TRUE(is_direct(mem));
+    EXPECT_TRUE(all_bytes(mem, 300 * kib, 0xee));
+    dlfree(mem);
+}
+
 TEST_F(Heap, AlignedBlocks) {
     for (const std::size_t alignment : Sizes{1, 64, 65, 100, 128, 129, 4096, 65536, 100000}) {
         std::size_t power = 64;
@@ -255,6 +267,9 @@ TEST_F(Heap, AlignedBlocks) {
         for (const std::size_t size : Sizes{0, 1, 56, 57, 200, 5000, 200000, 300000, 1000000}) {
             void* const mem = dlmemalign(alignment, size);
             EXPECT_GE(usable(mem), size);
+            if (!is_direct(mem)) {
+                EXPECT_LE(usable(mem), heap::request2size(size) + 64 - 8) << "the tail goes back";
+            }
             EXPECT_TRUE(is_aligned(mem, power)) << alignment << ' ' << size;
             std::memset(mem, 1, size);
             blocks.push_back(mem);
@@ -278,12 +293,43 @@ TEST_F(Heap, ResizeInPlaceAndByMoving) {
     char* const moved = static_cast<char*>(dlrealloc(a, 2000));
     EXPECT_NE(moved, a) << "a free neighbour in a bin is never taken";
     EXPECT_TRUE(all_bytes(moved, 120, 9));
-    // The top must keep something: exactly its size is not enough.
-    dlfree(b);
-    void* const last = dlmalloc(0);
-    const std::size_t all = heap::state.topsize + 64 - 8;
-    EXPECT_NE(dlrealloc(last, all), last);
     dlfree(moved);
+    dlfree(b);
+    test::reset_heap();
+    void* const last = dlmalloc(1);
+    const std::size_t most = heap::state.topsize + 64 - 32 - 8; // the top keeps its odd 32 bytes
+    EXPECT_EQ(dlrealloc(last, most), last);
+    EXPECT_EQ(heap::state.topsize, 32U);
+    EXPECT_NE(dlrealloc(last, most + 1), last);
+}
+
+// A resized mapping asks the gate about its new size, which tells in the error word, even where a
+// free chunk then serves the request.
+TEST_F(Heap, AMappingsGrowthLeavesTheLimitsVerdict) {
+    void* mem = dlmalloc(mib);
+    dlmallopt(-3, size_max);
+    void* const room = dlmalloc(5 * mib / 2); // for what grows, but no mapping's worth beside it
+    dlmalloc(1);                              // keeps it from the top
+    dlfree(room);
+    dlmallopt(-3, 256 * kib);
+    const std::size_t footprint = dlmalloc_footprint();
+    // From one size of mapping to the other: what 2 MiB - 256 + 255 bytes round up to, and one
+    // chunk more.
+    for (const std::size_t more : Sizes{mib - unit, mib}) {
+        const std::size_t size = more == mib ? 2 * mib - 192 - 8 : 2 * mib - 256 - 8;
+        for (const int verdict : {-1, 0}) {
+            dlmallopt(-5, footprint + more + (verdict == 0 ? 1 : 0));
+            dlmallopt(-5, footprint + more + (verdict == 0 ? 1 : 0)); // carries the first
+            void* const grown = dlrealloc(mem, size);
+            EXPECT_EQ(error_memory_limit(), verdict) << more;
+            EXPECT_EQ(grown, room) << "served all the same";
+            dlmallopt(-5, 0);
+            mem = dlmalloc(mib);
+            ASSERT_TRUE(is_direct(mem));
+            dlfree(grown);
+        }
+    }
+    dlfree(mem);
 }
 
 TEST_F(Heap, ShrunkMappingBecomesASegment) {
@@ -365,24 +411,134 @@ TEST_F(Heap, OtherResizesOfMappings) {
     EXPECT_EQ(dlmalloc_trim(0), 0) << "such a segment never goes back as a whole";
 }
 
-TEST_F(Heap, TopGoesBackInWholeAllocations) {
-    test::SystemWatch watch;
+// Grows the heap unit by unit to eight of them, and frees all. False where the system did not place
+// them side by side.
+bool eight_free_units() {
     std::vector<void*> blocks;
-    while (dlmalloc_footprint() < 3 * mib) {
-        blocks.push_back(dlmalloc(32 * kib - 8)); // grows by one unit or two
+    while (dlmalloc_footprint() < 8 * unit) {
+        blocks.push_back(dlmalloc(8 * kib - 8));
     }
     const bool joined = heap::take_census().segments == 1;
     for (void* const mem : blocks) {
         dlfree(mem);
     }
-    if (joined) { // the system placed all of it side by side
-        EXPECT_GT(watch.releases, 0U) << "more than the threshold was free";
-        EXPECT_LE(dlmalloc_footprint(), 2 * mib);
+    return joined;
+}
+
+TEST_F(Heap, TopGoesBackInWholeAllocations) {
+    struct Case {
+        std::size_t pad, kept; // units
+    };
+    // What is kept besides the pad: 48 bytes in front, 176 behind, and 176 once more.
+    for (const Case& c : {Case{0, 1}, Case{unit - 401, 1}, Case{unit - 400, 2}, Case{unit, 2},
+                          Case{7 * unit - 400, 8}, Case{9 * unit, 8}}) {
+        test::reset_heap();
+        if (!eight_free_units()) {
+            GTEST_SKIP() << "the system places units apart";
+        }
+        EXPECT_EQ(dlmalloc_trim(c.pad), c.kept < 8 ? 1 : 0) << c.pad;
+        EXPECT_EQ(dlmalloc_footprint(), c.kept * unit) << c.pad;
+        EXPECT_EQ(heap::state.topsize, c.kept * unit - 224) << c.pad;
+        EXPECT_EQ(heap::state.trim_check, c.kept < 8 ? 2 * mib : size_max) << c.pad;
     }
-    dlmalloc_trim(0);
-    EXPECT_LE(dlmalloc_footprint(), 2 * unit);
+    // By itself, when more than the threshold is free.
+    test::reset_heap();
+    dlmallopt(-1, 6 * unit);
+    test::SystemWatch watch;
+    ASSERT_TRUE(eight_free_units());
+    EXPECT_GT(watch.releases, 0U);
+    EXPECT_LE(dlmalloc_footprint(), 6 * unit + unit);
+    // A segment that is not the heap's own neither shrinks nor goes.
+    dlmallopt(-1, size_max);
+    test::reset_heap();
+    ASSERT_TRUE(eight_free_units());
+    heap::state.seg.sflags |= heap::EXTERN_BIT;
     EXPECT_EQ(dlmalloc_trim(0), 0);
-    EXPECT_EQ(heap::state.trim_check, size_max);
+    EXPECT_EQ(dlmalloc_footprint(), 8 * unit);
+}
+
+// Two ranges that the system is made to place as the test wants them: side by side or apart.
+struct Ranges {
+    char* low = nullptr;
+    char* high = nullptr;
+};
+
+Ranges neighbours(std::size_t low, std::size_t high) {
+    const Ranges ranges{static_cast<char*>(os::vm_allocate(low, os::Placement::segment)),
+                        static_cast<char*>(os::vm_allocate(high, os::Placement::segment))};
+    if (ranges.low + low == ranges.high) {
+        return ranges;
+    }
+    os::vm_release(ranges.low);
+    os::vm_release(ranges.high);
+    return {};
+}
+
+TEST_F(Heap, ARangeAboveTheTopJoinsIt) {
+    for (const bool own : {true, false}) {
+        test::reset_heap();
+        const Ranges ranges = neighbours(unit, 2 * unit);
+        if (ranges.low == nullptr) {
+            GTEST_SKIP() << "the system places them apart";
+        }
+        test::SystemWatch watch;
+        watch.supply = ranges.low;
+        dlmalloc(1000);
+        heap::state.seg.sflags |= own ? 0 : heap::EXTERN_BIT;
+        const std::size_t topsize = heap::state.topsize;
+        watch.supply = ranges.high;
+        void* const mem = dlmalloc(unit);
+        const heap::Census census = heap::take_census();
+        if (own) {
+            EXPECT_EQ(mem, ranges.low + 64 + 1024) << "in both";
+            EXPECT_EQ(heap::state.topsize, topsize + 2 * unit - unit - 64);
+            EXPECT_EQ(census.segments, 1U);
+            EXPECT_EQ(census.free_chunks, 0U);
+        } else {
+            EXPECT_EQ(mem, ranges.high + 64);
+            EXPECT_EQ(census.segments, 2U);
+        }
+    }
+}
+
+// What is left of the old top, in front of its segment's record, becomes a free chunk.
+TEST_F(Heap, ARangeApartBecomesTheNewestSegment) {
+    for (const std::size_t left : Sizes{unit - 224 - 64, 32}) {
+        test::reset_heap();
+        dlmalloc(1);
+        if (left == 32) {
+            dlmalloc(heap::state.topsize - 32 - 8);
+        }
+        ASSERT_EQ(heap::state.topsize, left);
+        char* const old = heap::state.seg.base;
+        test::SystemWatch watch;
+        watch.supply = os::vm_allocate(2 * unit, os::Placement::direct);
+        void* const given = watch.supply;
+        dlmalloc(unit);
+        EXPECT_EQ(heap::state.seg.base, given);
+        ASSERT_NE(heap::state.seg.next, nullptr);
+        EXPECT_EQ(static_cast<void*>(heap::state.seg.next), old + unit - 128) << left;
+        EXPECT_EQ(dlfragmentationinfo(), left + 32) << left;
+    }
+}
+
+// The unit's last request, and the first that takes a second one.
+TEST_F(Heap, ANewSegmentHoldsItsRequestAndTheFoot) {
+    dlmalloc(unit - 256 - 8);
+    EXPECT_EQ(dlmalloc_footprint(), unit);
+    test::reset_heap();
+    dlmalloc(unit - 192 - 8);
+    EXPECT_EQ(dlmalloc_footprint(), 2 * unit);
+}
+
+TEST_F(Heap, ThresholdsBelowTheSmallestChunkMapEverything) {
+    dlmallopt(-3, 1);
+    void* const mem = dlmalloc(1);
+    EXPECT_TRUE(is_direct(mem));
+    EXPECT_EQ(dlmalloc_footprint(), 2 * unit) << "and the first segment, which nothing is in yet";
+    void* const next = dlmalloc(1);
+    EXPECT_FALSE(is_direct(next)) << "what the top can serve is never mapped";
+    dlfree(mem);
 }
 
 TEST_F(Heap, PartOfAnAllocationNeverGoesBackAndIsTriedOnce) {
@@ -462,11 +618,8 @@ TEST_F(Heap, ARangeBelowASegmentJoinsItsFirstChunk) {
     for (const char* const first : {"top", "victim", "free", "in use"}) {
         test::reset_heap();
         test::SystemWatch watch;
-        void* const low = os::vm_allocate(4 * unit, os::Placement::segment);
-        void* const high = os::vm_allocate(unit, os::Placement::segment);
-        if (static_cast<char*>(low) + 4 * unit != high) {
-            os::vm_release(low);
-            os::vm_release(high);
+        const auto [low, high] = neighbours(4 * unit, unit);
+        if (low == nullptr) {
             GTEST_SKIP() << "the system places them apart";
         }
         watch.supply = high;
@@ -484,7 +637,7 @@ TEST_F(Heap, ARangeBelowASegmentJoinsItsFirstChunk) {
         watch.supply = low;
         const std::size_t free_before = heap::take_census().free_bytes + heap::state.topsize;
         auto* const mem = static_cast<char*>(dlmalloc(200 * kib));
-        EXPECT_EQ(mem, static_cast<char*>(low) + 64) << first;
+        EXPECT_EQ(mem, low + 64) << first;
         EXPECT_EQ(test::heap_fault(), "") << first;
         const heap::Census census = heap::take_census();
         EXPECT_EQ(census.segments, 1U) << first;
@@ -493,6 +646,28 @@ TEST_F(Heap, ARangeBelowASegmentJoinsItsFirstChunk) {
             << first;
         EXPECT_EQ(census.free_chunks, first == std::string("top") ? 0U : 1U) << first;
     }
+}
+
+// The same below a segment that begins with the stale head of a block that was moved up.
+TEST_F(Heap, ARangeBelowAStaleHeadLeavesTheHeapSound) {
+    dlfree(dlmalloc(1));
+    const Ranges ranges = neighbours(4 * unit, 4 * mib + unit);
+    if (ranges.low == nullptr) {
+        GTEST_SKIP() << "the system places them apart";
+    }
+    test::SystemWatch watch;
+    watch.supply = ranges.high;
+    void* const mem = dlmemalign(64 * kib, 4 * mib - 64 * kib);
+    ASSERT_TRUE(is_direct(mem));
+    ASSERT_EQ(dlrealloc(mem, mib), mem);
+    watch.supply = ranges.low;
+    dlmallopt(-3, size_max);
+    while (watch.supply != nullptr) { // first the free part of the mapping is used up
+        dlmalloc(200 * kib);          // four units
+        ASSERT_EQ(test::heap_fault(), "");
+    }
+    EXPECT_EQ(heap::take_census().hidden_starts, 1U);
+    dlfree(mem);
 }
 
 } // namespace

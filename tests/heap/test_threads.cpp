@@ -57,6 +57,18 @@ TEST(HeapLock, MakesItsEventAtTheFirstCollisionAndKeepsAWakeUp) {
     os::event_close(lock.event);
 }
 
+TEST_F(Heap, ReleaseLockLetsAWaiterIn) {
+    dlfree(dlmalloc(1));
+    mem_mlock_acquire(heap::state.mutex); // as by a thread that was ended inside the heap
+    std::thread waiter([] { dlfree(dlmalloc(1)); });
+    while (heap::state.mutex.count.load() < 2) {
+        std::this_thread::yield();
+    }
+    dlmalloc_ReleaseLock();
+    waiter.join();
+    EXPECT_EQ(heap::state.mutex.count, 0);
+}
+
 // Blocks pass between threads through a table of shared places.
 class Exchange {
 public:

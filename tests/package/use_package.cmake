@@ -25,7 +25,7 @@ else()
 endif()
 run(COMMAND ${CMAKE_COMMAND} ${options})
 run(COMMAND ${CMAKE_COMMAND} --build ${WORK}/build)
-foreach(program c_client cxx_client fortran_client)
+foreach(program c_client cxx_client global_new_client fortran_client)
   if(TOOLCHAIN)
     run(COMMAND ${EMULATOR} ${WORK}/build/${program}.exe OUTPUT out
         ENVIRONMENT WINEPATH=${WORK}/prefix/bin)

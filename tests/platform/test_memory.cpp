@@ -91,6 +91,33 @@ TEST(VirtualMemory, ReleasesWholeAllocationsOnly) {
     EXPECT_FALSE(os::vm_release(block)) << "a second time";
 }
 
+// A run of neighbours goes at once, and ends at a hole, at a part and at what is not ours.
+TEST(VirtualMemory, ReleasesRunsOfNeighbours) {
+    constexpr std::size_t unit = 64 * kib;
+    std::vector<char*> block;
+    for (int i = 0; i < 6; ++i) {
+        block.push_back(static_cast<char*>(os::vm_allocate(unit, os::Placement::segment)));
+        ASSERT_NE(block.back(), nullptr);
+    }
+    for (std::size_t i = 1; i < block.size(); ++i) {
+        if (block[i] != block[i - 1] + unit) {
+            GTEST_SKIP() << "the system places units apart";
+        }
+    }
+    EXPECT_EQ(os::vm_release_run(block[0] + 4096, unit), 0U) << "a tail";
+    EXPECT_EQ(os::vm_release_run(block[0], unit - 4096), 0U) << "a part";
+    EXPECT_EQ(os::vm_release_run(block[0], unit + unit / 2), unit) << "the next is a part";
+    EXPECT_TRUE(os::vm_release(block[3]));
+    EXPECT_EQ(os::vm_release_run(block[1], 5 * unit), 2 * unit) << "up to the hole";
+    EXPECT_EQ(os::vm_release_run(block[4], 2 * unit), 2 * unit);
+    os::Region region{};
+    ASSERT_TRUE(os::vm_query(block[5], region));
+    EXPECT_EQ(region.state, os::state_free);
+    auto* const again = static_cast<char*>(os::vm_allocate(unit, os::Placement::segment));
+    ASSERT_TRUE(all_zero(reinterpret_cast<unsigned char*>(again), unit));
+    EXPECT_TRUE(os::vm_release(again));
+}
+
 TEST(VirtualMemory, SegmentsJoinAndDirectMappingsStandApart) {
     std::vector<char*> segments, direct;
     for (int i = 0; i < 8; ++i) {

@@ -54,6 +54,10 @@ void KXMBasErrorStack::Activate() {
     relaxed_write(s_active, true);
 }
 
+void KXMBasErrorStack::Deactivate() {
+    relaxed_write(s_active, false);
+}
+
 bool KXMBasErrorStack::Active() {
     return relaxed_read(s_active);
 }
@@ -172,7 +176,7 @@ void KXMBasErrorStackReactivate() {
 }
 
 void KXMBasErrorStackDeactivate() {
-    relaxed_write(KXMBasErrorStack::s_active, false);
+    KXMBasErrorStack::Deactivate();
 }
 
 void KXMBasErrorCategory(int category) {

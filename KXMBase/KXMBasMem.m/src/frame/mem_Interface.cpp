@@ -74,8 +74,6 @@ inline bool is_tiny(const void* ptr) {
     return os::read_word_unchecked(words) == page && os::read_word_unchecked(words + 1) == tiny_tag;
 }
 
-} // namespace
-
 KXM_ALWAYS_INLINE void* route_malloc(size_t size) {
     return mem_tinyBlocksOn && size < tiny_limit ? tiny_seam::alloc(size) : mem_malloc(size);
 }
@@ -87,6 +85,23 @@ KXM_NEVER_INLINE void* gated_malloc(size_t size) {
     }
     return ptr;
 }
+
+KXM_ALWAYS_INLINE void route_free(void* ptr) {
+    if (is_tiny(ptr)) {
+        tiny_seam::free(ptr);
+    } else {
+        mem_free(ptr);
+    }
+}
+
+KXM_NEVER_INLINE void gated_free(void* ptr) {
+    if (gate(s_useFree)) { // before the release, while the address is still owned
+        tracker_seam::free_call(ptr);
+    }
+    route_free(ptr);
+}
+
+} // namespace
 
 void* mem_Malloc(size_t size) {
     if (s_useMalloc == tracker_seam::off) [[likely]] {
@@ -106,20 +121,11 @@ void* mem_Malloc_Handled(size_t size) {
     return ptr; // not tried again: the handler is called for its effect alone
 }
 
-KXM_NEVER_INLINE void gate_free(void* ptr) {
-    if (gate(s_useFree)) { // before the release, while the address is still owned
-        tracker_seam::free_call(ptr);
-    }
-}
-
 void mem_Free(void* ptr) {
-    if (s_useFree != tracker_seam::off) [[unlikely]] {
-        gate_free(ptr);
-    }
-    if (is_tiny(ptr)) {
-        tiny_seam::free(ptr);
+    if (s_useFree == tracker_seam::off) [[likely]] {
+        route_free(ptr);
     } else {
-        mem_free(ptr);
+        gated_free(ptr);
     }
 }
 

@@ -26,9 +26,29 @@ struct Tally {
     bool operator==(const Tally&) const = default;
 };
 
+struct HiddenStart {
+    const malloc_chunk* stale;
+    const malloc_chunk* real;
+};
+constexpr std::size_t most_hidden_starts = 64;
+constinit HiddenStart hidden_starts[most_hidden_starts]{};
+constinit std::size_t hidden_count = 0; // may be above what there is room for
+
+const malloc_chunk* behind_stale_head(const malloc_chunk* p) {
+    for (std::size_t i = 0; i < hidden_count; ++i) {
+        if (hidden_starts[i].stale == p) {
+            return hidden_starts[i].real;
+        }
+    }
+    return nullptr;
+}
+
 class Walker {
 public:
     Census run() {
+        if (hidden_count > most_hidden_starts) {
+            return census_; // no telling what is a chunk
+        }
         if (!is_initialized()) {
             expect(state.dv == nullptr && state.smallmap == 0 && state.treemap == 0,
                    "an empty heap holds something", &state);
@@ -79,25 +99,15 @@ private:
         }
     }
 
-    // A mapping that was turned into a segment with an aligned block in it begins with the head
-    // that the block had before it was moved up, still marked as directly mapped. Behind it lies
-    // untouched, zero memory up to the real first chunk.
-    const malloc_chunk* first_chunk(const malloc_segment* s) {
-        const malloc_chunk* first = align_as_chunk(s->base);
-        if (!is_mmapped(first)) {
-            return first;
-        }
-        ++census_.hidden_starts;
-        do {
-            first = chunk_behind(first, MALLOC_ALIGNMENT);
-        } while (first->head == 0 && address_of(first) + TOP_FOOT_SIZE < segment_end(s));
-        return first;
-    }
-
     void walk_chunks(const malloc_segment* s) {
         const malloc_chunk* before = nullptr;
-        const malloc_chunk* p = first_chunk(s);
+        const malloc_chunk* p = align_as_chunk(s->base);
         while (sound() && p != state.top && p->head != FENCEPOST_HEAD) {
+            if (const malloc_chunk* const real = behind_stale_head(p)) {
+                ++census_.hidden_starts;
+                before = nullptr; // the real chunk's tags tell nothing of what is in front
+                p = real;
+            }
             check_chunk(s, before, p);
             before = p;
             p = next_chunk(p);
@@ -246,6 +256,17 @@ private:
 };
 
 } // namespace
+
+void note_hidden_start(const malloc_chunk* stale, const malloc_chunk* real) {
+    if (hidden_count < most_hidden_starts) {
+        hidden_starts[hidden_count] = {stale, real};
+    }
+    hidden_count += hidden_count <= most_hidden_starts;
+}
+
+void forget_hidden_starts() {
+    hidden_count = 0;
+}
 
 Census take_census() {
     return Walker{}.run();

@@ -19,8 +19,14 @@ struct Census {
     std::size_t free_chunks = 0;
     std::size_t free_bytes = 0;
     std::size_t largest_free = 0;
-    std::size_t hidden_starts = 0; ///< segments whose first chunk is not where walks begin
+    std::size_t hidden_starts = 0; ///< stale heads met, each in front of a chunk it hides
 };
+
+/// An aligned block whose mapping becomes a segment leaves behind, at `stale`, the head it had before
+/// it was moved up to `real`. No later walk can tell that head from a chunk in use, so the walker
+/// is told. A segment that begins so never goes back to the system.
+void note_hidden_start(const malloc_chunk* stale, const malloc_chunk* real);
+void forget_hidden_starts(); ///< for a heap that begins anew
 
 /// pre: nobody else is in the heap, or the caller holds its lock.
 Census take_census();

@@ -15,8 +15,8 @@ constinit mem_mlock magic_mutex{};
 namespace {
 
 void refresh_state() {
-    state.use_lock = params.use_lock;
     state.memory_limit = params.memory_limit;
+    state.use_lock.publish(params.use_lock); // lets entries in that did not see the set-up
 }
 
 void set_defaults() {
@@ -49,7 +49,7 @@ void set_up() {
         require(std::has_single_bit(system.page_size) &&
                 std::has_single_bit(system.allocation_granularity));
         params.granularity = system.allocation_granularity;
-        params.page_size = system.page_size;
+        params.page_size.publish(system.page_size);
     }
     mem_mlock_release(magic_mutex);
 }
@@ -57,7 +57,7 @@ void set_up() {
 } // namespace
 
 int init_mparams() {
-    if (params.page_size == 0) {
+    if (params.page_size.seen() == 0) {
         set_up();
     } else {
         refresh_state(); // how a changed option arrives

@@ -37,6 +37,9 @@ void convert_to_segment(malloc_chunk* p, std::size_t nb, std::size_t mmsize) {
     malloc_chunk* const rest = chunk_behind(p, nb);
     const std::size_t rsize = address_of(record) - address_of(rest);
 
+    if (malloc_chunk* const first = align_as_chunk(chunk_at<char>(start)); first != p) {
+        note_hidden_start(first, p);
+    }
     p->prev_foot = 0;
     set_inuse_front(p, nb);
     rest->head = rsize | PINUSE_BIT;

@@ -87,7 +87,7 @@ class Entry {
 public:
     KXM_ALWAYS_INLINE Entry() {
         // The word is zero before the parameters are set up, too, so one test serves both.
-        if (state.use_lock != 0 || wants_lock_after_set_up()) [[likely]] {
+        if (state.use_lock.seen() != 0 || wants_lock_after_set_up()) [[likely]] {
             mem_mlock_acquire(state.mutex);
         }
     }
@@ -101,7 +101,7 @@ public:
 
 private:
     static bool wants_lock_after_set_up() {
-        if (params.page_size == 0) {
+        if (params.page_size.seen() == 0) {
             init_mparams();
         }
         return state.use_lock != 0;

@@ -1,6 +1,7 @@
 // The contended half of mem_mlock: the event, made once by whoever first needs it.
 #include "heap/mem_mlock.h"
 
+#include <algorithm>
 #include <thread>
 
 namespace {
@@ -14,8 +15,11 @@ os::Event ensure_event(mem_mlock& lock) {
     }
 }
 
-// A few times as long as the heap's lock is usually held.
-constexpr int looks_before_counting = 128;
+// Each look takes the lock's cache line from the thread that works with it, so looks grow rare fast:
+// the holder, which usually comes back at once, goes on at full speed meanwhile.
+constexpr int first_pauses = 64;
+constexpr int most_pauses = 512;
+constexpr int pauses_before_counting = 2048; // some microseconds: many times as long as one holds it
 
 } // namespace
 
@@ -35,11 +39,15 @@ os::Event mem_mlock_event(mem_mlock& lock) {
 }
 
 void mem_mlock_let_pass(const mem_mlock& lock) {
-    for (int look = 0; look < looks_before_counting; ++look) {
+    int pauses = first_pauses;
+    for (int paused = 0; paused < pauses_before_counting; paused += pauses) {
+        for (int i = 0; i < pauses; ++i) {
+            os::spin_pause();
+        }
         if (lock.count.load(std::memory_order_relaxed) <= 0) {
             return;
         }
-        os::spin_pause();
+        pauses = std::min(2 * pauses, most_pauses);
     }
 }
 

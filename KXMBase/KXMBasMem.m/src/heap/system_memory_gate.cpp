@@ -23,12 +23,6 @@ char* ask_system(std::size_t size, os::Placement placement) {
     return got != nullptr ? static_cast<char*>(got) : all_ones();
 }
 
-// True when `region` is a whole allocation, committed, that starts at `ptr` and fits in `size`.
-bool is_whole_allocation(const os::Region& region, const void* ptr, std::size_t size) {
-    return region.base == address_of(ptr) && region.allocation_base == address_of(ptr) &&
-           region.state == os::state_commit && region.size <= size;
-}
-
 } // namespace
 
 int check_memory_limit(std::size_t size, std::size_t footprint, std::size_t limit) {
@@ -71,17 +65,7 @@ int win32munmap(void* ptr, std::size_t size) {
     if (!test_seam::releasable(ptr, size)) {
         return -1;
     }
-    auto* at = static_cast<char*>(ptr);
-    while (size != 0) {
-        os::Region region;
-        if (!os::vm_query(at, region) || !is_whole_allocation(region, at, size) ||
-            !os::vm_release(at)) {
-            return -1;
-        }
-        at += region.size;
-        size -= region.size;
-    }
-    return 0;
+    return os::vm_release_run(ptr, size) == size ? 0 : -1;
 }
 
 } // namespace heap

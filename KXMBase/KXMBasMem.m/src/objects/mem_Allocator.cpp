@@ -3,6 +3,7 @@
 
 #include <new>
 
+#include "KXMBasCallStack.h"
 #include "KXMBasErrorStack.h"
 #include "diagnostics/shared_text.h"
 #include "mem_Interface.h"
@@ -25,6 +26,11 @@ char s_report[1024]; // one for all threads: two that fail at once may mix their
                               static_cast<unsigned long long>(size));
             shared_text::store(s_report, sizeof s_report, sizeof s_report - 1, text);
             KXMBasErrorStack::PushMessage(s_report);
+            const KXMBasCallStack stack(20, nullptr);
+            if (stack.Available()) {
+                KXMBasErrorStack::Push(stack.CStr());
+                stack.DeleteCStr(stack.CStr());
+            }
         } catch (...) {
         }
     }

@@ -6,7 +6,6 @@
 #include <cstring>
 
 #include "KX0CORE.h"
-#include "diagnostics/callstack_depth.h"
 
 namespace operator_new {
 namespace {
@@ -43,15 +42,25 @@ void* allocate_checked(std::size_t size, Checked entry) {
     return mem_Malloc(size);
 }
 
-KXM_NEVER_INLINE void report_failure(std::size_t size) {
-    const std::int32_t depth = s_callStackDepth;
+int begin_report(std::size_t size) {
+    const int depth = KXMBasCallStack::GetDepthSetting();
     if (depth == 0) {
-        return;
+        return 0;
     }
     std::fputs("\n*** Error: memory allocation request failed ***\n", stderr);
     std::fprintf(stderr, "Allocation request: %llu bytes\n", static_cast<unsigned long long>(size));
     std::fprintf(stderr, "Current footprint:  %llu MB\n",
                  static_cast<unsigned long long>(mem_FootprintFromResources() / 1024));
+    return depth;
+}
+
+void end_report(const KXMBasCallStack& stack) {
+    // Deliberately not the stream of the rest. What the process does next may keep it from its last
+    // flush.
+    std::printf("Current callstack:\n");
+    std::printf("%s\n", stack.CStr() != nullptr ? stack.CStr() : "(null)");
+    std::fflush(stdout);
+    stack.DeleteCStr(stack.CStr()); // a loop of failures must not eat what memory there is
 }
 
 bool call_handler() {

@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <new>
 
+#include "KXMBasCallStack.h"
 #include "mem_Interface.h"
 #include "platform/compiler.h"
 #include "platform/relaxed_word.h"
@@ -29,8 +30,11 @@ std::int32_t read_size_check();
 /// mem_Malloc for a size that the entry is for; ends the process for another; null for 0.
 void* allocate_checked(std::size_t size, Checked entry);
 
-/// Writes the failure report, if call stacks are wanted at all.
-void report_failure(std::size_t size);
+/// The two parts of the failure report. Between them the loop captures its call stack, so that this
+/// begins with the entry that was called. The first answers the stack's depth, and writes nothing
+/// where that is 0.
+int begin_report(std::size_t size);
+void end_report(const KXMBasCallStack& stack);
 
 /// Calls the new-handler; false when there is none.
 bool call_handler();
@@ -41,7 +45,10 @@ KXM_ALWAYS_INLINE void* loop(std::size_t size, Allocate allocate) {
         if (void* const ptr = allocate(size)) [[likely]] {
             return ptr;
         }
-        report_failure(size);
+        if (const int depth = begin_report(size)) {
+            const KXMBasCallStack stack(depth, nullptr);
+            end_report(stack);
+        }
         if (!call_handler() && end == Without_handler::throws) {
             throw std::bad_alloc();
         }

@@ -67,6 +67,11 @@ void* vm_allocate(std::size_t size, Placement placement);
 /// Fails (false) unless `base` is the start of one. pre: nobody uses the memory any more.
 bool vm_release(void* base);
 
+/// Releases the whole system allocations that lie one directly behind another from `base` on, as
+/// many as fit in `size`, and returns their bytes. A range is gone when that is `size`; a tail, a
+/// hole or a part ends it early. pre: as vm_release.
+std::size_t vm_release_run(void* base, std::size_t size);
+
 /// The region that holds `address`; false when the system does not answer for it.
 bool vm_query(const void* address, Region& region);
 
@@ -188,14 +193,69 @@ std::int64_t file_seek(File file, std::int64_t offset);                 ///< fro
 bool file_close(File file);
 
 // ---------------------------------------------------------------------------------------------
-// Debug help. Functions are bound by their name at run time, so that a system without them shows as
-// null pointers. The names and signatures are the reference system's: "StackWalk64",
+// Debug help. Its functions are bound by their name at run time, so that a system without them shows
+// as null pointers. Names, signatures and records are the reference system's: "StackWalk64",
 // "SymGetOptions", "SymSetOptions", "SymInitialize", "SymFunctionTableAccess64",
-// "SymGetModuleBase64", "SymGetSymFromAddr64", "SymGetLineFromAddr64", "GetModuleBaseNameW".
+// "SymGetModuleBase64", "SymGetSymFromAddr64", "SymGetLineFromAddr64", "GetModuleBaseNameW". Where a
+// system has no such library, this room holds functions of these names.
 
 using Module = void*;
 Module module_load(const char* file_name); ///< null when there is no such module
 void* module_symbol(Module module, const char* name);
+
+/// Where the debug-help library is sought: in the folders of PATH if `in_path`, then under each of
+/// `places`, whose end is marked by null.
+struct DebugHelpPlaces {
+    const char* file_name;
+    bool in_path;
+    const char* const* places;
+};
+const DebugHelpPlaces& debug_help_places();
+
+void* current_process(); ///< as the functions of the debug help take it
+void* current_thread();
+
+struct FrameAddress {
+    std::uint64_t offset;
+    std::uint16_t segment;
+    std::uint32_t mode;
+};
+inline constexpr std::uint32_t flat_mode = 3;
+
+/// STACKFRAME64. Cleared but for the first five addresses it means a walk that begins: the first
+/// step gives the context's own frame, each further one a caller.
+struct StackFrame {
+    FrameAddress pc, return_address, frame, stack, backing_store;
+    void* function_table_entry;
+    std::uint64_t parameters[4];
+    std::int32_t far_call, is_virtual;
+    std::uint64_t reserved[3];
+    std::uint64_t kernel_help[14];
+};
+
+/// IMAGEHLP_SYMBOL64. The name goes on behind the record, for max_name_length bytes.
+struct SymbolRecord {
+    std::uint32_t size_of_struct; ///< 32
+    std::uint64_t address;
+    std::uint32_t size, flags;
+    std::uint32_t max_name_length;
+    char name[4];
+};
+static_assert(sizeof(SymbolRecord) == 32);
+
+/// IMAGEHLP_LINE64. The name belongs to the debug help.
+struct LineRecord {
+    std::uint32_t size_of_struct; ///< 40
+    void* key;
+    std::uint32_t line_number;
+    char* file_name;
+    std::uint64_t address;
+};
+static_assert(sizeof(LineRecord) == 40);
+
+/// Makes a linker's symbol the name a programmer wrote, without parameters, in place; leaves other
+/// names alone. The name of the function in which the runtime starts a thread becomes "endthreadex".
+void make_readable(char* symbol, std::size_t capacity);
 
 /// Registers of a thread; the size of the larger system's record.
 struct alignas(16) Context {
@@ -204,14 +264,26 @@ struct alignas(16) Context {
 struct ContextPosition {
     std::uint64_t instruction, stack, frame;
 };
-void context_capture(Context& context); ///< of the caller
+/// Fills in the caller's registers, as they are after this call returns.
+extern "C" void os_context_capture(Context& context);
 /// The context that an exception filter (or signal handler) was given; false when it holds none.
 bool context_of_exception(const void* exception_pointers, Context& context);
 ContextPosition context_position(const Context& context);
 
+/// The system's wide form (UTF-16) of a narrow text, cut to `capacity` - 1 and terminated. Returns
+/// its length. pre: capacity > 0.
+std::size_t widen(const char* text, unsigned short* wide, std::size_t capacity);
+/// The way back, with the terminator; false, and the buffer as it was, when it does not fit.
+/// pre: capacity <= max_narrow.
+inline constexpr std::size_t max_narrow = 2000;
+bool narrow(const unsigned short* wide, char* text, std::size_t capacity);
+
+void set_last_error(std::uint32_t code); ///< what last_error() gives the calling thread next
+
 /// Runs work(argument) and returns true; returns false when it ended in a memory, arithmetic or
-/// illegal-instruction fault of the calling thread. Objects alive inside `work` at the fault are
-/// not destroyed. Calls do not nest in one thread.
+/// illegal-instruction fault of the calling thread, a stack overflow included. Objects alive inside
+/// `work` at the fault are not destroyed. Works inside a handler of such a fault, nests, and serves
+/// any number of threads; faults of other threads go where they went before.
 bool guarded_call(void (*work)(void*), void* argument);
 
 // ---------------------------------------------------------------------------------------------

@@ -1,6 +1,7 @@
 // A word that several threads read and write without a lock, where a stale or lost value does no
-// harm: cached decisions, and figures that are approximate by nature. Every access is a plain move;
-// no order is implied, and arithmetic is not atomic.
+// harm: cached decisions, and figures that are approximate by nature. Every access is a plain move,
+// and arithmetic is not atomic. No order is implied but by publish and seen, which a word uses that
+// tells others that something else is ready.
 #pragma once
 
 #include <atomic>
@@ -31,6 +32,9 @@ public:
     relaxed_word& operator=(const relaxed_word& other) { return *this = static_cast<T>(other); }
     relaxed_word& operator+=(T more) { return *this = static_cast<T>(*this) + more; }
     relaxed_word& operator-=(T less) { return *this = static_cast<T>(*this) - less; }
+
+    void publish(T value) { word_.store(value, std::memory_order_release); }
+    T seen() const { return word_.load(std::memory_order_acquire); }
 
 private:
     std::atomic<T> word_;

@@ -7,6 +7,7 @@
 #include "blocks/region_walk.h"
 #include "heap/heap_walk.h"
 #include "tiny/mem_TBPool.h"
+#include "tiny/test_seam.h"
 
 namespace tiny {
 
@@ -117,6 +118,13 @@ Census take_census() {
     inspector.walk();
     return inspector.census;
 }
+
+#if defined(KXM_TEST_SEAMS)
+namespace test_seam {
+bool (*page_hook)() = nullptr;
+bool refuse_events = false;
+} // namespace test_seam
+#endif
 
 void check_while_small() {
     constexpr int small_pool = 64;

@@ -1,4 +1,5 @@
 // Unbuffered binary files on Linux. Wide names are UTF-16 and are opened by their UTF-8 form.
+#include "platform/linux/utf16.h"
 #include "platform/os.h"
 
 #include <cerrno>
@@ -8,50 +9,6 @@
 #include <unistd.h>
 
 namespace os {
-namespace {
-
-// False when the name holds an unpaired surrogate or does not fit.
-bool utf8_of(const unsigned short* wide, char* narrow, std::size_t capacity) {
-    std::size_t at = 0;
-    const auto put = [&](unsigned byte) {
-        if (at + 1 < capacity) {
-            narrow[at++] = static_cast<char>(static_cast<unsigned char>(byte));
-            return true;
-        }
-        return false;
-    };
-    while (*wide != 0) {
-        unsigned code = *wide++;
-        if (code >= 0xd800 && code < 0xe000) {
-            const unsigned low = *wide;
-            if (code >= 0xdc00 || low < 0xdc00 || low >= 0xe000) {
-                return false;
-            }
-            ++wide;
-            code = 0x10000 + ((code - 0xd800) << 10) + (low - 0xdc00);
-        }
-        bool fits = false;
-        if (code < 0x80) {
-            fits = put(code);
-        } else if (code < 0x800) {
-            fits = put(0xc0 | (code >> 6)) && put(0x80 | (code & 0x3f));
-        } else if (code < 0x10000) {
-            fits = put(0xe0 | (code >> 12)) && put(0x80 | ((code >> 6) & 0x3f)) &&
-                   put(0x80 | (code & 0x3f));
-        } else {
-            fits = put(0xf0 | (code >> 18)) && put(0x80 | ((code >> 12) & 0x3f)) &&
-                   put(0x80 | ((code >> 6) & 0x3f)) && put(0x80 | (code & 0x3f));
-        }
-        if (!fits) {
-            return false;
-        }
-    }
-    narrow[at] = '\0';
-    return true;
-}
-
-} // namespace
-
 File file_create(const char* name) {
     int file = -1;
     do {
@@ -62,7 +19,7 @@ File file_create(const char* name) {
 
 File file_create_wide(const unsigned short* name) {
     char narrow[PATH_MAX];
-    if (!utf8_of(name, narrow, sizeof narrow)) {
+    if (!utf8_of(name, narrow, sizeof narrow, false)) {
         errno = EILSEQ;
         return -1;
     }

@@ -9,6 +9,9 @@
 // process's own address layout. Where a zone is taken (a checker's shadow memory, a limited address
 // space), the kernel chooses, and only the joining is lost.
 //
+// Small segments are populated as they are mapped, and neighbours are unmapped in one call: growing
+// and trimming by 64 KiB at a time would cost a fault a page and a call a unit.
+//
 // Mappings of 4 MiB and more start on 2 MiB and are advised for huge pages: a solver's arrays are
 // touched whole, and one fault then serves 2 MiB. A segment that continues its predecessor keeps
 // its place, since joining is worth more to it.
@@ -32,6 +35,9 @@ constexpr std::size_t page = 4096;
 constexpr std::size_t granularity = 65536;
 constexpr std::size_t huge_page = std::size_t{2} << 20;
 constexpr std::size_t huge_advice_from = std::size_t{4} << 20;
+// A segment is asked for because the heap is about to hand its first part out. One of no more than
+// this gets its pages with the mapping, for about half of what their faults would cost one by one.
+constexpr std::size_t populated_up_to = std::size_t{256} << 10;
 
 // Where segments start upward and direct mappings downward, before the random part is added.
 struct Zones {
@@ -86,8 +92,8 @@ void* map(std::uintptr_t hint, std::size_t size, int protection, int extra_flags
 }
 
 // Maps exactly at `base` or not at all; errno is EEXIST when something else is there.
-bool map_at(std::uintptr_t base, std::size_t size) {
-    void* const got = map(base, size, PROT_READ | PROT_WRITE, MAP_FIXED_NOREPLACE);
+bool map_at(std::uintptr_t base, std::size_t size, int extra_flags = 0) {
+    void* const got = map(base, size, PROT_READ | PROT_WRITE, MAP_FIXED_NOREPLACE | extra_flags);
     if (reinterpret_cast<std::uintptr_t>(got) == base) {
         return true;
     }
@@ -188,7 +194,8 @@ constexpr int leaps = 4;
 
 // Behind the last segment; failing that a fresh start further up, which leaves it room to grow.
 std::uintptr_t place_segment(std::size_t size, std::size_t alignment) {
-    if (map_at(next_segment, size)) {
+    const int flags = size <= populated_up_to ? MAP_POPULATE : 0;
+    if (map_at(next_segment, size, flags)) {
         return next_segment;
     }
     std::uintptr_t fresh = round_up(next_segment, alignment);
@@ -231,6 +238,35 @@ std::uintptr_t place_direct(std::size_t size, std::size_t alignment) {
         }
         ceiling = below->base;
     }
+}
+
+const Allocation* starting_at(const void* base) {
+    if (table_count == 0) {
+        return nullptr;
+    }
+    const auto address = reinterpret_cast<std::uintptr_t>(base);
+    const Allocation* const entry = first_not_below(address);
+    return entry != table + table_count && entry->base == address ? entry : nullptr;
+}
+
+// Gives the neighbours [first, last) back in one call, which costs the kernel little more than one
+// of them, and takes them off the table. Returns their bytes, or 0.
+std::size_t unmap_run(const Allocation* first, const Allocation* last) {
+    if (first == last) {
+        return 0;
+    }
+    const std::uintptr_t base = first->base;
+    const std::uintptr_t end = (last - 1)->base + (last - 1)->size;
+    if (munmap(reinterpret_cast<void*>(base), end - base) != 0) {
+        return 0;
+    }
+    if (round_up(end, granularity) == next_segment) {
+        next_segment = base; // the last segment: the next one takes its place
+    }
+    std::memmove(const_cast<Allocation*>(first), last,
+                 static_cast<std::size_t>(table + table_count - last) * sizeof(Allocation));
+    table_count -= static_cast<std::size_t>(last - first);
+    return end - base;
 }
 
 Region region_of(const Allocation& allocation, std::uintptr_t address) {
@@ -279,22 +315,25 @@ void* vm_allocate(std::size_t size, Placement placement) {
 }
 
 bool vm_release(void* base) {
-    const auto address = reinterpret_cast<std::uintptr_t>(base);
     const TableGuard guard;
-    if (table_count == 0) {
-        return false;
+    const Allocation* const entry = starting_at(base);
+    return entry != nullptr && unmap_run(entry, entry + 1) != 0;
+}
+
+std::size_t vm_release_run(void* base, std::size_t size) {
+    const TableGuard guard;
+    const Allocation* const first = starting_at(base);
+    if (first == nullptr) {
+        return 0;
     }
-    Allocation* const entry = first_not_below(address);
-    if (entry == table + table_count || entry->base != address || munmap(base, entry->size) != 0) {
-        return false;
+    const Allocation* last = first; // one behind the run
+    for (std::size_t left = size; last != table + table_count && last->size <= left; ++last) {
+        if (last != first && last->base != (last - 1)->base + (last - 1)->size) {
+            break;
+        }
+        left -= last->size;
     }
-    if (round_up(entry->base + entry->size, granularity) == next_segment) {
-        next_segment = entry->base; // the last segment: the next one takes its place
-    }
-    std::memmove(entry, entry + 1,
-                 static_cast<std::size_t>(table + table_count - entry - 1) * sizeof(Allocation));
-    --table_count;
-    return true;
+    return unmap_run(first, last);
 }
 
 bool vm_query(const void* address, Region& region) {

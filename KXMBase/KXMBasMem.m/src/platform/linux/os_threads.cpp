@@ -85,13 +85,16 @@ bool event_set(Event event) {
     EventWord& word = *static_cast<EventWord*>(event);
     std::uint32_t state = word.load(std::memory_order_relaxed);
     std::uint32_t next = 0;
+    std::uint32_t waiters = 0;
     do {
-        const std::uint32_t waiters = state / one_waiter;
+        waiters = state / one_waiter;
         const std::uint32_t most = waiters != 0 ? waiters : 1;
         next = (state & permit_mask) < most ? state + 1 : state;
     } while (!word.compare_exchange_weak(state, next, std::memory_order_release,
                                          std::memory_order_relaxed));
-    futex(&word, FUTEX_WAKE_PRIVATE, 1);
+    if (waiters != 0) { // who still spins finds the permission by itself
+        futex(&word, FUTEX_WAKE_PRIVATE, 1);
+    }
     return true;
 }
 

@@ -28,6 +28,21 @@ bool vm_release(void* base) {
     return VirtualFree(base, 0, MEM_RELEASE) != 0;
 }
 
+std::size_t vm_release_run(void* base, std::size_t size) {
+    std::size_t released = 0;
+    while (released < size) {
+        char* const at = static_cast<char*>(base) + released;
+        MEMORY_BASIC_INFORMATION info;
+        if (VirtualQuery(at, &info, sizeof info) == 0 || info.BaseAddress != at ||
+            info.AllocationBase != at || info.State != MEM_COMMIT ||
+            info.RegionSize > size - released || !vm_release(at)) {
+            break;
+        }
+        released += info.RegionSize;
+    }
+    return released;
+}
+
 bool vm_query(const void* address, Region& region) {
     MEMORY_BASIC_INFORMATION info;
     if (VirtualQuery(address, &info, sizeof info) == 0) {

@@ -1,0 +1,339 @@
+// See symbols.h. GCC's libbacktrace reads the debug information; it maps pages and allocates nothing.
+//
+// It learns which libraries are loaded when it is first asked, so after a library came or went there
+// may be a reader more: a newer one is made when an address stays unknown, or at once when libraries
+// have gone. A reader cannot be given back; each costs the pages of what it has read.
+//
+// A look-up takes some 10 microseconds once the information is read, a demangling as much. Both repeat
+// for each capture, so what was found is kept by address in a table of pages of our own. Who finds the
+// table in use does without it: a signal handler may be what interrupted the user, and must not wait.
+#include "platform/linux/symbols.h"
+
+#include "platform/os.h"
+#include "platform/symbol_name.h"
+
+#include <atomic>
+#include <backtrace.h>
+#include <cstdio>
+#include <cstring>
+#include <dlfcn.h>
+#include <link.h>
+#include <sys/mman.h>
+
+// The runtime's demangler, in the form that calls back instead of allocating.
+extern "C" int __gcclibcxx_demangle_callback(const char* mangled,
+                                             void (*callback)(const char*, std::size_t, void*),
+                                             void* argument);
+
+namespace os {
+namespace {
+
+// ---- Readers
+
+struct Generation {
+    unsigned long long loaded, unloaded;
+    bool operator==(const Generation& other) const = default;
+};
+
+Generation generation_now() {
+    Generation now{};
+    dl_iterate_phdr(
+        [](dl_phdr_info* information, std::size_t, void* argument) {
+            *static_cast<Generation*>(argument) = {information->dlpi_adds,
+                                                   information->dlpi_subs};
+            return 1;
+        },
+        &now);
+    return now;
+}
+
+struct Reader {
+    backtrace_state* state;
+    Generation generation;
+};
+
+std::atomic<Reader*> newest{nullptr};
+
+void no_message(void*, const char*, int) {}
+
+void* pages(std::size_t bytes) {
+    void* const memory =
+        mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    return memory != MAP_FAILED ? memory : nullptr;
+}
+
+Reader* make_reader(const Generation& generation) {
+    auto* const reader = static_cast<Reader*>(pages(sizeof(Reader)));
+    if (reader == nullptr) {
+        return nullptr;
+    }
+    reader->generation = generation;
+    reader->state = backtrace_create_state(nullptr, 1, no_message, nullptr);
+    if (reader->state == nullptr) {
+        munmap(reader, sizeof(Reader));
+        return nullptr;
+    }
+    newest.store(reader, std::memory_order_release);
+    return reader;
+}
+
+// ---- One look-up
+
+struct Found {
+    const char* function = nullptr; ///< as the linker has it
+    const char* file = nullptr;
+    int line = 0;
+};
+
+bool is_mangled(const char* name) {
+    return name != nullptr && name[0] == '_' && name[1] == 'Z';
+}
+
+Found look_up(backtrace_state* state, std::uint64_t address) {
+    Found found;
+    // The innermost of the functions that were put into one another comes first, the one that is
+    // called last. A line table knows the innermost line alone.
+    backtrace_pcinfo(
+        state, address,
+        [](void* argument, std::uintptr_t, const char* file, int line, const char* function) {
+            Found& result = *static_cast<Found*>(argument);
+            if (result.file == nullptr) {
+                result.file = file;
+                result.line = line;
+            }
+            if (function != nullptr) {
+                result.function = function;
+            }
+            return 0;
+        },
+        no_message, &found);
+    // The debug information of a function that no other file sees has its last name only; the linker's
+    // table has all of it, unless it was stripped.
+    if (!is_mangled(found.function)) {
+        backtrace_syminfo(
+            state, address,
+            [](void* argument, std::uintptr_t, const char* name, std::uintptr_t, std::uintptr_t) {
+                Found& result = *static_cast<Found*>(argument);
+                if (result.function == nullptr || is_mangled(name)) {
+                    result.function = name;
+                }
+            },
+            no_message, &found);
+    }
+    return found;
+}
+
+struct Text {
+    char* at;
+    char* end;
+};
+
+void append(const char* piece, std::size_t length, void* argument) {
+    Text& text = *static_cast<Text*>(argument);
+    const auto room = static_cast<std::size_t>(text.end - text.at);
+    length = length < room ? length : room;
+    std::memcpy(text.at, piece, length);
+    text.at += length;
+}
+
+} // namespace
+
+void make_readable(char* symbol, std::size_t capacity) {
+    if (!is_mangled(symbol)) {
+        return;
+    }
+    // What does not fit is cut; names that long are cut by their parameters.
+    char demangled[1024];
+    Text text{demangled, demangled + sizeof demangled - 1};
+    if (__gcclibcxx_demangle_callback(symbol, append, &text) == 0) {
+        *text.at = '\0';
+        cut_to_name(demangled);
+        copy_symbol(demangled, symbol, capacity);
+    }
+}
+
+namespace {
+
+// A function without a symbol in a known module is named by its place there.
+void name_by_place(std::uint64_t address, char* name, std::size_t capacity) {
+    dl_find_object object;
+    if (_dl_find_object(reinterpret_cast<void*>(address), &object) == 0) {
+        const auto base = reinterpret_cast<std::uintptr_t>(object.dlfo_map_start);
+        std::snprintf(name, capacity, "+0x%llx",
+                      static_cast<unsigned long long>(address - base));
+    }
+}
+
+// The frame between a signal handler and what it interrupted: the kernel returns there to end it.
+bool is_signal_return(std::uint64_t address) {
+    constexpr unsigned char code[] = {0x48, 0xc7, 0xc0, 0x0f, 0, 0, 0, 0x0f, 0x05};
+    dl_find_object object;
+    const auto* const place = reinterpret_cast<const void*>(address + 1);
+    return _dl_find_object(const_cast<void*>(place), &object) == 0 &&
+           std::memcmp(place, code, sizeof code) == 0;
+}
+
+std::atomic<std::uint64_t> thread_starts[8];
+
+bool is_thread_start(std::uint64_t address) {
+    for (const auto& start : thread_starts) {
+        if (start.load(std::memory_order_relaxed) == address) {
+            return true;
+        }
+    }
+    return false;
+}
+
+void resolve(std::uint64_t address, const Generation& generation, CodeSymbol& symbol) {
+    symbol = {};
+    Reader* reader = newest.load(std::memory_order_acquire);
+    if (reader == nullptr || reader->generation.unloaded != generation.unloaded) {
+        reader = make_reader(generation);
+    }
+    Found found;
+    if (reader != nullptr) {
+        found = look_up(reader->state, address);
+        if (found.function == nullptr && found.file == nullptr &&
+            reader->generation != generation) {
+            reader = make_reader(generation);
+            found = reader != nullptr ? look_up(reader->state, address) : Found{};
+        }
+    }
+    symbol.file = found.file;
+    symbol.line = static_cast<std::uint32_t>(found.line);
+    // The names under which the walk's reader knows the ends of stacks and the handler's frame.
+    if (is_signal_return(address)) {
+        copy_symbol("KiUserExceptionDispatcher", symbol.name, sizeof symbol.name);
+    } else if (found.function != nullptr) {
+        copy_symbol(found.function, symbol.name, sizeof symbol.name);
+        make_readable(symbol.name, sizeof symbol.name);
+    } else {
+        name_by_place(address, symbol.name, sizeof symbol.name);
+    }
+}
+
+// ---- The table
+
+// Open addressing by linear probing; when a part of it is full, all of it is forgotten.
+struct Table {
+    static constexpr std::size_t slots = 4096, most = slots / 2, text_bytes = 256 * 1024;
+    struct Entry {
+        std::uint64_t address; ///< 0: empty
+        const char* name;      ///< in `text`
+        const char* file;
+        std::uint32_t line;
+    };
+    unsigned long long unloaded;
+    std::size_t used, text_used;
+    Entry entries[slots];
+    char text[text_bytes];
+
+    Entry& slot_of(std::uint64_t address) {
+        std::size_t i = address * 0x9e3779b97f4a7c15 >> 52;
+        while (entries[i].address != 0 && entries[i].address != address) {
+            i = (i + 1) % slots;
+        }
+        return entries[i];
+    }
+    void forget() {
+        std::memset(entries, 0, sizeof entries);
+        used = 0;
+        text_used = 0;
+    }
+};
+static_assert(Table::slots == std::size_t{1} << (64 - 52));
+
+std::atomic_flag table_in_use = ATOMIC_FLAG_INIT;
+Table* table = nullptr; // by the user of table_in_use
+
+class TableUse {
+public:
+    explicit TableUse(const Generation& generation)
+        : held_(!table_in_use.test_and_set(std::memory_order_acquire)) {
+        if (held_ && table == nullptr) {
+            table = static_cast<Table*>(pages(sizeof(Table)));
+        }
+        if (held_ && table != nullptr && table->unloaded != generation.unloaded) {
+            table->forget();
+            table->unloaded = generation.unloaded;
+        }
+    }
+    ~TableUse() {
+        if (held_) {
+            table_in_use.clear(std::memory_order_release);
+        }
+    }
+    TableUse(const TableUse&) = delete;
+    TableUse& operator=(const TableUse&) = delete;
+    Table* get() const { return held_ ? table : nullptr; }
+
+private:
+    bool held_;
+};
+
+bool find(std::uint64_t address, const Generation& generation, CodeSymbol& symbol) {
+    const TableUse use(generation);
+    if (use.get() == nullptr) {
+        return false;
+    }
+    const Table::Entry& entry = use.get()->slot_of(address);
+    if (entry.address == 0) {
+        return false;
+    }
+    copy_symbol(entry.name, symbol.name, sizeof symbol.name);
+    symbol.file = entry.file;
+    symbol.line = entry.line;
+    return true;
+}
+
+void keep(std::uint64_t address, const Generation& generation, const CodeSymbol& symbol) {
+    const TableUse use(generation);
+    Table* const to = use.get();
+    if (to == nullptr) {
+        return;
+    }
+    const std::size_t bytes = std::strlen(symbol.name) + 1;
+    if (to->used >= Table::most || to->text_used + bytes > Table::text_bytes) {
+        to->forget();
+    }
+    Table::Entry& entry = to->slot_of(address);
+    if (entry.address == 0) {
+        char* const name = to->text + to->text_used;
+        std::memcpy(name, symbol.name, bytes);
+        to->text_used += bytes;
+        ++to->used;
+        entry = {address, name, symbol.file, symbol.line};
+    }
+}
+
+} // namespace
+
+bool symbols_start() {
+    return newest.load(std::memory_order_acquire) != nullptr ||
+           make_reader(generation_now()) != nullptr;
+}
+
+void symbol_at(std::uint64_t address, CodeSymbol& symbol) {
+    if (is_thread_start(address)) {
+        symbol = {};
+        copy_symbol("endthreadex", symbol.name, sizeof symbol.name);
+        return;
+    }
+    const Generation generation = generation_now();
+    if (!find(address, generation, symbol)) {
+        resolve(address, generation, symbol);
+        keep(address, generation, symbol);
+    }
+}
+
+void note_thread_start(std::uint64_t address) {
+    for (auto& start : thread_starts) {
+        std::uint64_t none = 0;
+        if (start.compare_exchange_strong(none, address, std::memory_order_relaxed) ||
+            none == address) {
+            return;
+        }
+    }
+}
+
+} // namespace os

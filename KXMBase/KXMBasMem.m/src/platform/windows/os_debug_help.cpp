@@ -1,0 +1,123 @@
+// Debug help on Windows: the system's own libraries, with the records laid out as theirs.
+#include "platform/os.h"
+#include "platform/symbol_name.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+#include <cxxabi.h>
+#include <windows.h>
+
+#include <dbghelp.h>
+
+// The system's own capture, entered so that the caller is the one it sees.
+__asm__(R"(
+    .text
+    .globl os_context_capture
+    .def os_context_capture; .scl 2; .type 32; .endef
+os_context_capture:
+    jmp *__imp_RtlCaptureContext(%rip)
+)");
+
+namespace os {
+namespace {
+
+static_assert(sizeof(StackFrame) == sizeof(STACKFRAME64));
+static_assert(offsetof(StackFrame, frame) == offsetof(STACKFRAME64, AddrFrame));
+static_assert(offsetof(StackFrame, reserved) == offsetof(STACKFRAME64, Reserved));
+static_assert(flat_mode == AddrModeFlat);
+static_assert(sizeof(SymbolRecord) == sizeof(IMAGEHLP_SYMBOL64));
+static_assert(offsetof(SymbolRecord, name) == offsetof(IMAGEHLP_SYMBOL64, Name));
+static_assert(sizeof(LineRecord) == sizeof(IMAGEHLP_LINE64));
+static_assert(offsetof(LineRecord, file_name) == offsetof(IMAGEHLP_LINE64, FileName));
+static_assert(sizeof(Context) == sizeof(CONTEXT) && alignof(Context) >= alignof(CONTEXT));
+
+constexpr const char* well_known[] = {
+    R"(C:\Program Files (x86)\Microsoft Visual Studio 14.0\Common7\IDE\dbghelp.dll)",
+    R"(C:\Program Files (x86)\Microsoft Visual Studio 12.0\Common7\IDE\dbghelp.dll)",
+    R"(C:\Program Files (x86)\Microsoft Visual Studio 11.0\Common7\IDE\dbghelp.dll)",
+    R"(C:\Program Files (x86)\Microsoft Visual Studio 10.0\Common7\IDE\dbghelp.dll)",
+    R"(C:\Windows\system32\dbghelp.dll)",
+    nullptr,
+};
+constexpr DebugHelpPlaces places{"dbghelp.dll", true, well_known};
+
+} // namespace
+
+Module module_load(const char* file_name) {
+    return LoadLibraryA(file_name);
+}
+
+void* module_symbol(Module module, const char* name) {
+    return reinterpret_cast<void*>(GetProcAddress(static_cast<HMODULE>(module), name));
+}
+
+const DebugHelpPlaces& debug_help_places() {
+    return places;
+}
+
+void* current_process() {
+    return GetCurrentProcess();
+}
+
+void* current_thread() {
+    return GetCurrentThread();
+}
+
+void make_readable(char* symbol, std::size_t capacity) {
+    // The runtime's thread start has no symbol of its own on the system itself, which reports it by
+    // the export before it, "endthreadex". Where it has one, it means the same.
+    if (std::strcmp(symbol, "_beginthreadex_trampoline") == 0) {
+        copy_symbol("endthreadex", symbol, capacity);
+    } else if (std::strncmp(symbol, "_Z", 2) == 0) {
+        char* const demangled = abi::__cxa_demangle(symbol, nullptr, nullptr, nullptr);
+        if (demangled != nullptr) {
+            cut_to_name(demangled);
+            copy_symbol(demangled, symbol, capacity);
+            std::free(demangled);
+        }
+    }
+}
+
+bool context_of_exception(const void* exception_pointers, Context& context) {
+    const CONTEXT* const record =
+        static_cast<const EXCEPTION_POINTERS*>(exception_pointers)->ContextRecord;
+    if (record == nullptr) {
+        return false;
+    }
+    std::memcpy(context.storage, record, sizeof(CONTEXT));
+    return true;
+}
+
+ContextPosition context_position(const Context& context) {
+    const auto word = [&](std::size_t offset) {
+        std::uint64_t value = 0;
+        std::memcpy(&value, context.storage + offset, sizeof value);
+        return value;
+    };
+    return {word(offsetof(CONTEXT, Rip)), word(offsetof(CONTEXT, Rsp)),
+            word(offsetof(CONTEXT, Rbp))};
+}
+
+std::size_t widen(const char* text, unsigned short* wide, std::size_t capacity) {
+    auto* const target = reinterpret_cast<wchar_t*>(wide);
+    const std::size_t length = std::min(std::strlen(text), capacity - 1);
+    const int stored = MultiByteToWideChar(CP_ACP, 0, text, static_cast<int>(length), target,
+                                           static_cast<int>(capacity - 1));
+    wide[stored] = 0;
+    return static_cast<std::size_t>(stored);
+}
+
+bool narrow(const unsigned short* wide, char* text, std::size_t capacity) {
+    const auto* const source = reinterpret_cast<const wchar_t*>(wide);
+    const int needed = WideCharToMultiByte(CP_ACP, 0, source, -1, nullptr, 0, nullptr, nullptr);
+    return needed > 0 && static_cast<std::size_t>(needed) <= capacity &&
+           WideCharToMultiByte(CP_ACP, 0, source, -1, text, static_cast<int>(capacity), nullptr,
+                               nullptr) > 0;
+}
+
+void set_last_error(std::uint32_t code) {
+    SetLastErrorEx(code, 1);
+}
+
+} // namespace os
