@@ -20,8 +20,7 @@ std::size_t bytes_for(int words) {
     return static_cast<std::size_t>(words) * 4 - 8;
 }
 
-// Chunks of these lengths at the low end, each followed by one of 36 words that stays; then those with
-// an even place in `order` ... are freed in the order told.
+// Chunks of these lengths at the low end, to be freed, each followed by one of 36 words that stays.
 struct Holes {
     OwnRegion own{};
     std::vector<int> offsets{};
@@ -96,10 +95,8 @@ TEST(VariableRegion, GrowsInPlaceAndCountsTheChunkTwice) {
     EXPECT_FALSE(own.free(a)) << "it is never empty again";
     EXPECT_EQ(own.walk().used_words, 0);
 
-    Holes holes({100, 36, 60}); // a chunk, and with the third's neighbour freed, a hole of 36 + 60
-    const int chunk = holes.own.alloc(1000);
-    (void)chunk;
-    holes.own.free(holes.offsets[1]);
+    Holes holes({100, 36});
+    holes.free(1);
     const int grown = holes.offsets[1] - 36; // the one that stays before that hole
     EXPECT_EQ(holes.own.region.ReAlloc(&holes.own.block, grown, bytes_for(60)), grown);
     EXPECT_EQ(holes.own.region.AllocSize(&holes.own.block, grown), bytes_for(72)) << "absorbed";
@@ -109,7 +106,7 @@ TEST(VariableRegion, GrowsInPlaceAndCountsTheChunkTwice) {
 TEST(VariableRegion, MovesAChunkThatCannotGrow) {
     OwnRegion own;
     const int a = own.alloc(200), b = own.alloc(200);
-    std::memset(own.block.Ptr(a), 0x5a, 208);
+    std::memset(own.block.Ptr(a), 0x5a, 200);
     const int moved = own.region.ReAlloc(&own.block, a, 5000);
     EXPECT_GT(moved, b);
     const char* const bytes = reinterpret_cast<const char*>(own.block.Ptr(moved));
@@ -131,7 +128,7 @@ TEST(VariableRegion, CutsSlotsFromTheHighEndOfAFreeChunk) {
     own.free(a);
     EXPECT_EQ(b, 1504);
     EXPECT_EQ(own.fixed(b), -1) << "no aligned slot in it";
-    const int big = own.alloc(bytes_for(4100)), wall = own.alloc(bytes_for(36));
+    const int big = own.alloc(bytes_for(4100)), wall = own.alloc(bytes_for(1600));
     own.free(big);
     const blocks::Chunks before = own.walk();
     const int slot = own.fixed(wall);
@@ -178,24 +175,20 @@ TEST(FreeTree, TurnsAChainOfFourAndNotOfThree) {
 }
 
 TEST(FreeTree, MendsOnlyTheDepthsTheRulesName) {
-    // The root has both sides, and on its smaller side a way down on the greater one.
-    Holes holes({400, 300, 200, 250, 220, 280, 270});
-    int stale = 0;
+    Holes holes({300, 400, 100, 200, 250});
     for (std::size_t i = 0; i < holes.offsets.size(); ++i) {
         holes.free(i);
     }
-    while (holes.own.walk().nodes.size() > 2) {
-        const blocks::Chunks tree = holes.own.walk();
-        const int size = holes.own.walk().nodes.empty() ? 0 : tree.root;
-        for (const blocks::Chunk& chunk : tree.chunks) {
-            if (chunk.offset == size) {
-                holes.own.alloc(bytes_for(chunk.words)); // takes the root
-            }
-        }
-        stale += holes.own.walk().stale_depths;
-        ASSERT_EQ(holes.own.walk().fault, nullptr);
-    }
-    EXPECT_GT(stale, 0);
+    ASSERT_EQ(holes.own.walk().root, holes.offsets[0]);
+    ASSERT_EQ(holes.node(2).depth, 2); // 100 above 200 above 250, which takes the root's place
+    EXPECT_EQ(holes.own.alloc(bytes_for(300)), holes.offsets[0]);
+    const blocks::Chunks found = holes.own.walk();
+    EXPECT_EQ(found.root, holes.offsets[4]);
+    EXPECT_EQ(holes.node(3).depth, 0);
+    EXPECT_EQ(holes.node(2).depth, 2) << "between the two, not mended";
+    EXPECT_EQ(holes.node(4).depth, 3) << "and believed";
+    EXPECT_EQ(found.stale_depths, 1);
+    EXPECT_EQ(found.fault, nullptr);
 }
 
 TEST(VariableRegion, ReportsWhatIsNoChunkInUse) {
