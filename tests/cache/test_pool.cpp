@@ -279,13 +279,37 @@ TEST(CachePool, PrintsToTheLetter) {
     EXPECT_STREQ(recorded_fatal_text(), "AssertionFailed:i == 1");
 }
 
-TEST(CacheCluster, StandsAlone) {
-    mem_DLAllocator allocator;
-    const bool useDL = mem_Mallinfo::useDL;
-    mem_Mallinfo::useDL = true;
-    std::vector<int> place(sizeof(mem_Cluster) / sizeof(int) + 2);
-    int* const where = place.data() + (reinterpret_cast<std::uintptr_t>(place.data()) / 4 % 2);
-    mem_Cluster* const cluster = mem_Cluster::CreateCluster(5, where, &allocator);
+// A cluster without a pool.
+class CacheCluster : public testing::Test {
+protected:
+    CacheCluster() { mem_Mallinfo::useDL = true; }
+    ~CacheCluster() override {
+        cluster->Delete(&allocator);
+        cluster->~mem_Cluster();
+        mem_Mallinfo::useDL = useDL_before;
+    }
+
+    const bool useDL_before = mem_Mallinfo::useDL;
+    mem_DLAllocator allocator{};
+    alignas(mem_Cluster) int place[sizeof(mem_Cluster) / sizeof(int)];
+    mem_Cluster* cluster = mem_Cluster::CreateCluster(5, place, &allocator);
+};
+
+TEST_F(CacheCluster, LeavesItsLowestRegionCurrentAfterAVainSearch) {
+    std::vector<mem_CachePoolID> ids;
+    for (mem_CachePoolID id = cluster->Alloc(128); id.HasValue(); id = cluster->Alloc(128)) {
+        ids.push_back(id);
+    }
+    ASSERT_EQ(ids.size(), 63U * 31);
+    cluster->Free(ids[5]);
+    EXPECT_EQ(cluster->Alloc(128).Value(), ids[5].Value()); // the highest is current
+    EXPECT_TRUE(cluster->Alloc(128).IsNull());
+    cluster->Free(ids[5]);
+    cluster->Free(ids.back());
+    EXPECT_EQ(cluster->Alloc(128).Value(), ids.back().Value());
+}
+
+TEST_F(CacheCluster, CountsAndPrints) {
     const mem_CachePoolID a = cluster->Alloc(4), b = cluster->Alloc(300);
     EXPECT_EQ(cluster_of(a), 5);
     EXPECT_EQ(cluster->AllocSize(a), 4U);
@@ -317,8 +341,6 @@ TEST(CacheCluster, StandsAlone) {
     cluster->Delete(&allocator);
     cluster->SummaryInfo(other, allocated);
     EXPECT_EQ(allocated, 0);
-    cluster->~mem_Cluster();
-    mem_Mallinfo::useDL = useDL;
 }
 
 } // namespace

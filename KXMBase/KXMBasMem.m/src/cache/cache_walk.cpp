@@ -101,6 +101,8 @@ struct kxm::CachePoolInspector {
         const blocks::Chain chain = blocks::walk_region(region);
         holds(chain.fault == nullptr, chain.fault, index);
         holds(chain.used() > 0, "empty fixed region", index);
+        holds(chain.used() == chain.slots || (at.m_openRegions >> slot & 1) != 0,
+              "fixed region with room passed over", index);
         ++census.fixed_regions;
         census.slots_used += chain.used();
     }

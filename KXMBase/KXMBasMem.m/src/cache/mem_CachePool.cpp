@@ -57,6 +57,7 @@ struct kxm::CachePoolLayout {
     static_assert(offsetof(mem_Cluster, m_nextCluster) == 80);
     static_assert(offsetof(mem_Cluster, m_lastCluster) == 124);
     static_assert(offsetof(mem_Cluster, m_clusterRegions) == 168);
+    static_assert(sizeof(mem_Cluster) <= 444, "nine descriptors to a store");
 };
 KXM_LAYOUT_CHECKS_END
 

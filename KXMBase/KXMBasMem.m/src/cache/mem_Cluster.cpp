@@ -2,6 +2,7 @@
 #include "cache/mem_Cluster.h"
 
 #include <algorithm>
+#include <bit>
 #include <cstdio>
 #include <cstring>
 #include <iterator>
@@ -29,11 +30,15 @@ using blocks::require;
 
 mem_Cluster::mem_Cluster(int index)
     : mem_Block(0, nullptr, mem_BLK_CLUSTER), m_clusterIndex(index) {
-    // As Initialize leaves them, should it get no memory.
+    Clear(); // should Initialize get no memory
+}
+
+void mem_Cluster::Clear() {
     std::fill(std::begin(m_curRegion), std::end(m_curRegion), -1);
     std::fill(std::begin(m_nextCluster), std::end(m_nextCluster), -1);
     std::fill(std::begin(m_lastCluster), std::end(m_lastCluster), -1);
     std::fill(std::begin(m_clusterRegions), std::end(m_clusterRegions), mem_RGN_VARIABLE);
+    m_openRegions = 0;
 }
 
 mem_Cluster::~mem_Cluster() = default;
@@ -58,10 +63,7 @@ void mem_Cluster::Initialize(mem_Allocator* allocator) {
     }
     SetBlock(cluster_words, memory);
     new (memory) mem_VariableRegion(0, cluster_words, this);
-    std::fill(std::begin(m_clusterRegions), std::end(m_clusterRegions), mem_RGN_VARIABLE);
-    std::fill(std::begin(m_curRegion), std::end(m_curRegion), -1);
-    std::fill(std::begin(m_nextCluster), std::end(m_nextCluster), -1);
-    std::fill(std::begin(m_lastCluster), std::end(m_lastCluster), -1);
+    Clear();
     m_curRegion[mem_RGN_VARIABLE] = 0;
 }
 
@@ -104,15 +106,16 @@ mem_CachePoolID mem_Cluster::Alloc(std::size_t size) {
         if (rgn == nullptr) {
             return 0; // a cluster whose memory was released has no room
         }
-        int offset = rgn->Alloc(this, size);
-        if (offset == -1 && typ != mem_RGN_VARIABLE) {
-            offset = AllocInOtherRegions(typ, size);
+        if (typ == mem_RGN_VARIABLE) {
+            const int offset = rgn->Alloc(this, size);
+            return offset != -1 ? Identifier(offset) : mem_CachePoolID(0);
+        }
+        int offset = AllocInRegion(regionIndex);
+        if (offset == -1) {
+            offset = AllocInOtherRegions(typ);
         }
         if (offset != -1) {
             return Identifier(offset);
-        }
-        if (typ == mem_RGN_VARIABLE) {
-            return 0;
         }
     }
     mem_Region* const rgn = CreateRegion(typ);
@@ -124,17 +127,35 @@ mem_CachePoolID mem_Cluster::Alloc(std::size_t size) {
     return Identifier(allocOffset);
 }
 
-// The current region moves with the scan.
-int mem_Cluster::AllocInOtherRegions(mem_RegionTypeEnm type, std::size_t size) {
-    for (int slot = slot_count - 1; slot > 0; --slot) {
-        if (m_clusterRegions[slot] == type && m_curRegion[type] != slot) {
-            m_curRegion[type] = slot;
-            const int offset = FixedRegion(slot)->Alloc(this, size);
+int mem_Cluster::AllocInRegion(int slot) {
+    const std::uint64_t bit = std::uint64_t{1} << slot;
+    if ((m_openRegions & bit) == 0) {
+        return -1;
+    }
+    const int offset = FixedRegion(slot)->Alloc(this, 1); // the size is not looked at
+    if (offset == -1) {
+        m_openRegions &= ~bit;
+    }
+    return offset;
+}
+
+// The slots of the type are tried from the highest down, and the current region moves with the search,
+// so that after a vain one it is the lowest: meant.
+int mem_Cluster::AllocInOtherRegions(mem_RegionTypeEnm type) {
+    for (std::uint64_t left = m_openRegions; left != 0;) {
+        const int slot = static_cast<int>(std::bit_width(left)) - 1;
+        left ^= std::uint64_t{1} << slot;
+        if (m_clusterRegions[slot] == type) {
+            const int offset = AllocInRegion(slot);
             if (offset != -1) {
+                m_curRegion[type] = slot;
                 return offset;
             }
         }
     }
+    const auto* const lowest =
+        std::find(std::begin(m_clusterRegions), std::end(m_clusterRegions), type);
+    m_curRegion[type] = static_cast<std::int32_t>(lowest - std::begin(m_clusterRegions));
     return -1;
 }
 
@@ -166,6 +187,7 @@ mem_Region* mem_Cluster::CreateRegion(mem_RegionTypeEnm typ) {
         new (Ptr(offset)) mem_FixedRegion(typ, offset, fixed_region_words, fixedSize[typ], this);
     m_curRegion[typ] = offset >> slot_shift;
     m_clusterRegions[offset >> slot_shift] = typ;
+    m_openRegions |= std::uint64_t{1} << (offset >> slot_shift);
     return region;
 }
 
@@ -214,12 +236,14 @@ bool mem_Cluster::Free(mem_CachePoolID id) {
     if (rgn == nullptr) {
         return false; // of a cluster without memory
     }
+    if (type == mem_RGN_VARIABLE) {
+        return rgn->Free(this, static_cast<int>(id.bits.offset));
+    }
+    m_openRegions |= std::uint64_t{1} << region_idx;
     if (!rgn->Free(this, static_cast<int>(id.bits.offset))) {
         return false;
     }
-    if (type == mem_RGN_VARIABLE) {
-        return true;
-    }
+    m_openRegions &= ~(std::uint64_t{1} << region_idx);
     if (m_curRegion[type] == region_idx) {
         m_curRegion[type] = -1;
     }

@@ -6,6 +6,9 @@
 //
 //     m_clusterRegions[s]   the class of the fixed region in slot s, or mem_RGN_VARIABLE: then its
 //                           words are the variable region's, in use or free. Slot 0 always is.
+//     m_openRegions         bit s: slot s is a fixed region that may have room. Not needed to be right,
+//                           but a search through regions that are full would touch each one's header,
+//                           and those lie in the same few sets of a cache
 //     word offset >> 10     so is the slot of an offset, and what is in no fixed region's slot is the
 //                           variable region's: nothing is searched
 //
@@ -84,7 +87,9 @@ private:
     mem_FixedRegion* FixedRegion(int slot) const {
         return static_cast<mem_FixedRegion*>(static_cast<void*>(Ptr(slot * blocks::slot_words)));
     }
-    int AllocInOtherRegions(mem_RegionTypeEnm type, std::size_t size);
+    int AllocInRegion(int slot);
+    int AllocInOtherRegions(mem_RegionTypeEnm type);
+    void Clear();
     mem_CachePoolID Identifier(int offset) const {
         return mem_CachePoolID(true, m_clusterIndex, offset);
     }
@@ -94,4 +99,5 @@ private:
     std::int32_t m_nextCluster[type_count]; ///< in the pool's lists, -1 for none
     std::int32_t m_lastCluster[type_count];
     mem_RegionTypeEnm m_clusterRegions[slot_count];
+    std::uint64_t m_openRegions; ///< full ones are not looked at
 };
