@@ -63,6 +63,7 @@ void mem_FreeListNode::Insert(int offset, int* block) {
     blocks::require(compare != 0, "AssertionFailed:compare != 0", source);
     std::int32_t& side = compare < 0 ? m_right : m_left;
     if (side != -1) {
+        os::prefetch(Node(compare < 0 ? m_left : m_right, block)); // its depth, on the way back
         mem_FreeListNode* const child = Node(side, block);
         child->Insert(offset, block);
         const int turned = child->Balance(block);
@@ -116,6 +117,8 @@ void mem_FreeListNode::BalanceAbove(int* block) {
     int blkidx = Node(last, block)->m_parent;
     while (blkidx != -1) {
         mem_FreeListNode* const cur = Node(blkidx, block);
+        os::prefetch(Node(cur->m_parent, block));
+        os::prefetch(Node(cur->m_left == last ? cur->m_right : cur->m_left, block));
         std::int32_t& child = cur->m_left == last ? cur->m_left : cur->m_right;
         blocks::require(child == last && child != -1,
                         "AssertionFailed:child == lastidx && child != -1", source);

@@ -227,6 +227,7 @@ mem_RegionTypeEnm mem_Cluster::AllocType(mem_CachePoolID id) const {
 }
 
 bool mem_Cluster::Free(mem_CachePoolID id) {
+    os::prefetch(Ptr(static_cast<int>(id.bits.offset) - 1)); // a chunk's record, a slot's link
     const int region_idx = RegionIndex(id);
     const mem_RegionTypeEnm type = m_clusterRegions[region_idx];
     require(type != mem_RGN_EMPTY, "AssertionFailed:m_clusterRegions[region_idx] != mem_RGN_EMPTY",
