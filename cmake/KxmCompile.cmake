@@ -10,6 +10,8 @@ set(KXM_FORTRAN_WARNINGS -Wall -Wextra -std=f2018)
 
 # Release builds carry debug information, because call stacks print files and lines. The debug help of
 # Wine reads DWARF 4 and no later.
+# The walk of a stack needs the tables that exceptions unwind by for every function, those of Fortran
+# too; they are the compilers' default on both systems, and frame pointers are not needed.
 set(KXM_DEBUG_FORMAT $<IF:$<PLATFORM_ID:Windows>,-gdwarf-4,-g>)
 
 function(kxm_compile target)
@@ -17,7 +19,7 @@ function(kxm_compile target)
     $<$<COMPILE_LANGUAGE:CXX>:${KXM_CXX_WARNINGS}>
     $<$<COMPILE_LANGUAGE:Fortran>:${KXM_FORTRAN_WARNINGS}>
     $<$<BOOL:${KXM_WERROR}>:-Werror>
-    ${KXM_DEBUG_FORMAT})
+    ${KXM_DEBUG_FORMAT} -fasynchronous-unwind-tables)
   if(KXM_SANITIZE)
     target_compile_options(${target} PRIVATE
       $<$<COMPILE_LANGUAGE:CXX>:-fsanitize=${KXM_SANITIZE} -fno-sanitize-recover=all

@@ -193,9 +193,13 @@ template <class T> inline T mem_CachePoolIDTyp<T>::Ptr(mem_CachePool* pool) cons
     return IsNull() ? static_cast<T>(nullptr) : static_cast<T>(pool->Ptr(*this));
 }
 
+// These are exported. Within the library they are not declared first: on Windows an instance that has
+// been is not exported any more.
+#if !defined(KXMBASMEM_BUILDING)
 extern template class KXMBASMEM_API mem_CachePoolIDTyp<char*>;
 extern template class KXMBASMEM_API mem_CachePoolIDTyp<int*>;
 extern template class KXMBASMEM_API mem_CachePoolIDTyp<unsigned int*>;
 extern template class KXMBASMEM_API mem_CachePoolIDTyp<float*>;
 extern template class KXMBASMEM_API mem_CachePoolIDTyp<double*>;
 extern template class KXMBASMEM_API mem_CachePoolIDTyp<void*>;
+#endif

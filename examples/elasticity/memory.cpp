@@ -7,6 +7,7 @@
 #include <KXMBasMem.h>
 
 #include <atomic>
+#include <cstdio>
 
 namespace elasticity {
 
@@ -72,41 +73,56 @@ bool rescued() noexcept {
     return way_out != nullptr && way_out(refusal);
 }
 
-// `ask` asks the library once; a request is made again as long as the rescue finds a way.
-template <class Ask> void* granted(std::size_t bytes, Ask ask) {
-    do {
-        if (!charge(bytes))
-            continue;
-        if (void* const block = ask()) {
-            count_granted(bytes);
-            return block;
-        }
-        withdraw(bytes);
-    } while (rescued());
-    throw std::bad_alloc{};
+// The library tells the way to what its operator new was refused; this tells it for the others.
+void print_call_stack() noexcept {
+    const KXMBasCallStack stack(20, nullptr);
+    if (!stack.Available())
+        return;
+    std::printf("Current callstack:\n%s\n", stack.CStr());
+    std::fflush(stdout);
+    stack.DeleteCStr(stack.CStr());
 }
+
+thread_local std::size_t asked = 0; // bytes that allocate() is asking the library for
+
+// The library calls it at every refusal, after its own report, and asks again when it returns.
+void on_refusal() {
+    if (asked == 0) // not a request of this file's
+        throw std::bad_alloc{};
+    withdraw(asked);
+    if (!rescued())
+        throw std::bad_alloc{};
+    live_bytes.fetch_add(asked, relaxed);
+}
+
+struct Asking {
+    explicit Asking(std::size_t bytes) {
+        static const std::new_handler before = std::set_new_handler(on_refusal);
+        static_cast<void>(before);
+        asked = bytes;
+    }
+    ~Asking() { asked = 0; }
+};
 
 } // namespace
 
 void* allocate(std::size_t bytes) {
-    return granted(bytes, [=] { return mem_Malloc(bytes); });
-}
-
-void* allocate_aligned(std::size_t bytes, std::size_t alignment) {
-    return granted(bytes, [=] { return mem_Malign(bytes, alignment); });
+    while (!charge(bytes)) {
+        if (!rescued()) {
+            print_call_stack();
+            throw std::bad_alloc{};
+        }
+    }
+    const Asking asking(bytes);
+    void* const block = mem_OperatorNewThrowBuiltin(bytes);
+    count_granted(bytes);
+    return block;
 }
 
 void release(void* block, std::size_t bytes) noexcept {
     if (block == nullptr)
         return;
     mem_Free(block);
-    work_discharge(bytes);
-}
-
-void release_aligned(void* block, std::size_t bytes) noexcept {
-    if (block == nullptr)
-        return;
-    mem_MalignFree(block);
     work_discharge(bytes);
 }
 
@@ -140,7 +156,10 @@ void work_refused(std::size_t bytes) noexcept {
 }
 
 int work_rescued() noexcept {
-    return rescued() ? 1 : 0;
+    if (rescued())
+        return 1;
+    print_call_stack();
+    return 0;
 }
 
 void work_discharge(std::size_t bytes) noexcept {

@@ -1,8 +1,10 @@
 // The job's one way to memory: every block is asked of the library and counted.
 //
-// Containers draw through Allocator, the Fortran kernels through the entries at the end, and the
-// global operators (global_new.cpp) through allocate and release as well. A request that is refused
-// throws std::bad_alloc and leaves its size behind, so that the report of it needs no memory.
+// Containers draw through Allocator on the library's operator new, whose new-handler stands here; the
+// Fortran kernels through the entries at the end. A request that is refused is reported by the library
+// with the footprint and the call stack, throws std::bad_alloc and leaves its size behind, so that
+// the job's own report of it needs no memory. What the C++ runtime's classes allocate by themselves
+// goes to the library as well (KXMBasMemGlobalNew), and is not counted here.
 #pragma once
 
 #include <cstddef>
@@ -32,12 +34,8 @@ inline constexpr std::size_t guaranteed_alignment = 8;
 
 /// Returns a block of `bytes` bytes. Throws std::bad_alloc when the library refuses it.
 void* allocate(std::size_t bytes);
-/// As allocate, on a boundary of `alignment`, a power of two.
-void* allocate_aligned(std::size_t bytes, std::size_t alignment);
-
-/// Both take the size that was asked for; a null block is allowed.
+/// Takes the size that was asked for; a null block is allowed.
 void release(void* block, std::size_t bytes) noexcept;
-void release_aligned(void* block, std::size_t bytes) noexcept;
 
 MemoryFigures memory_figures() noexcept;
 

@@ -155,6 +155,18 @@ TEST_F(Program, ReportsRefusedMemoryInGoodOrder) {
     EXPECT_EQ(contents(part), "(absent)");
 }
 
+// The library's report comes first: footprint and call stack, with the lines of this program.
+TEST_F(Program, ShowsWhereTheHeapRefusedMemory) {
+    const test::ChildResult child = run({"--backend", "heap", "--memory-limit", "1", beam});
+    EXPECT_EQ(child.exit_code, 4) << child.err;
+    const std::size_t library = child.err.find("*** Error: memory allocation request failed ***\n");
+    EXPECT_LT(library, child.err.find("elasticity: out of memory")) << child.err;
+    EXPECT_NE(child.err.find("Current footprint:  "), std::string::npos);
+    EXPECT_NE(child.out.find("Current callstack:\n  1) "), std::string::npos) << child.out;
+    EXPECT_NE(child.out.find("elasticity::allocate"), std::string::npos) << child.out;
+    EXPECT_NE(child.out.find("memory.cpp ("), std::string::npos) << child.out;
+}
+
 // Refused, the job gives up its reserve, then raises the limit, and finishes; within the ceiling it
 // cannot do without, it ends with the report.
 TEST_F(Program, SurvivesRefusedMemory) {
@@ -203,11 +215,6 @@ TEST_F(Program, TheBeamMakersMeshesAreSolved) {
     EXPECT_EQ(first.exit_code, 0) << first.out << first.err;
     for (const char* cells : {"20,2", "20,2,0", "20,2,2,2", "20,2,x", "1000000,1000000,1000000"})
         EXPECT_EQ(run_program(EXAMPLE_BEAM_MESH, {size, cells, "2", mesh}).exit_code, 2) << cells;
-}
-
-TEST_F(Program, GlobalOperatorsKeepAlignmentCountAndRefusal) {
-    for (const char* variable : {"KXQ_CRTMALLOC", "KXA_DEADBEEF", "KXQ_USE_ALIGNED_MEMORY"})
-        EXPECT_EQ(run_program(EXAMPLE_NEW_CHECK, {}, variable).exit_code, 0) << variable;
 }
 
 } // namespace

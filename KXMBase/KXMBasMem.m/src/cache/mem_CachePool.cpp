@@ -29,12 +29,12 @@
 #include "cache/cache_walk.h"
 #include "cache/mem_Cluster.h"
 
-template class mem_CachePoolIDTyp<char*>;
-template class mem_CachePoolIDTyp<int*>;
-template class mem_CachePoolIDTyp<unsigned int*>;
-template class mem_CachePoolIDTyp<float*>;
-template class mem_CachePoolIDTyp<double*>;
-template class mem_CachePoolIDTyp<void*>;
+template class KXMBASMEM_API mem_CachePoolIDTyp<char*>;
+template class KXMBASMEM_API mem_CachePoolIDTyp<int*>;
+template class KXMBASMEM_API mem_CachePoolIDTyp<unsigned int*>;
+template class KXMBASMEM_API mem_CachePoolIDTyp<float*>;
+template class KXMBASMEM_API mem_CachePoolIDTyp<double*>;
+template class KXMBASMEM_API mem_CachePoolIDTyp<void*>;
 
 KXM_LAYOUT_CHECKS_BEGIN
 struct kxm::CachePoolLayout {

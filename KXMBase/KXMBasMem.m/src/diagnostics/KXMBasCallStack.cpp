@@ -7,10 +7,12 @@
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <cinttypes>
 #include <cstddef>
 #include <cstdlib>
 #include <cstring>
+#include <thread>
 
 #include "KXMBasMemDebug.h"
 #include "diagnostics/callstack_depth.h"
@@ -34,8 +36,8 @@ namespace {
 
 using Wide = unsigned short;
 
-constexpr std::size_t text_bytes = 2000;   // of the narrow text
-constexpr std::size_t text_length = 2000;  // of the wide text, in wide characters
+constexpr std::size_t text_bytes = 2000;  // of the narrow text
+constexpr std::size_t text_length = 2000; // of the wide text, in wide characters
 constexpr std::size_t module_length = 100;
 constexpr std::size_t symbol_bytes = 512;
 constexpr std::uint32_t max_symbol_name = 480;
@@ -44,7 +46,9 @@ constexpr std::uint32_t max_symbol_name = 480;
 constexpr std::size_t text_slack = 3000;
 
 // What a capture works in. One set is the process's; a capture that finds it in use, by another thread
-// or by one that a handler interrupted, takes pages for another.
+// or by one that a handler interrupted, takes pages for another. Where the debug help serves one thread
+// at a time, and everywhere until that is set up, it waits for the other thread before, but not for ever:
+// that thread may have been stopped.
 struct Buffers {
     os::Context context;
     os::StackFrame frame;
@@ -56,16 +60,24 @@ struct Buffers {
 
 Buffers process_buffers;
 std::atomic_flag process_buffers_used = ATOMIC_FLAG_INIT;
+std::atomic<std::uint32_t> process_buffers_user{0};
+std::atomic<bool> engine_started{false};
+constexpr int most_waits = 2000; // of a millisecond
 
 class BufferUse {
 public:
-    BufferUse() : own_(!process_buffers_used.test_and_set(std::memory_order_acquire)) {
-        buffers_ = own_ ? &process_buffers
-                        : static_cast<Buffers*>(
-                              os::vm_allocate(sizeof(Buffers), os::Placement::direct));
+    BufferUse() : own_(acquire()) {
+        if (own_) {
+            process_buffers_user.store(os::thread_id(), std::memory_order_relaxed);
+            buffers_ = &process_buffers;
+        } else {
+            buffers_ =
+                static_cast<Buffers*>(os::vm_allocate(sizeof(Buffers), os::Placement::direct));
+        }
     }
     ~BufferUse() {
         if (own_) {
+            process_buffers_user.store(0, std::memory_order_relaxed);
             process_buffers_used.clear(std::memory_order_release);
         } else if (buffers_ != nullptr) {
             os::vm_release(buffers_);
@@ -76,6 +88,21 @@ public:
     Buffers* get() const { return buffers_; }
 
 private:
+    static bool acquire() {
+        const bool alone =
+            os::debug_help().one_thread || !engine_started.load(std::memory_order_acquire);
+        for (int waits = alone ? most_waits : 0;; --waits) {
+            if (!process_buffers_used.test_and_set(std::memory_order_acquire)) {
+                return true;
+            }
+            if (waits == 0 ||
+                process_buffers_user.load(std::memory_order_relaxed) == os::thread_id()) {
+                return false;
+            }
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
+    }
+
     bool own_;
     Buffers* buffers_;
 };
@@ -142,6 +169,7 @@ public:
 private:
     void run() {
         KXMBasCallStack::InitSymbolEngine();
+        engine_started.store(KXMBasCallStack::s_SymInitialized, std::memory_order_release);
         if (start_ == Start::exception &&
             !os::context_of_exception(exception_pointers_, b_.context)) {
             return; // as reading the missing record would have faulted
@@ -229,8 +257,7 @@ private:
         auto* const record = new (b_.symbol) os::SymbolRecord{};
         record->size_of_struct = sizeof(os::SymbolRecord);
         record->max_name_length = max_symbol_name;
-        auto* const name =
-            reinterpret_cast<char*>(b_.symbol) + offsetof(os::SymbolRecord, name);
+        auto* const name = reinterpret_cast<char*>(b_.symbol) + offsetof(os::SymbolRecord, name);
         std::uint64_t displacement = 0;
         Wide wide[text_length];
         if (KXMBasCallStack::s_SymGetSymFromAddr(os::current_process(), pc(), &displacement,
@@ -340,10 +367,16 @@ private:
         b_.text[position_] = 0;
     }
 
-    // A wide text that outgrew the narrow one leaves that as it was.
+    // Turns what is new in the wide text, which changes no more up to here. A wide text that outgrew
+    // the narrow one leaves that as it was.
     void convert() {
-        if (text_ != nullptr) {
-            os::narrow(b_.text, text_, text_bytes);
+        if (text_ != nullptr && !outgrown_) {
+            outgrown_ = !os::narrow(b_.text + wide_converted_, text_ + narrow_converted_,
+                                    text_bytes - narrow_converted_);
+        }
+        if (text_ != nullptr && !outgrown_) {
+            wide_converted_ = position_;
+            narrow_converted_ += std::strlen(text_ + narrow_converted_);
         }
     }
 
@@ -400,7 +433,9 @@ private:
     const void* exception_pointers_;
     std::int32_t* length_;
     std::size_t position_ = 0; // in the wide text
-    std::int32_t count_ = 0;   // of frames
+    std::size_t wide_converted_ = 0, narrow_converted_ = 0;
+    bool outgrown_ = false;
+    std::int32_t count_ = 0; // of frames
     bool walked_ = false;
     End end_ = End::fault;
 };
@@ -531,8 +566,7 @@ void KXMBasCallStack::InitFunctionPointers() {
 }
 
 unsigned long KXMBasCallStack::GetModuleBaseName(void* process, HINSTANCE module,
-                                                 unsigned short const* buffer,
-                                                 unsigned long size) {
+                                                 unsigned short const* buffer, unsigned long size) {
     return s_GetModuleBaseName(process, module, const_cast<unsigned short*>(buffer),
                                static_cast<std::uint32_t>(size));
 }

@@ -36,15 +36,14 @@ os::Module load_from_path(const char* file_name) {
         return nullptr;
     }
     const char separators[] = {os::properties().path_list_separator, '\0'};
-    os::Module module = nullptr;
-    for (char* folder = std::strtok(path, separators); folder != nullptr && module == nullptr;
+    for (char* folder = std::strtok(path, separators); folder != nullptr;
          folder = std::strtok(nullptr, separators)) {
-        module = load_from_folder(folder, file_name);
+        os::Module const module = load_from_folder(folder, file_name);
         if (module != nullptr) {
-            break;
+            return module;
         }
     }
-    return module;
+    return nullptr;
 }
 
 } // namespace
@@ -53,10 +52,9 @@ HINSTANCE KXMBasMemDebug::LoadDBHELP() {
     if (s_DBHELP != nullptr) {
         return s_DBHELP;
     }
-    const os::DebugHelpPlaces& places = os::debug_help_places();
-    os::Module module = places.in_path ? load_from_path(places.file_name) : nullptr;
-    for (const char* const* place = places.places; module == nullptr && *place != nullptr;
-         ++place) {
+    const os::DebugHelp& help = os::debug_help();
+    os::Module module = help.in_path ? load_from_path(help.file_name) : nullptr;
+    for (const char* const* place = help.places; module == nullptr && *place != nullptr; ++place) {
         module = os::module_load(*place);
     }
     if (module == nullptr) {

@@ -71,7 +71,7 @@ inline bool is_tiny(const void* ptr) {
         return false;
     }
     const auto* const words = reinterpret_cast<const std::uint64_t*>(page);
-    return os::read_word_unchecked(words) == page && os::read_word_unchecked(words + 1) == tiny_tag;
+    return os::peek_word(words) == page && os::peek_word(words + 1) == tiny_tag;
 }
 
 KXM_ALWAYS_INLINE void* route_malloc(size_t size) {

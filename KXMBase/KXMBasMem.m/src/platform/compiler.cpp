@@ -23,6 +23,10 @@ void copy_unchecked(void* target, const void* source, std::size_t size) {
 #endif
 }
 
+KXM_NO_SANITIZE std::uint64_t read_word_unchecked(const void* address) {
+    return *static_cast<const volatile std::uint64_t*>(address);
+}
+
 void type_text(const std::type_info& type, char* text, std::size_t capacity) {
 #if defined(__GNUC__)
     int status = 0;

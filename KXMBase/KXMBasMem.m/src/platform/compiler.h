@@ -10,9 +10,12 @@
 #endif
 
 /// For the few functions whose required behaviour is to read memory that a checker would object to.
+/// A checked build never inlines them into what it checks. The first may be inlined elsewhere.
 #if defined(__GNUC__)
-#define KXM_NO_SANITIZE __attribute__((noinline, no_sanitize("address", "thread", "undefined")))
+#define KXM_NO_SANITIZE_INLINE __attribute__((no_sanitize("address", "thread", "undefined")))
+#define KXM_NO_SANITIZE __attribute__((noinline)) KXM_NO_SANITIZE_INLINE
 #else
+#define KXM_NO_SANITIZE_INLINE
 #define KXM_NO_SANITIZE __declspec(noinline)
 #endif
 
@@ -75,10 +78,13 @@ inline void prefetch(const void* address) {
 /// does not look at it either. pre: the ranges do not overlap.
 void copy_unchecked(void* target, const void* source, std::size_t size);
 
-/// The 64-bit word at `address`, read without asking whether it belongs to a live object, nor
-/// whether another thread writes it: one instruction, which no checker instruments.
+/// The 64-bit word at `address`, read without asking whether it belongs to a live object.
 /// pre: the address is mapped and a multiple of 8.
-inline std::uint64_t read_word_unchecked(const void* address) {
+std::uint64_t read_word_unchecked(const void* address);
+
+/// The same for hot code: one instruction in place, which no checker instruments, so that neither
+/// does it matter whether another thread writes the word.
+inline std::uint64_t peek_word(const void* address) {
 #if defined(__GNUC__)
     struct KXM_MAY_ALIAS Word {
         std::uint64_t value;

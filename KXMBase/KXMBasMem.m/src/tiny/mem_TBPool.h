@@ -54,8 +54,8 @@ inline Tag* page_of(const void* ptr) {
 
 /// Whether a page of the pool starts here. Any mapped memory may be asked about.
 inline bool is_page(const Tag* tag) {
-    return os::read_word_unchecked(&tag->self) == reinterpret_cast<std::uintptr_t>(tag) &&
-           os::read_word_unchecked(&tag->mark) == page_tag;
+    return os::peek_word(&tag->self) == reinterpret_cast<std::uintptr_t>(tag) &&
+           os::peek_word(&tag->mark) == page_tag;
 }
 
 inline mem_FixedBlock* block_in(Tag* tag) {

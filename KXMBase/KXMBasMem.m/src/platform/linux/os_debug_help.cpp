@@ -1,10 +1,10 @@
 // Debug help on Linux: the reference system's functions, by their names, over the unwinder
 // (stack_walk) and the reader of debug information (symbols). Handles of processes and threads mean
 // nothing here: the calling process is the only one.
-#include "platform/os.h"
 #include "platform/linux/stack_walk.h"
 #include "platform/linux/symbols.h"
 #include "platform/linux/utf16.h"
+#include "platform/os.h"
 
 #include <algorithm>
 #include <atomic>
@@ -60,9 +60,7 @@ public:
             state_.store(known, std::memory_order_release);
         }
     }
-    const char* get() const {
-        return state_.load(std::memory_order_acquire) == known ? path_ : "";
-    }
+    const char* get() const { return state_.load(std::memory_order_acquire) == known ? path_ : ""; }
 
 private:
     enum : int { unread, reading, known };
@@ -143,13 +141,13 @@ template <class Function> void* place_of(Function* function) {
 char own_module; // what both modules' names load
 
 constexpr const char* well_known[] = {"dbghelp.dll", nullptr};
-constexpr DebugHelpPlaces places{"dbghelp.dll", false, well_known};
+constexpr DebugHelp help{"dbghelp.dll", false, well_known, false};
 
 } // namespace
 
 Module module_load(const char* file_name) {
     const bool known =
-        std::strcmp(file_name, places.file_name) == 0 || std::strcmp(file_name, "PSAPI.DLL") == 0;
+        std::strcmp(file_name, help.file_name) == 0 || std::strcmp(file_name, "PSAPI.DLL") == 0;
     return known ? &own_module : nullptr;
 }
 
@@ -173,8 +171,8 @@ void* module_symbol(Module module, const char* name) {
     return nullptr;
 }
 
-const DebugHelpPlaces& debug_help_places() {
-    return places;
+const DebugHelp& debug_help() {
+    return help;
 }
 
 void* current_process() {

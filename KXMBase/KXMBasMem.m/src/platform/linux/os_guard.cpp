@@ -98,8 +98,8 @@ public:
         if (sigaltstack(nullptr, &now) != 0 || (now.ss_flags & SS_DISABLE) == 0) {
             return;
         }
-        memory_ = mmap(nullptr, stack_bytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS,
-                       -1, 0);
+        memory_ =
+            mmap(nullptr, stack_bytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
         if (memory_ != MAP_FAILED) {
             stack_t ours = {};
             ours.ss_sp = memory_;

@@ -7,9 +7,9 @@
 namespace os {
 
 struct CodeSymbol {
-    char name[480];       ///< readable; empty when unknown
-    const char* file;     ///< stays for the life of the process; null when unknown
-    std::uint32_t line;   ///< of `file`
+    char name[480];     ///< readable; empty when unknown
+    const char* file;   ///< stays for the life of the process; null when unknown
+    std::uint32_t line; ///< of `file`
 };
 
 /// Readies the look-up; false when the system refuses the memory for it. Files are read later, at the
