@@ -78,16 +78,17 @@ public:
     }
 };
 
-/// An identifier that knows what it points to: `T` is the pointer type that Ptr returns.
+/// An identifier that knows what it points to: `T` is the pointer type that Ptr returns. The library
+/// exports the instances of char*, int*, unsigned int*, float*, double* and void*.
 template <class T> class KXMBASMEM_TEMPLATE mem_CachePoolIDTyp : public mem_CachePoolID {
 public:
     mem_CachePoolIDTyp(const mem_CachePoolIDTyp& id) = default;
-    mem_CachePoolIDTyp(const mem_CachePoolID& id) : mem_CachePoolID(id) {}
-    mem_CachePoolIDTyp(unsigned int value) : mem_CachePoolID(value) {}
+    mem_CachePoolIDTyp(const mem_CachePoolID& id);
+    mem_CachePoolIDTyp(unsigned int value);
     mem_CachePoolIDTyp& operator=(const mem_CachePoolIDTyp& id) = default;
 
-    bool operator==(const mem_CachePoolIDTyp& other) const { return Value() == other.Value(); }
-    bool operator!=(const mem_CachePoolIDTyp& other) const { return Value() != other.Value(); }
+    bool operator==(const mem_CachePoolIDTyp& other) const;
+    bool operator!=(const mem_CachePoolIDTyp& other) const;
 
     /// The address, null for the null identifier.
     T Ptr(mem_CachePool* pool) const;
@@ -189,17 +190,22 @@ private:
     mem_FixedBlock* m_clusterStore;   // and of clusters
 };
 
-template <class T> inline T mem_CachePoolIDTyp<T>::Ptr(mem_CachePool* pool) const {
-    return IsNull() ? static_cast<T>(nullptr) : static_cast<T>(pool->Ptr(*this));
+// Not inline by that word: on Windows the library could not export them then.
+
+template <class T>
+mem_CachePoolIDTyp<T>::mem_CachePoolIDTyp(const mem_CachePoolID& id) : mem_CachePoolID(id) {}
+
+template <class T>
+mem_CachePoolIDTyp<T>::mem_CachePoolIDTyp(unsigned int value) : mem_CachePoolID(value) {}
+
+template <class T> bool mem_CachePoolIDTyp<T>::operator==(const mem_CachePoolIDTyp& other) const {
+    return Value() == other.Value();
 }
 
-// These are exported. Within the library they are not declared first: on Windows an instance that has
-// been is not exported any more.
-#if !defined(KXMBASMEM_BUILDING)
-extern template class KXMBASMEM_API mem_CachePoolIDTyp<char*>;
-extern template class KXMBASMEM_API mem_CachePoolIDTyp<int*>;
-extern template class KXMBASMEM_API mem_CachePoolIDTyp<unsigned int*>;
-extern template class KXMBASMEM_API mem_CachePoolIDTyp<float*>;
-extern template class KXMBASMEM_API mem_CachePoolIDTyp<double*>;
-extern template class KXMBASMEM_API mem_CachePoolIDTyp<void*>;
-#endif
+template <class T> bool mem_CachePoolIDTyp<T>::operator!=(const mem_CachePoolIDTyp& other) const {
+    return Value() != other.Value();
+}
+
+template <class T> T mem_CachePoolIDTyp<T>::Ptr(mem_CachePool* pool) const {
+    return IsNull() ? static_cast<T>(nullptr) : static_cast<T>(pool->Ptr(*this));
+}
