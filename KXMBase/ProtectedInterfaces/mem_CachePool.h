@@ -8,7 +8,8 @@
 //   pool->Delete();
 //
 // Up to 16384 bytes come from clusters of 256 KiB, at most 32767 of them; a larger request has a block
-// of its own, by the same kind of identifier. Addresses are on 4 bytes, from 9 bytes up on 8.
+// of its own, by the same kind of identifier. Addresses are on 4 bytes for up to 4, on 8 for up to 8, and
+// on 16 for more where the allocator's own blocks are.
 //
 // What a client must know:
 // - An address holds until the allocation is freed or resized. An identifier means nothing to another
@@ -18,9 +19,9 @@
 //   emptied and its memory cannot be had, that is a fatal error.
 // - A cluster goes back to the allocator with its last allocation. IF THAT EMPTIED THE CLUSTER OF THE
 //   POOL'S LATEST CHANGE, THE NEXT REQUEST OF MORE THAN 128 BYTES IS A FATAL ERROR, unless another
-//   allocation or release comes between. A client that may free its last record asks for a small one
-//   (up to 128 bytes) before the next large one, or keeps one allocated.
-// - A pass-through block that Realloc moves is a fatal error after it was moved: a client that needs
+//   allocation or release comes between. A client that may have emptied a cluster asks for a small
+//   one (up to 128 bytes) before the next large one.
+// - A pass-through block that the allocator moves in ReAlloc is a fatal error after it was moved: a client that needs
 //   to grow one past 16384 bytes allocates anew and copies.
 // - More than 32767 clusters are not noticed.
 //

@@ -89,7 +89,12 @@ private:
         const unsigned char* const from = bytes(held.id);
         damaged +=
             std::all_of(from, from + size, [&](unsigned char b) { return b == held.fill; }) ? 0 : 1;
-        misplaced += reinterpret_cast<std::uintptr_t>(from) % (size > 4 ? 8 : 4) != 0 ? 1 : 0;
+        misplaced += reinterpret_cast<std::uintptr_t>(from) % (size > 8   ? 16
+                                                               : size > 4 ? 8
+                                                                          : 4) !=
+                             0
+                         ? 1
+                         : 0;
     }
     void expect_report_for(std::size_t size) {
         if (size > 128 && size <= 16384 && cache::current_is_released(pool_)) {

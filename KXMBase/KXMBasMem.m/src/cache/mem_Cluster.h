@@ -65,9 +65,6 @@ public:
     void SummaryInfo(int& other, int& allocated) const;
     void SummaryPrint() const;
 
-protected:
-    void operator delete(void*) {}
-
 private:
     friend struct kxm::CachePoolLayout;
     friend struct kxm::CachePoolInspector;
@@ -76,6 +73,7 @@ private:
 
     explicit mem_Cluster(int index);
     void* operator new(std::size_t, int* where) { return where; }
+    void operator delete(void*) {}
     void operator delete(void*, int*) {}
 
     mem_Region* CreateRegion(mem_RegionTypeEnm type);
