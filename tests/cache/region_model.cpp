@@ -19,7 +19,7 @@ std::pair<int, int> key(int words, int offset) {
 
 } // namespace
 
-RegionModel::RegionModel(int words) : words_(words) {
+RegionModel::RegionModel(int words) {
     set_free(16, words - 16);
 }
 

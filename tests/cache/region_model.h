@@ -30,7 +30,7 @@ public:
 
 class RegionModel {
 public:
-    explicit RegionModel(int words);
+    explicit RegionModel(int words); ///< of the whole region
 
     int alloc(std::size_t size); ///< as the region's operations
     int realloc(int offset, std::size_t size);
@@ -66,7 +66,6 @@ private:
     bool is_free(int offset) const;
 
     Tree root_;
-    int words_;
     int largest_ = 0, largest_offset_ = -1;
 };
 

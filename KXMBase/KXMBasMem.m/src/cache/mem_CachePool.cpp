@@ -106,7 +106,8 @@ void* mem_CachePool::operator new(std::size_t size, mem_Allocator* allocator) {
 }
 
 mem_CachePool* mem_CachePool::CreatePool(mem_Allocator* allocator) {
-    void* const where = operator new(sizeof(mem_CachePool), allocator);
+    // Not by the operator itself: a compiler takes it that one which may throw never answers null.
+    void* const where = allocator->Malloc(tag, sizeof(mem_CachePool));
     if (where == nullptr) {
         return nullptr;
     }
