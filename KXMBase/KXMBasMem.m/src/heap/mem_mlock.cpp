@@ -19,7 +19,8 @@ os::Event ensure_event(mem_mlock& lock) {
 // the holder, which usually comes back at once, goes on at full speed meanwhile.
 constexpr int first_pauses = 64;
 constexpr int most_pauses = 512;
-constexpr int pauses_before_counting = 2048; // some microseconds: many times as long as one holds it
+constexpr int pauses_before_counting =
+    2048; // some microseconds: many times as long as one holds it
 
 } // namespace
 

@@ -50,7 +50,7 @@ void mem_mlock_let_pass(const mem_mlock& lock);
 
 /// Takes the lock, waiting as long as it must. Always succeeds, which the true says.
 inline bool mem_mlock_acquire(mem_mlock& lock) {
-    if (lock.count.load(std::memory_order_relaxed) > 0) [[unlikely]] {
+    if (!os::single_threaded() && lock.count.load(std::memory_order_relaxed) > 0) [[unlikely]] {
         mem_mlock_let_pass(lock);
     }
     if (mem_mlock_add(lock, 1) >= 2) [[unlikely]] {
