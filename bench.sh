@@ -9,7 +9,7 @@ no_arguments "$@"
 mkdir -p build
 need_build_packages
 need_packages libjemalloc2 libmimalloc2.0 libtcmalloc-minimal4 libtbbmalloc2
-build linux bench_interface bench_load bench_callstack bench_heap bench_tiny
+build linux bench_interface bench_load bench_callstack bench_heap bench_tiny bench_cache
 unset KXA_CALLSTACK_DEPTH KXA_DEADBEEF KXQ_DLALLOCATOR KXQ_CRTMALLOC KXQ_USE_ALIGNED_MEMORY
 echo
 build/linux/bin/bench_interface
@@ -21,3 +21,5 @@ echo
 build/linux/bin/bench_heap
 echo
 build/linux/bin/bench_tiny
+echo
+build/linux/bin/bench_cache
