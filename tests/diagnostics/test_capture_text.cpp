@@ -264,9 +264,9 @@ TEST_F(CaptureText, ReportsAStackThatEndsEarlyAndGivesNoText) {
     EXPECT_EQ(capture({{"a", "/a.cpp", "solver.exe", true, false}, main_frame}),
               line(1, "solver.exe", "a", "a.cpp", 10))
         << "goes on";
-    EXPECT_EQ(testing::internal::GetCapturedStdout().find(
-                  "*** Error: Could not obtain StackFrame\n*** StackWalk64() failed"),
-              0U);
+    const std::string lost = testing::internal::GetCapturedStdout();
+    EXPECT_EQ(lost.find("*** Error: Could not obtain StackFrame\n*** StackWalk64() failed"), 0U);
+    EXPECT_EQ(std::count(lost.begin(), lost.end(), '\n'), 2) << lost;
 }
 
 TEST_F(CaptureText, IsAbsentAfterAFaultOfTheDebugHelp) {

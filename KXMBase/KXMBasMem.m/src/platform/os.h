@@ -86,8 +86,8 @@ void* vm_reserve(std::size_t size);
 /// when nobody waits yet. Null from event_create means that the system refused.
 using Event = void*;
 Event event_create();
-bool event_wait(Event event); ///< false when the system refused, or there is no event
-bool event_set(Event event);  ///< likewise
+bool event_wait(Event event);  ///< false when the system refused, or there is no event
+bool event_set(Event event);   ///< likewise
 void event_close(Event event); ///< pre: nobody waits
 
 /// A recursive lock owned by a thread. Lives where the caller puts it; init before use.
@@ -274,9 +274,8 @@ ContextPosition context_position(const Context& context);
 /// The system's wide form (UTF-16) of a narrow text, cut to `capacity` - 1 and terminated. Returns
 /// its length. pre: capacity > 0.
 std::size_t widen(const char* text, unsigned short* wide, std::size_t capacity);
-/// The way back, with the terminator; false, and the buffer as it was, when it does not fit.
-/// pre: capacity <= max_narrow.
-inline constexpr std::size_t max_narrow = 2000;
+/// The way back, with the terminator; false, and an empty text, when it does not fit.
+/// pre: capacity > 0.
 bool narrow(const unsigned short* wide, char* text, std::size_t capacity);
 
 void set_last_error(std::uint32_t code); ///< what last_error() gives the calling thread next
