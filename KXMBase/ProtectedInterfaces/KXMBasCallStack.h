@@ -4,8 +4,8 @@
 // number in parentheses when they are known. Frames below "main" and below a thread's start are not
 // shown; nor are those two.
 //
-// A capture allocates 2000 bytes for the text from the C runtime and nothing else, and works when the
-// library's heap has failed or its lock is held. A fault inside it gives a null text. Any thread may
+// A capture allocates 2000 bytes for the text from the C runtime and keeps nothing else of it, and
+// works when the library's heap has failed or its lock is held. A fault inside it gives a null text. Any thread may
 // capture; the debug help of Windows serves one at a time, so there the others wait, for two seconds at
 // the most.
 #ifndef KXMBasCallStack_h

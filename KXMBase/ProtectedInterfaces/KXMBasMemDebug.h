@@ -23,10 +23,10 @@ private:
 /// A place holder: walks nothing.
 class KXMBASMEM_API KXMBasMemStackWalker {
 public:
-    KXMBasMemStackWalker() {}
-    ~KXMBasMemStackWalker() {}
-    char* CurrentCallStack(char const*, char const*, int) { return nullptr; }
-    void Backtrace() {}
+    KXMBasMemStackWalker();
+    ~KXMBasMemStackWalker();
+    char* CurrentCallStack(char const*, char const*, int); ///< null
+    void Backtrace();
 };
 
 /// What KXMBasMemError03 throws.

@@ -223,6 +223,16 @@ TEST_F(CaptureText, KeepsWholeLinesWhenTheBufferFills) {
     expected = line(1, "solver.exe", longest, "", 0);
     expected += line(2, "solver.exe", longest, "", 0);
     EXPECT_EQ(*text, expected);
+    // The last name that fits, and behind it the last file name.
+    for (const auto& [letters, path] :
+         {std::pair(376, 550), std::pair(377, 0), std::pair(376, 551)}) {
+        const Frame third{std::string(static_cast<std::size_t>(letters), 'n'),
+                          path != 0 ? "/" + std::string(static_cast<std::size_t>(path), 'f') : ""};
+        text = capture({{longest}, {longest}, third, main_frame});
+        EXPECT_EQ(*text, path != 550 ? expected
+                                     : expected + line(3, "solver.exe", third.symbol,
+                                                       third.file.substr(1), 30));
+    }
     std::vector<Frame> past(19, {"name", ""});
     past.push_back({longest, ""});
     past.push_back(main_frame);
@@ -264,9 +274,9 @@ TEST_F(CaptureText, ReportsAStackThatEndsEarlyAndGivesNoText) {
     EXPECT_EQ(capture({{"a", "/a.cpp", "solver.exe", true, false}, main_frame}),
               line(1, "solver.exe", "a", "a.cpp", 10))
         << "goes on";
-    EXPECT_EQ(testing::internal::GetCapturedStdout().find(
-                  "*** Error: Could not obtain StackFrame\n*** StackWalk64() failed"),
-              0U);
+    const std::string lost = testing::internal::GetCapturedStdout();
+    EXPECT_EQ(lost.find("*** Error: Could not obtain StackFrame\n*** StackWalk64() failed"), 0U);
+    EXPECT_EQ(std::count(lost.begin(), lost.end(), '\n'), 2) << lost;
 }
 
 TEST_F(CaptureText, IsAbsentAfterAFaultOfTheDebugHelp) {

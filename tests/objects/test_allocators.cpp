@@ -206,7 +206,9 @@ TEST(ErrorStack, KeepsWhatTheClientGivesIt) {
     testing::internal::CaptureStdout();
     KXMBasErrorStack::SaveMarker("x");
     std::fflush(stdout);
-    EXPECT_EQ(testing::internal::GetCapturedStdout().substr(0, 4), "## x");
+    std::string marker = testing::internal::GetCapturedStdout();
+    std::erase(marker, '\r');
+    EXPECT_EQ(marker, "## x\n");
 }
 
 } // namespace

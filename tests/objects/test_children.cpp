@@ -152,9 +152,11 @@ TEST(GlobalNew, ServesAProgramOnEveryBackEnd) {
             run("global_new_client", {name == "KXA_DEADBEEF" ? "guarded" : "plain"},
                 name.empty() ? std::vector<std::pair<std::string, std::string>>{}
                              : std::vector<std::pair<std::string, std::string>>{{name, "1"}});
-        EXPECT_EQ(result.exit_code, 0) << "line " << result.exit_code << " on " << name;
+        EXPECT_EQ(result.exit_code, 0) << result.err << " on " << name;
     }
     EXPECT_EQ(run("global_new_client", {"odd"}).exit_code, 0);
+    const ChildResult tiny = run("global_new_client", {"tiny"}, {{"KXQ_DLALLOCATOR", "1"}});
+    EXPECT_EQ(tiny.exit_code, 0) << tiny.err;
 }
 
 } // namespace

@@ -395,6 +395,9 @@ private:
     bool walk_failed() {
         complain("*** Error: Could not walk the thread\n");
         print_walk_error();
+        std::fputs("CURRENT STACK:\n", stdout);
+        print_wide();
+        std::fputs("\n", stdout);
         return stop(End::none);
     }
 
@@ -403,17 +406,14 @@ private:
         std::fflush(nullptr);
     }
 
-    void print_walk_error() {
+    static void print_walk_error() {
         std::printf("*** StackWalk64() failed with error %d\n", static_cast<int>(os::last_error()));
-        std::fputs("CURRENT STACK:\n", stdout);
-        print_wide();
-        std::fputs("\n", stdout);
     }
 
     // The whole wide buffer, which may hold what an earlier capture left.
     void print_wide() const {
-        char narrow[os::max_narrow];
-        Wide piece[os::max_narrow / 4];
+        char narrow[2000];
+        Wide piece[sizeof narrow / 4];
         constexpr std::size_t most = sizeof piece / sizeof *piece - 1;
         for (const Wide* at = b_.text; *at != 0;) {
             const std::size_t count = std::min(length_of(at), most);

@@ -70,6 +70,16 @@ void KXMBasMemDebug::Demangle(char*, std::uint64_t) {
     static_cast<void>(second);
 }
 
+KXMBasMemStackWalker::KXMBasMemStackWalker() {}
+
+KXMBasMemStackWalker::~KXMBasMemStackWalker() {}
+
+char* KXMBasMemStackWalker::CurrentCallStack(char const*, char const*, int) {
+    return nullptr;
+}
+
+void KXMBasMemStackWalker::Backtrace() {}
+
 KXM_NO_SANITIZE void KXMBasMemError01() {
     volatile std::int32_t array[100];
     array[0] = 0;

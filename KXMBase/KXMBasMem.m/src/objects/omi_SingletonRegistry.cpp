@@ -25,11 +25,10 @@ template <typename T> T* allocate(std::int32_t count) {
     return static_cast<T*>(mem_Malloc(static_cast<std::size_t>(count) * sizeof(T)));
 }
 
-template <typename T> void grow(T*& array, std::int32_t count, std::int32_t capacity) {
-    T* const larger = allocate<T>(capacity);
-    std::copy_n(array, count, larger);
-    mem_Free(array);
-    array = larger;
+template <typename T> T* larger(const T* array, std::int32_t count, std::int32_t capacity) {
+    T* const copy = allocate<T>(capacity);
+    std::copy_n(array, count, copy);
+    return copy;
 }
 
 // What is printed while the library unloads comes after the program's own last flush.
@@ -86,11 +85,16 @@ omi_SingletonRegistry::omi_SingletonRegistry()
 
 void omi_SingletonRegistry::Grow() {
     constexpr std::int32_t step = 50;
-    grow(created, count, capacity + step);
-    grow(deleted, count, capacity + step);
-    grow(names, count, capacity + step);
-    grow(instances, count, capacity + step);
+    // The old ones go last of all.
+    void* const old[] = {created, deleted, names, instances};
     capacity += step;
+    created = larger(created, count, capacity);
+    deleted = larger(deleted, count, capacity);
+    names = larger(names, count, capacity);
+    instances = larger(instances, count, capacity);
+    for (void* const array : old) {
+        mem_Free(array);
+    }
 }
 
 int omi_SingletonRegistry::Add(const char* typeName, void* instance) {

@@ -274,9 +274,8 @@ ContextPosition context_position(const Context& context);
 /// The system's wide form (UTF-16) of a narrow text, cut to `capacity` - 1 and terminated. Returns
 /// its length. pre: capacity > 0.
 std::size_t widen(const char* text, unsigned short* wide, std::size_t capacity);
-/// The way back, with the terminator; false, and the buffer as it was, when it does not fit.
-/// pre: capacity <= max_narrow.
-inline constexpr std::size_t max_narrow = 2000;
+/// The way back, with the terminator; false, and an empty text, when it does not fit.
+/// pre: capacity > 0.
 bool narrow(const unsigned short* wide, char* text, std::size_t capacity);
 
 void set_last_error(std::uint32_t code); ///< what last_error() gives the calling thread next

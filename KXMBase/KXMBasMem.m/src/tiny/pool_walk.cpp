@@ -2,6 +2,7 @@
 #include "tiny/pool_walk.h"
 
 #include <cstdlib>
+#include <new>
 #include <vector>
 
 #include "blocks/region_walk.h"
@@ -9,13 +10,31 @@
 #include "tiny/mem_TBPool.h"
 #include "tiny/test_seam.h"
 
+namespace {
+
+// A program's own operator new may be served by the pool that is being walked, under its lock.
+template <typename T> struct Runtime {
+    using value_type = T;
+    Runtime() = default;
+    template <typename Other> Runtime(const Runtime<Other>&) {}
+    T* allocate(std::size_t count) {
+        void* const memory = std::calloc(count, sizeof(T));
+        return memory != nullptr ? static_cast<T*>(memory) : throw std::bad_alloc();
+    }
+    void deallocate(T* memory, std::size_t) { std::free(memory); }
+    bool operator==(const Runtime&) const = default;
+};
+
+} // namespace
+
 namespace tiny {
 
 struct Inspector {
     const mem_TBPool& pool;
     Census census{};
     enum class Kind { lost, free, page, listed };
-    std::vector<Kind> kinds = std::vector<Kind>(static_cast<std::size_t>(pool.m_blockCount));
+    std::vector<Kind, Runtime<Kind>> kinds =
+        std::vector<Kind, Runtime<Kind>>(static_cast<std::size_t>(pool.m_blockCount));
 
     static const mem_TBPool* instance() { return mem_TBPool::theInstance; }
     static int index_count() { return mem_TBPool::theInstance->m_blockCount; }

@@ -167,10 +167,12 @@ std::size_t widen(const char* text, unsigned short* wide, std::size_t capacity) 
 
 bool narrow(const unsigned short* wide, char* text, std::size_t capacity) {
     const auto* const source = reinterpret_cast<const wchar_t*>(wide);
-    const int needed = WideCharToMultiByte(CP_ACP, 0, source, -1, nullptr, 0, nullptr, nullptr);
-    return needed > 0 && static_cast<std::size_t>(needed) <= capacity &&
-           WideCharToMultiByte(CP_ACP, 0, source, -1, text, static_cast<int>(capacity), nullptr,
-                               nullptr) > 0;
+    const bool fits = WideCharToMultiByte(CP_ACP, 0, source, -1, text, static_cast<int>(capacity),
+                                          nullptr, nullptr) > 0;
+    if (!fits) {
+        text[0] = '\0';
+    }
+    return fits;
 }
 
 void set_last_error(std::uint32_t code) {
