@@ -195,24 +195,19 @@ void mem_TBPool::ThreadLock(bool on) {
 
 // ---- Pages -----------------------------------------------------------------------------------
 
-KXM_ALWAYS_INLINE void mem_TBPool::SetFirstBlock(mem_RegionTypeEnm type, int index) {
-    m_firstBlock[type] = index;
-    tiny::first_page[type] = index != none ? GetBlock(index) : nullptr;
-}
-
 KXM_ALWAYS_INLINE void mem_TBPool::LinkAtHead(mem_FixedBlock* block, mem_RegionTypeEnm type,
                                               int index) {
-    const int head = m_firstBlock[type];
-    block->SetNextBlock(head);
-    if (head != none) {
-        GetBlock(head)->SetLastBlock(index);
+    block->SetNextBlock(m_firstBlock[type]);
+    if (mem_FixedBlock* const head = tiny::first_page[type]) {
+        head->SetLastBlock(index);
     }
-    SetFirstBlock(type, index);
+    m_firstBlock[type] = index;
+    tiny::first_page[type] = block;
 }
 
 // A page that left its list when it was full comes back to the head. pre: it is on no list.
 KXM_NEVER_INLINE void mem_TBPool::LinkUnlisted(mem_FixedBlock* block) {
-    Instance().LinkAtHead(block, block->Region()->RegionType(), block->BlockIndex());
+    Instance().LinkAtHead(block, block->RegionQuick()->RegionType(), block->BlockIndex());
 }
 
 mem_FixedBlock* mem_TBPool::CreateBlock(mem_RegionTypeEnm type, int& index) {
@@ -243,14 +238,16 @@ mem_FixedBlock* mem_TBPool::CreateBlock(mem_RegionTypeEnm type, int& index) {
 void mem_TBPool::DropBlock(mem_FixedBlock* block) {
     const mem_RegionTypeEnm type = block->Region()->RegionType();
     const int next = block->NextBlock(), last = block->LastBlock();
+    mem_FixedBlock* const after = next != none ? GetBlock(next) : nullptr;
     if (m_firstBlock[type] == block->BlockIndex()) {
-        SetFirstBlock(type, next);
+        m_firstBlock[type] = next;
+        tiny::first_page[type] = after;
     }
     if (last != none) {
         GetBlock(last)->SetNextBlock(next);
     }
-    if (next != none) {
-        GetBlock(next)->SetLastBlock(last);
+    if (after != nullptr) {
+        after->SetLastBlock(last);
     }
     block->SetNextBlock(none);
     block->SetLastBlock(none);

@@ -135,7 +135,6 @@ private:
         return static_cast<mem_FixedBlock*>(m_blocks.Block(index));
     }
 
-    void SetFirstBlock(mem_RegionTypeEnm type, int index);
     static void* TakeSlotQuick(std::size_t siz);
     void* TakeSlot(std::size_t siz);
     void* TakeSlotFull(std::size_t siz);
