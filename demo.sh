@@ -43,13 +43,16 @@ done | awk '{ printf "%-8s %10d %15.1f %23.1f %9.2f %15.2f %%\n",
 echo
 echo "== the heap with and without its pool for blocks of at most 128 bytes"
 "$program" --backend heap --tiny-pool --quiet --json demo-output/beam-pool.json "$mesh"
-echo "pool   small requests   reading s   footprint after reading MiB"
+echo "The rows of the matrix are found as linked lists, with one node of 16 bytes a column."
+echo "pool   small requests   rows found in s   footprint then MiB   at most MiB   solve s"
 for pool in off on; do
     file=demo-output/beam-heap.json
     [ $pool = off ] || file=demo-output/beam-pool.json
-    printf '%s %s %s %s\n' $pool "$(figure $file small_requests)" "$(figure $file read_seconds)" \
-        "$(figure $file read_footprint_kib)"
-done | awk '{ printf "%-4s %16d %11.3f %29.2f\n", $1, $2, $3, $4 / 1024 }'
+    printf '%s %s %s %s %s %s\n' $pool "$(figure $file small_requests)" \
+        "$(figure $file couple_seconds)" "$(figure $file couple_footprint_kib)" \
+        "$(figure $file max_footprint_bytes)" "$(figure $file solve_seconds)"
+done | awk '{ printf "%-4s %16d %17.3f %20.1f %13.1f %9.2f\n",
+              $1, $2, $3, $4 / 1024, $5 / 1048576, $6 }'
 
 echo
 echo "== the heap, elements and nodes held as records in a cache pool, by identifiers"

@@ -44,29 +44,6 @@ template <class Body> void for_batches(const Mesh& mesh, Body body) {
     }
 }
 
-// For each node the elements that have it, in compressed rows.
-struct NodeElements {
-    Vector<std::int64_t> start;
-    Vector<std::int32_t> element;
-};
-
-NodeElements elements_of_nodes(const Mesh& mesh) {
-    NodeElements result;
-    result.start.assign(mesh.nodes.size() + 1, 0);
-    for (const std::int32_t node : mesh.elements)
-        ++result.start[index(node) + 1];
-    for (std::size_t i = 1; i < result.start.size(); ++i)
-        result.start[i] += result.start[i - 1];
-    result.element.resize(mesh.elements.size());
-    Vector<std::int64_t> next(result.start);
-    const auto nodes = index(mesh.nodes_per_element);
-    for (std::size_t i = 0; i < mesh.elements.size(); ++i) {
-        const std::int64_t place = next[index(mesh.elements[i])]++;
-        result.element[static_cast<std::size_t>(place)] = static_cast<std::int32_t>(i / nodes);
-    }
-    return result;
-}
-
 // Adds the block of nine numbers to the matrix at the given column of a row.
 void add_block(SparseMatrix& matrix, std::int32_t row, std::int32_t column, const double* block) {
     const auto begin = matrix.column.begin() + matrix.start[index(row)];
@@ -127,29 +104,34 @@ Numbering number_unknowns(const Mesh& mesh) {
     return result;
 }
 
-SparseMatrix matrix_pattern(const Mesh& mesh, const Numbering& numbering) {
-    const NodeElements around = elements_of_nodes(mesh);
-    SparseMatrix matrix;
-    matrix.rows = static_cast<std::int32_t>(numbering.node_of_row.size());
-    matrix.start.reserve(numbering.node_of_row.size() + 1);
-    matrix.start.push_back(0);
-    Vector<std::int32_t> seen_by_row(numbering.node_of_row.size(), -1);
-    for (std::int32_t row = 0; row < matrix.rows; ++row) {
-        const std::size_t node = index(numbering.node_of_row[index(row)]);
-        for (auto k = around.start[node]; k < around.start[node + 1]; ++k) {
-            const std::size_t element = index(around.element[static_cast<std::size_t>(k)]);
-            for (int i = 0; i < mesh.nodes_per_element; ++i) {
-                const std::int32_t other = numbering.row_of_node[index(mesh.element(element)[i])];
-                if (other < 0 || seen_by_row[index(other)] == row)
-                    continue;
-                seen_by_row[index(other)] = row;
-                matrix.column.push_back(other);
-            }
+RowLists couple_rows(const Mesh& mesh, const Numbering& numbering) {
+    RowLists lists(numbering.node_of_row.size());
+    Vector<std::int32_t> rows;
+    for (std::size_t e = 0; e < mesh.element_count(); ++e) {
+        rows.clear();
+        for (int i = 0; i < mesh.nodes_per_element; ++i) {
+            const std::int32_t row = numbering.row_of_node[index(mesh.element(e)[i])];
+            if (row >= 0)
+                rows.push_back(row);
         }
-        std::sort(matrix.column.begin() + matrix.start.back(), matrix.column.end());
+        std::sort(rows.begin(), rows.end());
+        for (const std::int32_t row : rows)
+            lists.add(index(row), rows);
+    }
+    return lists;
+}
+
+SparseMatrix matrix_pattern(RowLists lists) {
+    SparseMatrix matrix;
+    matrix.rows = static_cast<std::int32_t>(lists.rows());
+    matrix.start.reserve(lists.rows() + 1);
+    matrix.start.push_back(0);
+    matrix.column.reserve(lists.columns());
+    for (std::size_t row = 0; row < lists.rows(); ++row) {
+        lists.append_row(row, matrix.column);
         matrix.start.push_back(static_cast<std::int64_t>(matrix.column.size()));
     }
-    matrix.column.shrink_to_fit();
+    lists.clear(); // before the values ask for far more
     matrix.value.assign(9 * matrix.column.size(), 0.0);
     return matrix;
 }

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "mesh.h"
+#include "row_lists.h"
 #include "sparse_matrix.h"
 
 namespace elasticity {
@@ -29,8 +30,11 @@ struct Numbering {
 
 Numbering number_unknowns(const Mesh& mesh);
 
-/// The pattern of the matrix, with the values at zero: rows couple when they share an element.
-SparseMatrix matrix_pattern(const Mesh& mesh, const Numbering& numbering);
+/// For each row the rows that it couples with, which are those that share an element with it.
+RowLists couple_rows(const Mesh& mesh, const Numbering& numbering);
+
+/// The matrix of that pattern, with the values at zero.
+SparseMatrix matrix_pattern(RowLists lists);
 
 /// Adds the stiffness of all elements. Throws InputError at an element that is turned inside out
 /// somewhere.

@@ -13,6 +13,7 @@
 #include <chrono>
 #include <cmath>
 #include <optional>
+#include <utility>
 
 namespace elasticity {
 
@@ -62,14 +63,20 @@ struct LinearSystem {
     Vector<Point> positions;
 };
 
+RowLists couple(const Mesh& mesh, const Numbering& numbering, JobReport& report) {
+    const StepClock clock(report.steps[step_couple]);
+    return couple_rows(mesh, numbering);
+}
+
 LinearSystem assemble(const Mesh& mesh, const Options& options, const LoadVector& load,
                       JobReport& report) {
-    const StepClock clock(report.steps[step_assemble]);
     LinearSystem system;
     system.numbering = number_unknowns(mesh);
     if (system.numbering.node_of_row.empty())
         throw InputError(mesh.file, 0, {"every node belongs to group \"fixed\": nothing can move"});
-    system.matrix = matrix_pattern(mesh, system.numbering);
+    RowLists lists = couple(mesh, system.numbering, report);
+    const StepClock clock(report.steps[step_assemble]);
+    system.matrix = matrix_pattern(std::move(lists));
     add_stiffness(mesh, system.numbering, options.material, system.matrix);
     for (const std::int32_t node : system.numbering.node_of_row) {
         const auto i = static_cast<std::size_t>(node);

@@ -14,11 +14,19 @@ struct Step {
     std::size_t footprint_kib = 0; // of the process at its end, as the library tells
 };
 
-enum StepNumber { step_read, step_assemble, step_solve, step_stress, step_write, step_count };
+enum StepNumber {
+    step_read,
+    step_couple,
+    step_assemble,
+    step_solve,
+    step_stress,
+    step_write,
+    step_count
+};
 
 /// Everything that is told of a run.
 struct JobReport {
-    Step steps[step_count] = {{"read"}, {"assemble"}, {"solve"}, {"stress"}, {"write"}};
+    Step steps[step_count] = {{"read"}, {"couple"}, {"assemble"}, {"solve"}, {"stress"}, {"write"}};
     std::size_t nodes = 0;
     std::size_t elements = 0;
     int nodes_per_element = 0;

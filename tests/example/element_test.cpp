@@ -24,7 +24,7 @@ SparseMatrix free_stiffness(const Mesh& mesh, Numbering& numbering) {
     Mesh loose = mesh;
     loose.fixed.clear();
     numbering = number_unknowns(loose);
-    SparseMatrix matrix = matrix_pattern(loose, numbering);
+    SparseMatrix matrix = matrix_pattern(couple_rows(loose, numbering));
     add_stiffness(loose, numbering, material, matrix);
     return matrix;
 }

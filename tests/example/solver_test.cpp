@@ -20,7 +20,7 @@ struct Problem {
         const Mesh mesh = test::CubeMesh(10).take();
         const Numbering numbering = number_unknowns(mesh);
         const Material material{1000, 0.25};
-        matrix = matrix_pattern(mesh, numbering);
+        matrix = matrix_pattern(couple_rows(mesh, numbering));
         add_stiffness(mesh, numbering, material, matrix);
         const LoadVector load = load_vector(mesh, {1, {0, 0, -1}});
         for (const std::int32_t node : numbering.node_of_row) {

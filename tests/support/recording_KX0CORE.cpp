@@ -9,22 +9,24 @@ namespace {
 
 std::mutex lock;
 int count = 0;
-char last_text[256];
+char last_text[256], last_source[256];
 
-void keep(const char* text) {
+void keep(char (&where)[256], const char* text) {
     std::size_t i = 0;
-    for (; text != nullptr && text[i] != '\0' && i + 1 < sizeof last_text; ++i) {
-        last_text[i] = text[i];
+    for (; text != nullptr && text[i] != '\0' && i + 1 < sizeof where; ++i) {
+        where[i] = text[i];
     }
-    last_text[i] = '\0';
+    where[i] = '\0';
 }
 
 } // namespace
 
-void KXTFatalError(const char* text, const char*, const char*, const char*, const char*, int) {
+void KXTFatalError(const char* text, const char*, const char*, const char*, const char* source,
+                   int) {
     const std::lock_guard guard(lock);
     ++count;
-    keep(text);
+    keep(last_text, text);
+    keep(last_source, source);
 }
 
 int recorded_fatal_errors() {
@@ -34,4 +36,8 @@ int recorded_fatal_errors() {
 
 const char* recorded_fatal_text() {
     return last_text;
+}
+
+const char* recorded_fatal_source() {
+    return last_source;
 }

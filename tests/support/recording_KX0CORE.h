@@ -5,7 +5,8 @@
 
 extern "C" {
 
-KX0CORE_API int recorded_fatal_errors();       ///< calls of KXTFatalError so far
-KX0CORE_API const char* recorded_fatal_text(); ///< text of the last one
+KX0CORE_API int recorded_fatal_errors();         ///< calls of KXTFatalError so far
+KX0CORE_API const char* recorded_fatal_text();   ///< text of the last one
+KX0CORE_API const char* recorded_fatal_source(); ///< and the source that it named
 
 } // extern "C"

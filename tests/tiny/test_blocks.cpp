@@ -7,17 +7,29 @@
 #include "recording_KX0CORE.h"
 
 #include <array>
+#include <cstdio>
 #include <optional>
 #include <random>
 #include <vector>
 
 namespace {
 
-// What `work` reported, or nothing.
-template <typename Work> std::string reported(Work work) {
+// What `work` reported, or nothing; the source that it names is looked at as well.
+template <typename Work> std::string reported(Work work, const char* source = "mem_Block") {
     const int before = recorded_fatal_errors();
     work();
-    return recorded_fatal_errors() == before ? "" : recorded_fatal_text();
+    if (recorded_fatal_errors() == before) {
+        return "";
+    }
+    EXPECT_STREQ(recorded_fatal_source(), source);
+    return recorded_fatal_text();
+}
+
+template <typename Work> std::string printed(Work work) {
+    testing::internal::CaptureStdout();
+    work();
+    std::fflush(stdout);
+    return testing::internal::GetCapturedStdout();
 }
 
 class Blocks : public testing::TestWithParam<bool> {
@@ -95,6 +107,23 @@ TEST_P(Blocks, ABlockTakesAndGivesMemory) {
     EXPECT_EQ(cluster.BlockType(), mem_BLK_CLUSTER) << "for its whole life";
 }
 
+// Asks, when memory comes back, whether the block that it came from has let go of it: it may lie there.
+struct ReleaseWatch : mem_DLAllocator {
+    void Free(const char* tag, void* ptr) override {
+        EXPECT_STREQ(tag, "mem_Block");
+        EXPECT_TRUE(block->IsFree());
+        mem_DLAllocator::Free(tag, ptr);
+    }
+    const mem_Block* block = nullptr;
+};
+
+TEST(FixedBlock, LetsGoOfItsMemoryBeforeItIsReleased) {
+    const test::HeapBound heap;
+    ReleaseWatch watch;
+    watch.block = mem_FixedBlock::CreateFixedBlock(0, &watch, mem_RegionTypeEnm{3}, 0);
+    const_cast<mem_Block*>(watch.block)->Delete(&watch);
+}
+
 TEST_P(Blocks, AFixedBlockLivesInItsOwnMemory) {
     mem_FixedBlock* block = mem_FixedBlock::CreateFixedBlock(7, allocator_, mem_RGN_VARIABLE, 230);
     EXPECT_EQ(static_cast<void*>(block->Ptr(0)), block);
@@ -136,6 +165,8 @@ TEST(FixedRegion, FillsToTheLastWordAndNoFurther) {
     EXPECT_EQ(place.memory[1032], 0x5a5a5a5a) << "the word behind the region";
     EXPECT_EQ(blocks::walk_region(*place.block).used(), 1012);
     EXPECT_EQ(region.AllocCount(), 1012);
+    EXPECT_EQ(printed([&] { region.DebugPrint(place.block); }), "FixedRegion: AllocCount = 1012\n");
+    EXPECT_EQ(printed([&] { place.block->DebugPrint(); }), "mem_Block: Size = 1032\n");
 }
 
 TEST(FixedRegion, HandsOutWhatCameBackLast) {
@@ -154,13 +185,13 @@ TEST(FixedRegion, HandsOutWhatCameBackLast) {
     EXPECT_EQ(chain.fault, nullptr);
     EXPECT_EQ(chain.touched, 31);
     for (auto slot = slots.rbegin(); slot != slots.rend(); ++slot) {
-        EXPECT_EQ(region.AllocQuick(), *slot); // the short form agrees with the long one
+        EXPECT_EQ(region.AllocQuick(), place.block->Ptr(*slot)); // agrees with the long form
     }
-    EXPECT_EQ(region.AllocQuick(), -1);
+    EXPECT_EQ(region.AllocQuick(), nullptr);
 }
 
 TEST(FixedRegion, ReportsWhatCannotBe) {
-    EXPECT_EQ(reported([] { Place place(3, 1010, 9); }),
+    EXPECT_EQ(reported([] { Place place(3, 1010, 9); }, "mem_Region"),
               "AssertionFailed:m_regionType == mem_RGN_SPECIAL || fixedSize[m_regionType] == "
               "m_fixedSize");
     EXPECT_EQ(reported([] { Place place(mem_RGN_SPECIAL, 1010, 9); }), "");
@@ -169,12 +200,13 @@ TEST(FixedRegion, ReportsWhatCannotBe) {
     const int slot = region.Alloc(place.block, 1);
     const char* const range =
         "AssertionFailed:offset >= m_reserveOffset && offset <= m_regionSize-m_fixedSize";
-    EXPECT_EQ(reported([&] { region.Free(place.block, slot - 1); }), range);
-    EXPECT_EQ(reported([&] { region.Alloc(place.block, 1); }), range) << "went on all the same";
+    EXPECT_EQ(reported([&] { region.Free(place.block, slot - 1); }, "mem_Region"), range);
+    EXPECT_EQ(reported([&] { region.Alloc(place.block, 1); }, "mem_Region"), range)
+        << "went on all the same";
     region.Free(place.block, slot);
     place.memory[static_cast<std::size_t>(slot)] = 5;
-    EXPECT_EQ(region.AllocQuick(), -1) << "left to the form with checks";
-    EXPECT_EQ(reported([&] { region.Alloc(place.block, 1); }),
+    EXPECT_EQ(region.AllocQuick(), nullptr) << "left to the form with checks";
+    EXPECT_EQ(reported([&] { region.Alloc(place.block, 1); }, "mem_Region"),
               "AssertionFailed:free == -1 || (free >= m_reserveOffset && free <= m_regionSize)");
 }
 

@@ -12,6 +12,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <utility>
 #include <vector>
 
 namespace {
@@ -94,20 +95,46 @@ TEST_F(Pool, SurvivesThousandsOfRefusedPages) {
     EXPECT_EQ(tiny::take_census().lost_indices, 20000U);
 }
 
-// With the counter raised as by another thread, and no event to be had.
+// With the counter raised as by another thread, and no event to be had. Each entry that locks tells
+// four times: no event and no wait, and no event and no wake-up.
 TEST_F(Pool, ReportsALockThatTheSystemRefusesAndGoesOn) {
     mem_TBAllocator(1);
     mem_TBThreadLock(true);
     tiny::TestAccess::lock().count = 1;
     tiny::test_seam::refuse_events = true;
-    const int before = recorded_fatal_errors();
-    void* const slot = mem_Malloc(8);
-    tiny::test_seam::refuse_events = false;
+    auto reports = [before = recorded_fatal_errors()]() mutable {
+        return recorded_fatal_errors() - std::exchange(before, recorded_fatal_errors());
+    };
+    void* slot = mem_Malloc(8);
     EXPECT_NE(slot, nullptr);
-    EXPECT_EQ(recorded_fatal_errors(), before + 4) << "no event and no wait, twice";
+    EXPECT_EQ(reports(), 4);
     EXPECT_STREQ(recorded_fatal_text(), "AssertionFailed:rv");
-    tiny::TestAccess::lock().count = 0;
+    EXPECT_STREQ(recorded_fatal_source(), "mem_TBPool");
+    slot = mem_Realloc(slot, 20);
+    EXPECT_EQ(reports(), 4) << "once, although it allocates";
     mem_Free(slot);
+    EXPECT_EQ(reports(), 4);
+    int size = 8;
+    slot = mem_smallalloc(&size);
+    EXPECT_EQ(reports(), 0) << "never locks";
+    mem_smallfree(&slot);
+    EXPECT_EQ(reports(), 4);
+    tiny::test_seam::refuse_events = false;
+    mem_TBThreadLock(true);
+    EXPECT_EQ(tiny::TestAccess::lock().count, 1) << "it was on";
+    mem_TBThreadLock(false);
+    EXPECT_EQ(tiny::TestAccess::lock().count, 0);
+}
+
+TEST_F(Pool, BeginsWithAFreeLockAndEndsWithNothing) {
+    tiny::TestAccess::lock().count = 3;
+    const std::uint64_t in_use = dlmallinfo().uordblks;
+    for (const std::size_t size : {8U, 8U, 100U}) {
+        EXPECT_NE(pool().Alloc(size, false), nullptr);
+    }
+    EXPECT_EQ(tiny::TestAccess::lock().count, 0);
+    tiny::TestAccess::end();
+    EXPECT_EQ(dlmallinfo().uordblks, in_use);
 }
 
 TEST_F(Pool, IsSwitchedByItsClients) {
@@ -126,6 +153,11 @@ TEST_F(Pool, IsSwitchedByItsClients) {
     EXPECT_TRUE(from_pool(0));
     EXPECT_TRUE(from_pool(128));
     EXPECT_FALSE(from_pool(129));
+    void* cleared = mem_Calloc(1, 8);
+    EXPECT_FALSE(tiny::is_page(tiny::page_of(cleared)));
+    cleared = mem_Realloc(mem_Realloc(cleared, 500), 8);
+    EXPECT_FALSE(tiny::is_page(tiny::page_of(cleared))) << "stays out";
+    mem_Free(cleared);
     void* const early = mem_Malloc(20);
     mem_TBAllocator(0);
     EXPECT_FALSE(from_pool(8));

@@ -109,8 +109,8 @@ public:
 
     // The common case, for owners on a hot path; see below.
 
-    /// As Alloc, but -1 for whatever is uncommon, with nothing done.
-    int AllocQuick();
+    /// As Alloc, but the slot itself; null for whatever is uncommon, with nothing done.
+    blocks::word* AllocQuick();
     /// Whether `rel`, from the region's start, may be a slot.
     bool IsSlotQuick(int rel) const;
     int AllocCountAfterFree() const { return m_allocCount - m_fixedSize; }
@@ -138,10 +138,10 @@ private:
 // Both are on the path of every tiny request. They do what Alloc and Free do in the common case, and
 // touch nothing in any other: then the full forms follow, with their checks and reports.
 
-KXM_ALWAYS_INLINE int mem_FixedRegion::AllocQuick() {
+KXM_ALWAYS_INLINE blocks::word* mem_FixedRegion::AllocQuick() {
     const int offset = m_freeHead;
     if (offset < m_reserveOffset || offset > m_regionSize - m_fixedSize) [[unlikely]] {
-        return -1;
+        return nullptr;
     }
     blocks::word* const slot = Slot(offset);
     const int next = *slot;
@@ -150,10 +150,10 @@ KXM_ALWAYS_INLINE int mem_FixedRegion::AllocQuick() {
     } else if (next == -1) {
         MoveFrontier(slot, offset);
     } else [[unlikely]] {
-        return -1;
+        return nullptr;
     }
     m_allocCount += m_fixedSize;
-    return m_regionOffset + offset;
+    return slot;
 }
 
 KXM_ALWAYS_INLINE bool mem_FixedRegion::IsSlotQuick(int rel) const {

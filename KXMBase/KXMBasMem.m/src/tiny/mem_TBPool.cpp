@@ -2,6 +2,7 @@
 // room or a release meets is inline here, all else is kept out of its way.
 #include "tiny/mem_TBPool.h"
 
+#include <array>
 #include <cstring>
 #include <new>
 
@@ -22,6 +23,8 @@ std::int64_t mem_TBPool::m_allocatedCurrent = 0;
 std::int64_t mem_TBPool::m_allocatedPeak = 0;
 std::int64_t mem_TBPool::m_numAllocations = 0;
 char mem_TBPool::m_poolName[] = "TinyBlockAllocator";
+
+mem_FixedBlock* tiny::first_page[blocks::class_count];
 
 struct tiny::Layout {
     static_assert(offsetof(mem_TBPool, m_poolID) == 4 && offsetof(mem_TBPool, m_allocator) == 8);
@@ -76,9 +79,14 @@ void release(mem_mlock& lock) {
     }
 }
 
-void* word_of(mem_FixedBlock* block, int offset) {
-    return static_cast<int*>(static_cast<void*>(block)) + offset;
-}
+// A table: quicker than to compute it. Size 0 is as 1.
+constexpr auto class_of_size = [] {
+    std::array<std::uint8_t, blocks::largest_class_size + 1> classes{};
+    for (std::size_t size = 1; size < classes.size(); ++size) {
+        classes[size] = static_cast<std::uint8_t>(blocks::size_class(size));
+    }
+    return classes;
+}();
 
 // -1 when `ptr` is not on a word.
 int words_between(const void* from, const void* ptr) {
@@ -165,6 +173,9 @@ mem_TBPool::~mem_TBPool() {
             DeleteBlock(entry);
         }
     }
+    for (mem_FixedBlock*& page : tiny::first_page) {
+        page = nullptr;
+    }
 }
 
 // The event that a lock may have had is not closed.
@@ -186,20 +197,17 @@ void mem_TBPool::ThreadLock(bool on) {
 
 KXM_ALWAYS_INLINE void mem_TBPool::LinkAtHead(mem_FixedBlock* block, mem_RegionTypeEnm type,
                                               int index) {
-    const int head = m_firstBlock[type];
-    block->SetNextBlock(head);
-    if (head != none) {
-        GetBlock(head)->SetLastBlock(index);
+    block->SetNextBlock(m_firstBlock[type]);
+    if (mem_FixedBlock* const head = tiny::first_page[type]) {
+        head->SetLastBlock(index);
     }
     m_firstBlock[type] = index;
+    tiny::first_page[type] = block;
 }
 
-// A page that left its list when it was full comes back to the head. pre: nothing is before it.
-KXM_ALWAYS_INLINE void mem_TBPool::LinkIfUnlisted(mem_FixedBlock* block, mem_RegionTypeEnm type) {
-    const int index = block->BlockIndex();
-    if (m_firstBlock[type] != index) {
-        LinkAtHead(block, type, index);
-    }
+// A page that left its list when it was full comes back to the head. pre: it is on no list.
+KXM_NEVER_INLINE void mem_TBPool::LinkUnlisted(mem_FixedBlock* block) {
+    Instance().LinkAtHead(block, block->RegionQuick()->RegionType(), block->BlockIndex());
 }
 
 mem_FixedBlock* mem_TBPool::CreateBlock(mem_RegionTypeEnm type, int& index) {
@@ -228,16 +236,18 @@ mem_FixedBlock* mem_TBPool::CreateBlock(mem_RegionTypeEnm type, int& index) {
 }
 
 void mem_TBPool::DropBlock(mem_FixedBlock* block) {
-    std::int32_t& head = m_firstBlock[block->Region()->RegionType()];
+    const mem_RegionTypeEnm type = block->Region()->RegionType();
     const int next = block->NextBlock(), last = block->LastBlock();
-    if (head == block->BlockIndex()) {
-        head = next;
+    mem_FixedBlock* const after = next != none ? GetBlock(next) : nullptr;
+    if (m_firstBlock[type] == block->BlockIndex()) {
+        m_firstBlock[type] = next;
+        tiny::first_page[type] = after;
     }
     if (last != none) {
         GetBlock(last)->SetNextBlock(next);
     }
-    if (next != none) {
-        GetBlock(next)->SetLastBlock(last);
+    if (after != nullptr) {
+        after->SetLastBlock(last);
     }
     block->SetNextBlock(none);
     block->SetLastBlock(none);
@@ -264,18 +274,19 @@ KXM_NEVER_INLINE void mem_TBPool::GiveBackPage(mem_FixedBlock* block) {
 
 // ---- Requests --------------------------------------------------------------------------------
 
-KXM_ALWAYS_INLINE void* mem_TBPool::TakeSlot(std::size_t siz) {
+// Null for whatever is uncommon, with nothing done.
+KXM_ALWAYS_INLINE void* mem_TBPool::TakeSlotQuick(std::size_t siz) {
     if (siz <= blocks::largest_class_size) [[likely]] {
-        const int index = m_firstBlock[blocks::size_class(siz == 0 ? 1 : siz)];
-        if (index != none) [[likely]] {
-            mem_FixedBlock* const block = GetBlock(index);
-            const int offset = block->RegionQuick()->AllocQuick();
-            if (offset != none) [[likely]] {
-                return word_of(block, offset);
-            }
+        if (mem_FixedBlock* const block = tiny::first_page[class_of_size[siz]]) [[likely]] {
+            return block->RegionQuick()->AllocQuick();
         }
     }
-    return TakeSlotFull(siz);
+    return nullptr;
+}
+
+KXM_ALWAYS_INLINE void* mem_TBPool::TakeSlot(std::size_t siz) {
+    void* const slot = TakeSlotQuick(siz);
+    return slot != nullptr ? slot : TakeSlotFull(siz);
 }
 
 // Full pages leave the list here, when they are met.
@@ -327,8 +338,8 @@ void mem_TBPool::FreeFromBlock(mem_FixedBlock* block, int offset) {
     }
     // An empty page that is alone stays, so that one allocation and one release, again and again,
     // do not go to the heap each time.
-    if (block->LastBlock() == none) {
-        LinkIfUnlisted(block, region->RegionType());
+    if (block->LastBlock() == none && m_firstBlock[region->RegionType()] != block->BlockIndex()) {
+        LinkUnlisted(block);
     }
 }
 
@@ -347,8 +358,8 @@ KXM_ALWAYS_INLINE bool mem_TBPool::GiveSlotQuick(void* ptr) {
         return false;
     }
     region->FreeQuick(rel);
-    if (last == none) {
-        LinkIfUnlisted(block, region->RegionType());
+    if (last == none && tiny::first_page[region->RegionType()] != block) {
+        LinkUnlisted(block);
     }
     return true;
 }
@@ -419,29 +430,30 @@ void* mem_TBPool::Realloc(void* ptr, std::size_t siz) {
 
 namespace {
 
-KXM_NEVER_INLINE void* first_request(std::size_t siz, bool lock) {
+KXM_NEVER_INLINE void* full_request(std::size_t siz, bool lock) {
     mem_TBPool* const pool = mem_TBPool::InstanceOrNull();
     return pool != nullptr ? pool->Alloc(siz, lock) : nullptr;
 }
 
-KXM_NEVER_INLINE void first_release(void* ptr) {
+KXM_NEVER_INLINE void full_release(void* ptr) {
     mem_TBPool::Instance().Free(ptr);
 }
 
 } // namespace
 
+// Without a pool no class has a first page, so the common roads need not ask whether there is one.
 KXM_ALWAYS_INLINE void* mem_TBPool::Request(std::size_t siz, bool lock) {
-    if (theInstance == nullptr) [[unlikely]] {
-        return first_request(siz, lock);
+    if (!lock || !m_useThreadLock) {
+        if (void* const slot = TakeSlotQuick(siz)) [[likely]] {
+            return slot;
+        }
     }
-    return theInstance->AllocQuick(siz, lock);
+    return full_request(siz, lock);
 }
 
 KXM_ALWAYS_INLINE void mem_TBPool::GiveBack(void* ptr) {
-    if (theInstance == nullptr) [[unlikely]] {
-        first_release(ptr);
-    } else {
-        theInstance->FreeQuick(ptr);
+    if (m_useThreadLock || !GiveSlotQuick(ptr)) [[unlikely]] {
+        full_release(ptr);
     }
 }
 

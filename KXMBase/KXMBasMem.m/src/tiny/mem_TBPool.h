@@ -62,6 +62,10 @@ inline mem_FixedBlock* block_in(Tag* tag) {
     return static_cast<mem_FixedBlock*>(static_cast<void*>(tag + 1));
 }
 
+/// The first page of each class's list, which its index in the pool's m_firstBlock leads to as well:
+/// the common roads find it here without the table of pages. Null for none, and without a pool.
+extern KXM_HIDDEN mem_FixedBlock* first_page[blocks::class_count];
+
 struct Inspector;  // pool_walk.cpp
 struct Layout;     // mem_TBPool.cpp
 struct TestAccess; // of tests that begin with a fresh pool
@@ -131,16 +135,17 @@ private:
         return static_cast<mem_FixedBlock*>(m_blocks.Block(index));
     }
 
+    static void* TakeSlotQuick(std::size_t siz);
     void* TakeSlot(std::size_t siz);
     void* TakeSlotFull(std::size_t siz);
     void* TakeSlotLocked(std::size_t siz);
-    bool GiveSlotQuick(void* ptr);
+    static bool GiveSlotQuick(void* ptr);
     void GiveSlotFull(void* ptr);
     void GiveSlotLocked(void* ptr);
     void* AllocQuick(std::size_t siz, bool lock);
     void FreeQuick(void* ptr);
     void LinkAtHead(mem_FixedBlock* block, mem_RegionTypeEnm type, int index);
-    void LinkIfUnlisted(mem_FixedBlock* block, mem_RegionTypeEnm type);
+    static void LinkUnlisted(mem_FixedBlock* block);
     void GiveBackPage(mem_FixedBlock* block);
     void* ReallocLocked(void* ptr, std::size_t siz);
 

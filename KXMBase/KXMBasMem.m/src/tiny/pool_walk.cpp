@@ -86,8 +86,11 @@ struct Inspector {
     }
 
     void walk_list(int type) {
+        const int head = pool.m_firstBlock[type];
+        holds(first_page[type] == (is_index(head) ? pool.GetBlock(head) : nullptr),
+              "first page is not the list's head", head);
         int last = -1;
-        for (int i = pool.m_firstBlock[type]; i != -1; i = pool.GetBlock(i)->NextBlock()) {
+        for (int i = head; i != -1; i = pool.GetBlock(i)->NextBlock()) {
             if (!holds(is_index(i) && kind(i) == Kind::page, "list leads off the pages", i)) {
                 return;
             }
