@@ -9,6 +9,7 @@
 #include "mem_BoundFunctions.h"
 #include "mem_Interface.h"
 #include "mem_Mallinfo.h"
+#include "mem_TrackerC.h"
 
 #ifdef __cplusplus
 #include "KXMBasCallStack.h"
@@ -20,6 +21,16 @@
 #include "mem_AllocationOperatorsTiny.h"
 #include "mem_Allocator.h"
 #include "mem_DLAllocator.h"
+#include "mem_Debugger.h"
+#include "mem_PhaseBuffer.h"
+#include "mem_PhaseStack.h"
+#include "mem_PtrHash.h"
+#include "mem_StackHash.h"
+#include "mem_ThrLock.h"
+#include "mem_ThreadId.h"
+#include "mem_ToOs.h"
+#include "mem_Tracker.h"
+#include "mem_Tracker_Interface.h"
 #include "omi_SingletonBase.h"
 #endif
 

@@ -35,19 +35,6 @@ CachedUse s_useMalloc, s_useFree, s_useMalignFree, s_useRealloc, s_useCalloc, s_
 // Bytes; the highest that mem_MaxFootprint has met outside the heap.
 os::relaxed_word<std::uint64_t> s_maxFootprint = 0;
 
-// What to cache next. Once off, always off; "finished" is not kept longer than the one call.
-Use check_tracker(Use cached) {
-    switch (cached) {
-    case tracker_seam::on:
-        return tracker_seam::check_use_flag() == tracker_seam::on ? tracker_seam::on
-                                                                  : tracker_seam::off;
-    case tracker_seam::unknown:
-        return tracker_seam::check_use_flag();
-    default:
-        return tracker_seam::off;
-    }
-}
-
 // True when the entry's hook must run.
 inline bool gate(CachedUse& cached) {
     if (cached == tracker_seam::unknown) {
@@ -56,7 +43,7 @@ inline bool gate(CachedUse& cached) {
     if (cached == tracker_seam::off) {
         return false;
     }
-    cached = check_tracker(cached);
+    cached = mem_CheckTracker(cached);
     return cached == tracker_seam::on;
 }
 
@@ -75,6 +62,19 @@ inline bool is_tiny(const void* ptr) {
 }
 
 } // namespace
+
+// "Finished" is not kept longer than the one call.
+mem_Tracker::UseEnm mem_CheckTracker(mem_Tracker::UseEnm cached) {
+    switch (cached) {
+    case tracker_seam::on:
+        return tracker_seam::check_use_flag() == tracker_seam::on ? tracker_seam::on
+                                                                  : tracker_seam::off;
+    case tracker_seam::unknown:
+        return tracker_seam::check_use_flag();
+    default:
+        return tracker_seam::off;
+    }
+}
 
 void* mem_Malloc(size_t size) {
     void* const ptr =
