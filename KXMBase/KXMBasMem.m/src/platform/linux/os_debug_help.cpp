@@ -190,7 +190,7 @@ std::size_t widen(const char* text, unsigned short* wide, std::size_t capacity) 
 bool narrow(const unsigned short* wide, char* text, std::size_t capacity) {
     // Into a scratch first, for a text that does not fit must leave the old one.
     char scratch[max_narrow];
-    if (!utf8_of(wide, scratch, std::min(capacity, sizeof scratch), true)) {
+    if (!utf8_of(wide, scratch, std::min(capacity, sizeof scratch))) {
         return false;
     }
     std::memcpy(text, scratch, std::strlen(scratch) + 1);

@@ -20,7 +20,7 @@ File file_create(const char* name) {
 
 File file_create_wide(const unsigned short* name) {
     char narrow[PATH_MAX];
-    if (!utf8_of(name, narrow, sizeof narrow, true)) {
+    if (!utf8_of(name, narrow, sizeof narrow)) {
         errno = EILSEQ;
         return -1;
     }
