@@ -284,6 +284,7 @@ void names(const std::vector<std::string>& arguments) {
     if (recorded_fatal_errors() == 0 && arguments.size() > 1) {
         mem_Free(mem_Malloc(1));
         end_tracking();
+        say_fatal_errors();
     }
 }
 
