@@ -21,7 +21,8 @@ const char separator = static_cast<char>(std::filesystem::path::preferred_separa
 class Recorder : public testing::Test {
 protected:
     // Runs a command of the probe with tracking on, its files in a fresh folder.
-    test::ChildResult track(std::vector<std::string> arguments, Environment more = {}) {
+    test::ChildResult track(std::vector<std::string> arguments, Environment more = {},
+                            const char* program = "tracking_probe") {
         folder_ =
             test::scratch_folder(testing::UnitTest::GetInstance()->current_test_info()->name());
         Environment environment{{"KXA_MEM_TRACK", "0"}, // presence counts
@@ -30,8 +31,7 @@ protected:
                                 {"KXQ_DLALLOCATOR", std::nullopt},
                                 {"KXA_DEADBEEF", std::nullopt}};
         environment.insert(environment.end(), more.begin(), more.end());
-        return test::run_child(
-            {test::sibling_program("tracking_probe"), std::move(arguments), environment});
+        return test::run_child({test::sibling_program(program), std::move(arguments), environment});
     }
 
     std::string base() const { return folder_ + "unknownMemTrack"; }
@@ -364,6 +364,25 @@ TEST_F(Recorder, ServesPlainEntriesOnAndOff) {
     EXPECT_EQ(run.out, "active 0\nrequests 1\nenter 0\nexit 0\n" + last);
     EXPECT_EQ(run.err, "");
     EXPECT_TRUE(std::filesystem::is_empty(folder_));
+}
+
+TEST_F(Recorder, ServesFortran) {
+    const test::ChildResult run = track({}, {}, "fortran_phases"); // on the shared library
+    ASSERT_EQ(run.exit_code, 0) << run.err;
+    EXPECT_EQ(run.err,
+              "rank -1  --  ROOT->assembly  --  ENTER PHASE  --  Monitored TransID = 0 --  "
+              "threadId = 0\nfrom Fortran  --  Monitored TransId = 7\n"
+              "rank -1  --  ROOT->assembly  --  EXIT PHASE  -- Monitored TransID = 7 -- "
+              "threadId = 0\n");
+    const memtrack::PhaseTable phases(base(), notes_);
+    EXPECT_EQ(phases.path(4), "ROOT->assembly->element 3");
+    memtrack::History history;
+    for (const Transaction& t : transactions()) {
+        history.add(t);
+    }
+    EXPECT_EQ(history.events(), 7U);
+    EXPECT_EQ(history.held_bytes(), 3000U);
+    EXPECT_TRUE(notes_.empty());
 }
 
 TEST_F(Recorder, HasNoPhasesForTheSixtyFifthThread) {
