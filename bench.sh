@@ -9,8 +9,9 @@ no_arguments "$@"
 mkdir -p build
 need_build_packages
 need_packages libjemalloc2 libmimalloc2.0 libtcmalloc-minimal4 libtbbmalloc2 heaptrack valgrind
-build linux bench_interface bench_load bench_callstack bench_heap bench_tracking
-unset KXA_CALLSTACK_DEPTH KXA_DEADBEEF KXQ_DLALLOCATOR KXQ_CRTMALLOC KXQ_USE_ALIGNED_MEMORY KXA_MEM_TRACK KXA_MEM_OUTPUTDIR KXA_MEM_DBTRANS
+build linux bench_interface bench_load bench_callstack bench_heap bench_tiny bench_tracking
+unset KXA_CALLSTACK_DEPTH KXA_DEADBEEF KXQ_DLALLOCATOR KXQ_CRTMALLOC KXQ_USE_ALIGNED_MEMORY
+unset KXA_MEM_TRACK KXA_MEM_OUTPUTDIR KXA_MEM_DBTRANS
 echo
 build/linux/bin/bench_interface
 echo
@@ -19,5 +20,7 @@ echo
 build/linux/bin/bench_callstack
 echo
 build/linux/bin/bench_heap
+echo
+build/linux/bin/bench_tiny
 echo
 build/linux/bin/bench_tracking

@@ -40,6 +40,17 @@ for backend in crt guarded aligned heap; do
 done | awk '{ printf "%-8s %10d %15.1f %23.1f %9.2f %15.2f %%\n",
               $1, $2, $3 / 1048576, $4 / 1048576, $5, 100 * $6 }'
 
+echo
+echo "== the heap with and without its pool for blocks of at most 128 bytes"
+"$program" --backend heap --tiny-pool --quiet --json demo-output/beam-pool.json "$mesh"
+echo "pool   small requests   reading s   footprint after reading MiB"
+for pool in off on; do
+    file=demo-output/beam-heap.json
+    [ $pool = off ] || file=demo-output/beam-pool.json
+    printf '%s %s %s %s\n' $pool "$(figure $file small_requests)" "$(figure $file read_seconds)" \
+        "$(figure $file read_footprint_kib)"
+done | awk '{ printf "%-4s %16d %11.3f %29.2f\n", $1, $2, $3, $4 / 1024 }'
+
 # The same job with less memory than it wants, and what it may do about that.
 limited() {
     status=0

@@ -1,48 +1,19 @@
-// The heap beside other allocators, on work that a solver does. Each figure is taken in a process
-// of its own, so that no allocator meets another's leavings; the processes of a row take turns, and
-// a row tells each one's median and, beside it, the ratio to the heap with its defaults.
-//
-//   bench_heap [ROW-SUBSTRING]
-//   bench_heap --worker ROW ALLOCATOR      one figure, for the parent
-//
-// Peers are preloaded into their workers; our library is opened by its, which choose the heap by
-// the environment before. All are called through pointers alike.
-#include "measure.h"
+// The heap beside other allocators, on work that a solver does; see workers.h.
+#include "workers.h"
 
 #include <algorithm>
 #include <array>
 #include <atomic>
-#include <chrono>
-#include <cmath>
-#include <cstdint>
-#include <cstdio>
-#include <cstdlib>
-#include <cstring>
-#include <dlfcn.h>
-#include <fstream>
-#include <functional>
-#include <spawn.h>
-#include <string>
-#include <sys/mman.h>
-#include <sys/wait.h>
 #include <thread>
-#include <unistd.h>
-#include <vector>
-
-extern char** environ;
 
 namespace {
 
-constexpr std::size_t kib = 1024, mib = 1024 * kib;
+using namespace bench;
 
 // ---- Allocators
 // ----------------------------------------------------------------------------------
 
-struct Peer {
-    const char* name;
-    const char* preload; // null: the C runtime as it is, or our own library
-};
-constexpr Peer peers[] = {
+const std::vector<Peer> peers = {
     {"heap", nullptr},
     {"heap profile", nullptr},
     {"C runtime", nullptr},
@@ -52,22 +23,11 @@ constexpr Peer peers[] = {
     {"oneTBB", "libtbbmalloc_proxy.so.2"},
 };
 
-void* (*allocate)(std::size_t);
-void* (*resize)(void*, std::size_t);
-void (*release)(void*);
 int (*posix_align)(void**, std::size_t, std::size_t);
 
 void* allocate_aligned(std::size_t size) {
     void* block = nullptr;
     return posix_align(&block, 64, size) == 0 ? block : nullptr;
-}
-
-template <typename Function> void bind(Function*& slot, void* library, const char* name) {
-    slot = reinterpret_cast<Function*>(dlsym(library, name));
-    if (slot == nullptr) {
-        std::fprintf(stderr, "bench_heap: no %s: %s\n", name, dlerror());
-        std::exit(1);
-    }
 }
 
 // What docs/backends.md recommends for a solver that has its node to itself.
@@ -82,23 +42,13 @@ void apply_profile(void* library) {
 
 void open_allocator(const std::string& name, bool aligned) {
     if (name == "heap" || name == "heap profile") {
-        setenv("KXQ_DLALLOCATOR", "1", 1);
-        void* const library = dlopen(KXM_LIBRARY, RTLD_NOW | RTLD_LOCAL);
-        if (library == nullptr) {
-            std::fprintf(stderr, "bench_heap: %s\n", dlerror());
-            std::exit(1);
-        }
-        bind(allocate, library, "mem_Malloc");
-        bind(resize, library, "mem_Realloc");
-        bind(release, library, "mem_Free");
+        void* const library = open_heap(KXM_LIBRARY);
         if (name == "heap profile") {
             apply_profile(library);
         }
         return; // every block is aligned to 64 bytes
     }
-    bind(allocate, RTLD_DEFAULT, "malloc");
-    bind(resize, RTLD_DEFAULT, "realloc");
-    bind(release, RTLD_DEFAULT, "free");
+    open_peer();
     if (aligned) {
         bind(posix_align, RTLD_DEFAULT, "posix_memalign");
         allocate = allocate_aligned;
@@ -108,22 +58,6 @@ void open_allocator(const std::string& name, bool aligned) {
 // ---- Work
 // ----------------------------------------------------------------------------------------
 
-// Small, fast and the same for everybody.
-class Random {
-public:
-    explicit Random(std::uint64_t seed) : state_(seed * 2 + 1) {}
-    std::uint64_t next() {
-        state_ ^= state_ << 13;
-        state_ ^= state_ >> 7;
-        state_ ^= state_ << 17;
-        return state_;
-    }
-    std::size_t below(std::size_t bound) { return next() % bound; }
-
-private:
-    std::uint64_t state_;
-};
-
 std::vector<std::uint32_t> log_uniform(std::size_t count, double low, double high) {
     Random random(7);
     std::vector<std::uint32_t> sizes(count);
@@ -132,27 +66,6 @@ std::vector<std::uint32_t> log_uniform(std::size_t count, double low, double hig
         size = static_cast<std::uint32_t>(low * std::pow(high / low, u));
     }
     return sizes;
-}
-
-void touch(void* block, std::size_t size) {
-    auto* const bytes = static_cast<volatile char*>(block);
-    for (std::size_t i = 0; i < size; i += 4096) {
-        bytes[i] = 1;
-    }
-    bytes[size - 1] = 1;
-}
-
-// Runs `step` for about the time given and returns nanoseconds of one.
-double timed(const std::function<void(std::size_t)>& step, double ms = 40) {
-    step(1);
-    std::size_t count = 1;
-    double each = bench::nanoseconds(step, count);
-    while (each * static_cast<double>(count) < ms * 1e5 && count < (1U << 26)) {
-        count *= 4;
-        each = bench::nanoseconds(step, count);
-    }
-    count = std::max<std::size_t>(1, static_cast<std::size_t>(ms * 1e6 / each));
-    return bench::nanoseconds(step, count);
 }
 
 // Pairs of allocate and free, `depth` blocks held at once.
@@ -303,13 +216,6 @@ double freed_by_another(std::size_t count) {
         count);
 }
 
-std::size_t resident_bytes() {
-    std::ifstream file("/proc/self/statm");
-    std::size_t total = 0, resident = 0;
-    file >> total >> resident;
-    return resident * 4096;
-}
-
 // Resident over live bytes: after a working set has been replaced often, or after half was freed.
 double resident_ratio(bool free_half) {
     const std::vector<std::uint32_t> sizes = log_uniform(65536, 16, 4096);
@@ -346,19 +252,6 @@ double resident_ratio(bool free_half) {
 
 // ---- Rows
 // ----------------------------------------------------------------------------------------
-
-struct Row {
-    std::string name;
-    std::string unit;
-    bool aligned; // to 64 bytes for all; ours always is
-    std::function<double()> figure;
-};
-
-std::string size_text(std::size_t size) {
-    return size >= mib   ? std::to_string(size / mib) + " MiB"
-           : size >= kib ? std::to_string(size / kib) + " KiB"
-                         : std::to_string(size) + " B";
-}
 
 std::vector<Row> all_rows() {
     std::vector<Row> rows;
@@ -416,118 +309,12 @@ std::vector<Row> all_rows() {
     return rows;
 }
 
-// ---- Parent and workers
-// --------------------------------------------------------------------------
-
-// A page that the host has not backed yet costs milliseconds once: everybody's pages are touched
-// before anybody is timed.
-void warm_machine() {
-    constexpr std::size_t size = 512 * mib;
-    void* const memory =
-        mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-    if (memory != MAP_FAILED) {
-        madvise(memory, size, MADV_HUGEPAGE);
-        touch(memory, size);
-        munmap(memory, size);
-    }
-}
-
-double worker_figure(const char* program, const Row& row, const Peer& peer) {
-    int ends[2];
-    if (pipe(ends) != 0) {
-        std::exit(1);
-    }
-    std::vector<std::string> environment;
-    for (char** entry = environ; *entry != nullptr; ++entry) {
-        environment.emplace_back(*entry);
-    }
-    if (peer.preload != nullptr) {
-        environment.push_back(std::string("LD_PRELOAD=") + peer.preload);
-    }
-    std::vector<char*> pointers;
-    for (std::string& text : environment) {
-        pointers.push_back(text.data());
-    }
-    pointers.push_back(nullptr);
-    std::string self = program, mode = "--worker", row_name = row.name, peer_name = peer.name;
-    char* arguments[] = {self.data(), mode.data(), row_name.data(), peer_name.data(), nullptr};
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_adddup2(&actions, ends[1], 1);
-    pid_t child = 0;
-    const int error =
-        posix_spawn(&child, "/proc/self/exe", &actions, nullptr, arguments, pointers.data());
-    posix_spawn_file_actions_destroy(&actions);
-    close(ends[1]);
-    std::string text;
-    char buffer[128];
-    for (ssize_t got = 0; (got = read(ends[0], buffer, sizeof buffer)) > 0;) {
-        text.append(buffer, static_cast<std::size_t>(got));
-    }
-    close(ends[0]);
-    int status = 1;
-    if (error == 0) {
-        waitpid(child, &status, 0);
-    }
-    return status == 0 ? std::atof(text.c_str()) : NAN;
-}
-
-int work(const std::string& row_name, const std::string& peer_name) {
-    for (const Row& row : all_rows()) {
-        if (row.name == row_name) {
-            open_allocator(peer_name, row.aligned);
-            std::printf("%.6g\n", row.figure());
-            return 0;
-        }
-    }
-    return 2;
-}
-
-void print_row(const Row& row, const std::vector<double>& medians) {
-    std::printf("%-42s %-3s", row.name.c_str(), row.unit.c_str());
-    for (std::size_t i = 0; i < medians.size(); ++i) {
-        if (std::isnan(medians[i])) {
-            std::printf("%17s", "-");
-        } else {
-            std::printf("%10.3g (%4.2f)", medians[i], medians[i] / medians[0]);
-        }
-    }
-    std::puts("");
-    std::fflush(stdout);
-}
-
 } // namespace
 
 int main(int argc, char** argv) {
-    if (argc == 4 && std::strcmp(argv[1], "--worker") == 0) {
-        return work(argv[2], argv[3]);
-    }
-    const std::string wanted = argc > 1 ? argv[1] : "";
-    std::printf(
+    return run(
+        argc, argv,
         "Medians, and in brackets the ratio to the heap with its defaults (above 1: slower or "
-        "more)\n\n%-46s",
-        "");
-    for (const Peer& peer : peers) {
-        std::printf("%17s", peer.name);
-    }
-    std::puts("");
-    constexpr int repetitions = 7;
-    for (const Row& row : all_rows()) {
-        if (row.name.find(wanted) == std::string::npos) {
-            continue;
-        }
-        warm_machine();
-        std::vector<std::vector<double>> figures(std::size(peers));
-        for (int repetition = 0; repetition < repetitions; ++repetition) {
-            for (std::size_t i = 0; i < std::size(peers); ++i) {
-                figures[i].push_back(worker_figure(argv[0], row, peers[i]));
-            }
-        }
-        std::vector<double> medians;
-        for (const std::vector<double>& values : figures) {
-            medians.push_back(bench::median(values));
-        }
-        print_row(row, medians);
-    }
-    return 0;
+        "more)",
+        peers, all_rows(), open_allocator);
 }

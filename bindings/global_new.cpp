@@ -47,7 +47,7 @@ std::uintptr_t address(const void* ptr) {
 }
 
 // What lies in front of an unshifted block belongs to its allocator or to another block.
-KXM_NO_SANITIZE std::uint64_t word_before(const void* ptr) {
+KXM_NO_SANITIZE_INLINE inline std::uint64_t word_before(const void* ptr) {
     return static_cast<const volatile std::uint64_t*>(ptr)[-1];
 }
 

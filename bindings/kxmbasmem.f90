@@ -2,7 +2,7 @@
 ! c_f_pointer for use as an array. Blocks follow the rules of the C header: a block of mem_Malign is
 ! given back by mem_MalignFree, every other one by mem_Free.
 module kxmbasmem
-    use, intrinsic :: iso_c_binding, only: c_char, c_int, c_int64_t, c_ptr, c_size_t
+    use, intrinsic :: iso_c_binding, only: c_bool, c_char, c_int, c_int64_t, c_ptr, c_size_t
     implicit none
     private
 
@@ -12,6 +12,7 @@ module kxmbasmem
     public :: mem_trim, mem_mallopt, mem_footprint, mem_maxfootprint, mem_memorylimit
     public :: mem_fragmentationinfo, mem_errormemorylimit, mem_usingdl, mem_releasememorylock
     public :: mem_footprintfromresources, mem_maxfootprintfromresources, mem_dlmallinfo
+    public :: mem_tballocator, mem_tbthreadlock, newdeletetinyblock, mem_smallalloc, mem_smallfree
     public :: mem_tracker_enterphase, mem_tracker_exitphase, mem_tracker_printtransaction
     public :: mem_trackerc_currtransactionid
     public :: mem_aligned_malloc, mem_aligned_realloc, mem_aligned_free, mem_alignedalloc
@@ -150,6 +151,34 @@ module kxmbasmem
             bind(c, name="mem_TrackerC_CurrTransactionId")
             import :: c_int
         end function mem_trackerc_currtransactionid
+
+        ! The tiny block pool. Turned on with a mode other than 0, on the heap alone.
+        subroutine mem_tballocator(mode) bind(c, name="mem_TBAllocator")
+            import :: c_int
+            integer(c_int), value :: mode
+        end subroutine mem_tballocator
+
+        subroutine mem_tbthreadlock(on) bind(c, name="mem_TBThreadLock")
+            import :: c_bool
+            logical(c_bool), value :: on
+        end subroutine mem_tbthreadlock
+
+        subroutine newdeletetinyblock(on) bind(c, name="newDeleteTinyBlock")
+            import :: c_bool
+            logical(c_bool), value :: on
+        end subroutine newdeletetinyblock
+
+        ! A block of at most 128 bytes from the pool, on or off. Takes no lock.
+        type(c_ptr) function mem_smallalloc(size) bind(c, name="mem_smallalloc")
+            import :: c_int, c_ptr
+            integer(c_int), intent(in) :: size
+        end function mem_smallalloc
+
+        ! Gives such a block back and leaves c_null_ptr.
+        subroutine mem_smallfree(ptr) bind(c, name="mem_smallfree")
+            import :: c_ptr
+            type(c_ptr), intent(inout) :: ptr
+        end subroutine mem_smallfree
 
         ! The aligned back end. Fortran does not tell mem_malign from mem_Malign, so these carry
         ! names of their own here.

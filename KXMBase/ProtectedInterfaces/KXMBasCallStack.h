@@ -5,9 +5,9 @@
 // shown; nor are those two.
 //
 // A capture allocates 2000 bytes for the text from the C runtime and nothing else, and works when the
-// library's heap has failed or its lock is held. A fault inside it gives a null text. The buffers of a
-// capture are the process's; a second capture at the same time takes pages of its own for them, but
-// the debug help of Windows serves one thread at a time.
+// library's heap has failed or its lock is held. A fault inside it gives a null text. Any thread may
+// capture; the debug help of Windows serves one at a time, so there the others wait, for two seconds at
+// the most.
 #ifndef KXMBasCallStack_h
 #define KXMBasCallStack_h
 

@@ -65,7 +65,7 @@ class KXMBASMEM_API KXMBasErrorStack {
 public:
     static void Activate(); ///< from now on the allocator objects report here
     static void Deactivate();
-    static bool Active();   ///< false at start
+    static bool Active(); ///< false at start
 
     /// Keeps the text of a call stack, and with it one reading of the footprint. It replaces the
     /// text before, whose length narrows the room for it: after a text of 3000 characters the next

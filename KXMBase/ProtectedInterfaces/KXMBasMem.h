@@ -9,6 +9,7 @@
 #include "mem_BoundFunctions.h"
 #include "mem_Interface.h"
 #include "mem_Mallinfo.h"
+#include "mem_TinyBlocks.h"
 #include "mem_TrackerC.h"
 
 #ifdef __cplusplus

@@ -14,6 +14,7 @@ namespace elasticity {
 namespace {
 
 std::atomic<std::uint64_t> requests{0};
+std::atomic<std::uint64_t> small_requests{0};
 std::atomic<std::uint64_t> bytes_asked{0};
 std::atomic<std::uint64_t> live_bytes{0};
 std::atomic<std::uint64_t> peak_bytes{0};
@@ -52,6 +53,8 @@ void count_granted(std::size_t bytes) noexcept {
     if (bytes >= worth_a_look)
         mem_MaxFootprint();
     requests.fetch_add(1, relaxed);
+    if (bytes <= 128)
+        small_requests.fetch_add(1, relaxed);
     bytes_asked.fetch_add(bytes, relaxed);
     const std::uint64_t live = live_bytes.load(relaxed);
     std::uint64_t peak = peak_bytes.load(relaxed);
@@ -124,8 +127,8 @@ void release(void* block, std::size_t bytes) noexcept {
 }
 
 MemoryFigures memory_figures() noexcept {
-    return {requests.load(relaxed), bytes_asked.load(relaxed), live_bytes.load(relaxed),
-            peak_bytes.load(relaxed)};
+    return {requests.load(relaxed), small_requests.load(relaxed), bytes_asked.load(relaxed),
+            live_bytes.load(relaxed), peak_bytes.load(relaxed)};
 }
 
 Refusal last_refusal() noexcept {

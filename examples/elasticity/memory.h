@@ -22,12 +22,14 @@ namespace elasticity {
 /// library's own overhead.
 struct MemoryFigures {
     std::uint64_t requests = 0;
+    std::uint64_t small_requests = 0; // of at most 128 bytes, which the tiny block pool serves
     std::uint64_t bytes_asked = 0;
     std::uint64_t live_bytes = 0;
     std::uint64_t peak_bytes = 0;
 };
 
-/// Every block of every back end has at least this alignment; the guarded one has no more.
+/// Every block of every back end has at least this alignment; the guarded one has no more. Of the
+/// tiny block pool's blocks those of up to 4 bytes have 4, which is enough for what fits them.
 inline constexpr std::size_t guaranteed_alignment = 8;
 
 /// Returns a block of `bytes` bytes. Throws std::bad_alloc when the library refuses it.

@@ -104,6 +104,8 @@ constexpr Option table[] = {
     {"--json", "FILE", "write the figures of the run, one a line",
      [](Options& o, std::string_view v) { o.json = v; }},
     {"--backend", "NAME", "memory back end: crt, guarded, aligned or heap", set_backend},
+    {"--tiny-pool", "", "serve requests of at most 128 bytes from the heap's tiny block pool",
+     [](Options& o, std::string_view) { o.tiny_pool = true; }},
     {"--memory-limit", "MIB", "refuse memory above this many MiB",
      [](Options& o, std::string_view v) { o.memory_limit = mebibytes(v); }},
     {"--raise-limit", "MIB", "when refused, raise the limit up to this many MiB",

@@ -19,6 +19,7 @@ struct Options {
     std::size_t memory_limit = 0; // bytes, none when 0
     std::size_t raise_limit = 0;  // bytes up to which a refusal raises it; never when 0
     std::size_t reserve = 0;      // bytes held back until a refusal
+    bool tiny_pool = false;       // for requests of at most 128 bytes
     bool quiet = false;
     bool help = false;
     bool version = false;

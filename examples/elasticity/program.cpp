@@ -6,6 +6,8 @@
 #include "report.h"
 #include "rescue.h"
 
+#include <KXMBasMem.h>
+
 #include <cinttypes>
 #include <cstdio>
 #include <new>
@@ -24,6 +26,11 @@ int run_unguarded(int argc, char** argv) {
         return done;
     if (const std::optional<int> status = use_backend(options.backend, argv))
         return *status;
+    if (options.tiny_pool) {
+        if (mem_usingDL() == 0)
+            throw InputError({"--tiny-pool needs --backend heap"});
+        mem_TBAllocator(1);
+    }
     if (options.memory_limit != 0 && !set_memory_limit(options.memory_limit))
         throw InputError({"--memory-limit: the memory library does not take this limit"});
     prepare_rescue({options.memory_limit, options.raise_limit, options.reserve});

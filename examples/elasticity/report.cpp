@@ -62,10 +62,12 @@ void print_steps(const JobReport& report) {
     std::printf("%-10s %9.3f\n", "total", total);
 }
 
-void print_memory() {
+void print_memory(const Options& options) {
     const MemoryFigures figures = memory_figures();
     std::printf("\nmemory, back end %s\n", present_backend());
     std::printf("  requests of this program  %12" PRIu64 "\n", figures.requests);
+    std::printf("  of at most 128 bytes      %12" PRIu64 "%s\n", figures.small_requests,
+                options.tiny_pool ? ", from the tiny block pool" : "");
     std::printf("  asked for in all          %12.1f MiB\n",
                 mib(static_cast<double>(figures.bytes_asked)));
     std::printf("  held at most at once      %12.1f MiB\n",
@@ -134,6 +136,8 @@ void write_figures(JsonObject& json, const Options& options, const JobReport& re
     }
     const MemoryFigures figures = memory_figures();
     json.number("requests", figures.requests);
+    json.number("small_requests", figures.small_requests);
+    json.truth("tiny_pool", options.tiny_pool);
     json.number("asked_bytes", figures.bytes_asked);
     json.number("peak_held_bytes", figures.peak_bytes);
     json.number("footprint_kib", mem_Footprint());
@@ -147,7 +151,7 @@ void print_report(const Options& options, const JobReport& report) {
     print_mesh(report);
     print_solution(options, report);
     print_steps(report);
-    print_memory();
+    print_memory(options);
     if (std::fflush(stdout) != 0 || std::ferror(stdout))
         throw InputError({"standard output cannot be written"});
 }

@@ -1,14 +1,8 @@
 // Functions for a known stack: each calls back from another kind of code.
 #pragma once
 
-#if defined(_WIN32)
-#define FRAMES_API __declspec(dllexport)
-#else
-#define FRAMES_API __attribute__((visibility("default")))
-#endif
-
 extern "C" {
 using Callback = int (*)(int);
-FRAMES_API int frames_in_library(Callback callback, int value); // line 6 of frames_library.cpp
-int frames_in_fortran(Callback callback, int value);            // line 16 of frames_fortran.f90
+int frames_in_library(Callback callback, int value); // line 6 of frames_library.cpp
+int frames_in_fortran(Callback callback, int value); // line 16 of frames_fortran.f90
 }

@@ -1,7 +1,7 @@
 // The guarded call: every kind of fault, nested, in a handler, in several threads; and faults that are
 // none of its business. What ends a process runs in children, the routines that fail on purpose too.
 #include "child.h"
-#include "fault.h"
+#include "system.h"
 
 #include "platform/os.h"
 
@@ -145,7 +145,7 @@ TEST(DepthSetting, IsTheEnvironmentsUnlessItIsZero) {
 }
 
 TEST(LoadDBHELP, CutsUpThePathWhereItIsSearched) {
-    const bool searched = os::debug_help_places().in_path;
+    const bool searched = os::debug_help().in_path;
     EXPECT_EQ(probe("path").out, searched ? "loaded, cut\n" : "loaded, whole\n");
 }
 

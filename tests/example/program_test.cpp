@@ -194,6 +194,7 @@ TEST_F(Program, SurvivesRefusedMemory) {
     }
     EXPECT_EQ(run({"--raise-limit", "2", beam}).exit_code, 2);
     EXPECT_EQ(run({"--raise-limit", "2", "--memory-limit", "3", beam}).exit_code, 2);
+    EXPECT_EQ(run({"--tiny-pool", "--backend", "crt", beam}).exit_code, 2);
 }
 
 TEST_F(Program, HelpAndVersionSucceedWithoutAMesh) {

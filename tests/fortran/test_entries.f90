@@ -8,6 +8,7 @@ program test_entries
     call blocks_hold_arrays()
     call resizing_keeps_contents()
     call alignment_is_kept()
+    call small_blocks_are_packed()
     call refusal_is_null()
     call figures_answer()
     print '(a)', 'all Fortran checks passed'
@@ -79,6 +80,33 @@ contains
         call check(c_associated(block) .and. mod(address, 256_c_intptr_t) == 0, 'mem_alignedAlloc')
         call mem_aligned_free(block)
     end subroutine alignment_is_kept
+
+    subroutine small_blocks_are_packed()
+        integer, parameter :: count = 300
+        type(c_ptr) :: blocks(count)
+        real(c_double), pointer :: x(:)
+        integer(c_intptr_t) :: first, second
+        integer :: i
+
+        do i = 1, count
+            blocks(i) = mem_smallalloc(24)
+            call check(c_associated(blocks(i)), 'mem_smallalloc')
+            call c_f_pointer(blocks(i), x, [3])
+            x = real(i, c_double)
+        end do
+        first = transfer(blocks(1), first)
+        second = transfer(blocks(2), second)
+        call check(second - first == 32, 'slots stand side by side')
+        do i = 1, count
+            call c_f_pointer(blocks(i), x, [3])
+            call check(all(nint(x) == i), 'contents of a small block')
+            call mem_smallfree(blocks(i))
+            call check(.not. c_associated(blocks(i)), 'mem_smallfree clears the pointer')
+        end do
+        call mem_tballocator(1) ! stays off without the heap
+        call mem_tbthreadlock(.true._c_bool)
+        call newdeletetinyblock(.false._c_bool)
+    end subroutine small_blocks_are_packed
 
     subroutine refusal_is_null()
         call check(.not. c_associated(mem_malloc(huge(1_c_size_t) - 100_c_size_t)), 'refusal')

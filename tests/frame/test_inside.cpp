@@ -126,7 +126,7 @@ TEST(Entry, WorksForLoadAndUnloadAlone) {
 // on when that returns.
 TEST(FoundationLibrary, IsTheSolversOwnWhereThatIsFoundFirst) {
     const int before = recorded_fatal_errors();
-    EXPECT_EQ(tiny_seam::alloc(8), nullptr);
+    EXPECT_EQ(tiny_seam::alloc(129), nullptr);
     EXPECT_EQ(recorded_fatal_errors(), before + 1);
     EXPECT_EQ(std::string(recorded_fatal_text()).substr(0, 16), "AssertionFailed:");
 }

@@ -6,24 +6,12 @@
 #include <cstring>
 
 #include "heap_fixture.h"
+#include "history_reader.h"
 
 namespace test {
 namespace {
 
 constexpr std::size_t kib = 1024, mib = 1024 * kib;
-
-// The bytes of the history; zeros when it has ended.
-class Reader {
-public:
-    Reader(const std::uint8_t* data, std::size_t size) : at_(data), end_(data + size) {}
-    bool done() const { return at_ == end_; }
-    std::size_t byte() { return done() ? 0 : *at_++; }
-    std::size_t word() { return byte() | byte() << 8; }
-
-private:
-    const std::uint8_t* at_;
-    const std::uint8_t* end_;
-};
 
 struct Block {
     unsigned char* mem = nullptr;
@@ -319,7 +307,7 @@ private:
         reset_heap();
     }
 
-    Reader reader_;
+    HistoryReader reader_;
     SystemWatch watch_;
     std::array<Block, 64> blocks_{};
     std::string fault_;

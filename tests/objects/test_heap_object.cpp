@@ -33,13 +33,4 @@ TEST_F(Heap, ItsObjectTriesTwice) {
     requests([&] { return object.Memalign("tests", 4096, large); });
 }
 
-TEST_F(Heap, ItsObjectLeavesARefusalByTheLimitToBeAskedFor) {
-    mem_DLAllocator& object = allocator_objects::heap;
-    object.Free("tests", object.Malloc("tests", 1));
-    dlmallopt(-5, dlmalloc_footprint());
-    EXPECT_EQ(object.Malloc("tests", 10 << 20), nullptr);
-    EXPECT_EQ(error_memory_limit(), -1);
-    dlmallopt(-5, 0);
-}
-
 } // namespace

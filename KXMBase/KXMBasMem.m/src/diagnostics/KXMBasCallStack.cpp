@@ -7,10 +7,12 @@
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <cinttypes>
 #include <cstddef>
 #include <cstdlib>
 #include <cstring>
+#include <thread>
 
 #include "KXMBasMemDebug.h"
 #include "diagnostics/callstack_depth.h"
@@ -44,7 +46,9 @@ constexpr std::uint32_t max_symbol_name = 480;
 constexpr std::size_t text_slack = 3000;
 
 // What a capture works in. One set is the process's; a capture that finds it in use, by another thread
-// or by one that a handler interrupted, takes pages for another.
+// or by one that a handler interrupted, takes pages for another. Where the debug help serves one thread
+// at a time, and everywhere until that is set up, it waits for the other thread before, but not for ever:
+// that thread may have been stopped.
 struct Buffers {
     os::Context context;
     os::StackFrame frame;
@@ -56,16 +60,24 @@ struct Buffers {
 
 Buffers process_buffers;
 std::atomic_flag process_buffers_used = ATOMIC_FLAG_INIT;
+std::atomic<std::uint32_t> process_buffers_user{0};
+std::atomic<bool> engine_started{false};
+constexpr int most_waits = 2000; // of a millisecond
 
 class BufferUse {
 public:
-    BufferUse() : own_(!process_buffers_used.test_and_set(std::memory_order_acquire)) {
-        buffers_ =
-            own_ ? &process_buffers
-                 : static_cast<Buffers*>(os::vm_allocate(sizeof(Buffers), os::Placement::direct));
+    BufferUse() : own_(acquire()) {
+        if (own_) {
+            process_buffers_user.store(os::thread_id(), std::memory_order_relaxed);
+            buffers_ = &process_buffers;
+        } else {
+            buffers_ =
+                static_cast<Buffers*>(os::vm_allocate(sizeof(Buffers), os::Placement::direct));
+        }
     }
     ~BufferUse() {
         if (own_) {
+            process_buffers_user.store(0, std::memory_order_relaxed);
             process_buffers_used.clear(std::memory_order_release);
         } else if (buffers_ != nullptr) {
             os::vm_release(buffers_);
@@ -76,6 +88,21 @@ public:
     Buffers* get() const { return buffers_; }
 
 private:
+    static bool acquire() {
+        const bool alone =
+            os::debug_help().one_thread || !engine_started.load(std::memory_order_acquire);
+        for (int waits = alone ? most_waits : 0;; --waits) {
+            if (!process_buffers_used.test_and_set(std::memory_order_acquire)) {
+                return true;
+            }
+            if (waits == 0 ||
+                process_buffers_user.load(std::memory_order_relaxed) == os::thread_id()) {
+                return false;
+            }
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
+    }
+
     bool own_;
     Buffers* buffers_;
 };
@@ -142,6 +169,7 @@ public:
 private:
     void run() {
         KXMBasCallStack::InitSymbolEngine();
+        engine_started.store(KXMBasCallStack::s_SymInitialized, std::memory_order_release);
         if (start_ == Start::exception &&
             !os::context_of_exception(exception_pointers_, b_.context)) {
             return; // as reading the missing record would have faulted
@@ -407,7 +435,7 @@ private:
     std::size_t position_ = 0; // in the wide text
     std::size_t wide_converted_ = 0, narrow_converted_ = 0;
     bool outgrown_ = false;
-    std::int32_t count_ = 0;   // of frames
+    std::int32_t count_ = 0; // of frames
     bool walked_ = false;
     End end_ = End::fault;
 };

@@ -52,10 +52,9 @@ HINSTANCE KXMBasMemDebug::LoadDBHELP() {
     if (s_DBHELP != nullptr) {
         return s_DBHELP;
     }
-    const os::DebugHelpPlaces& places = os::debug_help_places();
-    os::Module module = places.in_path ? load_from_path(places.file_name) : nullptr;
-    for (const char* const* place = places.places; module == nullptr && *place != nullptr;
-         ++place) {
+    const os::DebugHelp& help = os::debug_help();
+    os::Module module = help.in_path ? load_from_path(help.file_name) : nullptr;
+    for (const char* const* place = help.places; module == nullptr && *place != nullptr; ++place) {
         module = os::module_load(*place);
     }
     if (module == nullptr) {

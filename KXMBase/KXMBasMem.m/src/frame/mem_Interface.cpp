@@ -58,7 +58,34 @@ inline bool is_tiny(const void* ptr) {
         return false;
     }
     const auto* const words = reinterpret_cast<const std::uint64_t*>(page);
-    return os::read_word_unchecked(words) == page && os::read_word_unchecked(words + 1) == tiny_tag;
+    return os::peek_word(words) == page && os::peek_word(words + 1) == tiny_tag;
+}
+
+KXM_ALWAYS_INLINE void* route_malloc(size_t size) {
+    return mem_tinyBlocksOn && size < tiny_limit ? tiny_seam::alloc(size) : mem_malloc(size);
+}
+
+KXM_NEVER_INLINE void* gated_malloc(size_t size) {
+    void* const ptr = route_malloc(size);
+    if (gate(s_useMalloc)) {
+        tracker_seam::malloc_call(ptr, size);
+    }
+    return ptr;
+}
+
+KXM_ALWAYS_INLINE void route_free(void* ptr) {
+    if (is_tiny(ptr)) {
+        tiny_seam::free(ptr);
+    } else {
+        mem_free(ptr);
+    }
+}
+
+KXM_NEVER_INLINE void gated_free(void* ptr) {
+    if (gate(s_useFree)) { // before the release, while the address is still owned
+        tracker_seam::free_call(ptr);
+    }
+    route_free(ptr);
 }
 
 } // namespace
@@ -77,12 +104,10 @@ mem_Tracker::UseEnm mem_CheckTracker(mem_Tracker::UseEnm cached) {
 }
 
 void* mem_Malloc(size_t size) {
-    void* const ptr =
-        mem_tinyBlocksOn && size < tiny_limit ? tiny_seam::alloc(size) : mem_malloc(size);
-    if (gate(s_useMalloc)) {
-        tracker_seam::malloc_call(ptr, size);
+    if (s_useMalloc == tracker_seam::off) [[likely]] {
+        return route_malloc(size); // off is for good, so the gate need not be asked behind it
     }
-    return ptr;
+    return gated_malloc(size);
 }
 
 void* mem_Malloc_Handled(size_t size) {
@@ -97,13 +122,10 @@ void* mem_Malloc_Handled(size_t size) {
 }
 
 void mem_Free(void* ptr) {
-    if (gate(s_useFree)) { // before the release, while the address is still owned
-        tracker_seam::free_call(ptr);
-    }
-    if (is_tiny(ptr)) {
-        tiny_seam::free(ptr);
+    if (s_useFree == tracker_seam::off) [[likely]] {
+        route_free(ptr);
     } else {
-        mem_free(ptr);
+        gated_free(ptr);
     }
 }
 

@@ -8,6 +8,6 @@ namespace tiny_seam {
 
 void* alloc(std::size_t size); ///< under the pool's lock, if that is on
 void* realloc(void* ptr, std::size_t size);
-void free(void* ptr);
+void free(void* ptr); ///< pre: its page has been seen to carry the pool's tag
 
 } // namespace tiny_seam

@@ -6,22 +6,12 @@
 
 namespace {
 
-// Several threads may make one; the first to publish wins, and the others close theirs.
 os::Event ensure_event(mem_mlock& lock) {
     for (;;) {
-        os::Event published = lock.event.load(std::memory_order_acquire);
-        if (published != nullptr) {
-            return published;
+        if (const os::Event event = mem_mlock_event(lock)) {
+            return event;
         }
-        const os::Event made = os::event_create();
-        if (made == nullptr) { // the system is out of them just now; without one nobody may go on
-            std::this_thread::yield();
-            continue;
-        }
-        if (lock.event.compare_exchange_strong(published, made, std::memory_order_acq_rel)) {
-            return made;
-        }
-        os::event_close(made);
+        std::this_thread::yield(); // the system is out of them; without one nobody may go on
     }
 }
 
@@ -29,9 +19,25 @@ os::Event ensure_event(mem_mlock& lock) {
 // the holder, which usually comes back at once, goes on at full speed meanwhile.
 constexpr int first_pauses = 64;
 constexpr int most_pauses = 512;
-constexpr int pauses_before_counting = 2048; // some microseconds: many times as long as one holds it
+constexpr int pauses_before_counting =
+    2048; // some microseconds: many times as long as one holds it
 
 } // namespace
+
+// Several threads may make one; the first to publish wins, and the others close theirs.
+os::Event mem_mlock_event(mem_mlock& lock) {
+    os::Event published = lock.event.load(std::memory_order_acquire);
+    if (published != nullptr) {
+        return published;
+    }
+    const os::Event made = os::event_create();
+    if (made == nullptr ||
+        lock.event.compare_exchange_strong(published, made, std::memory_order_acq_rel)) {
+        return made;
+    }
+    os::event_close(made);
+    return published;
+}
 
 void mem_mlock_let_pass(const mem_mlock& lock) {
     int pauses = first_pauses;

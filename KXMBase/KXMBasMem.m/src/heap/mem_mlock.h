@@ -37,6 +37,9 @@ inline std::int32_t mem_mlock_add(mem_mlock& lock, std::int32_t change) {
     return lock.count.fetch_add(change, std::memory_order_acq_rel) + change;
 }
 
+/// The lock's event, made if there is none yet; null when the system refuses one.
+os::Event mem_mlock_event(mem_mlock& lock);
+
 void mem_mlock_wait(mem_mlock& lock); ///< for one wake-up
 void mem_mlock_wake(mem_mlock& lock); ///< gives one wake-up
 
@@ -47,7 +50,7 @@ void mem_mlock_let_pass(const mem_mlock& lock);
 
 /// Takes the lock, waiting as long as it must. Always succeeds, which the true says.
 inline bool mem_mlock_acquire(mem_mlock& lock) {
-    if (lock.count.load(std::memory_order_relaxed) > 0) [[unlikely]] {
+    if (!os::single_threaded() && lock.count.load(std::memory_order_relaxed) > 0) [[unlikely]] {
         mem_mlock_let_pass(lock);
     }
     if (mem_mlock_add(lock, 1) >= 2) [[unlikely]] {

@@ -10,9 +10,12 @@
 #endif
 
 /// For the few functions whose required behaviour is to read memory that a checker would object to.
+/// A checked build never inlines them into what it checks. The first may be inlined elsewhere.
 #if defined(__GNUC__)
-#define KXM_NO_SANITIZE __attribute__((noinline, no_sanitize("address", "thread", "undefined")))
+#define KXM_NO_SANITIZE_INLINE __attribute__((no_sanitize("address", "thread", "undefined")))
+#define KXM_NO_SANITIZE __attribute__((noinline)) KXM_NO_SANITIZE_INLINE
 #else
+#define KXM_NO_SANITIZE_INLINE
 #define KXM_NO_SANITIZE __declspec(noinline)
 #endif
 
@@ -40,6 +43,17 @@
 #define KXM_NEVER_INLINE __declspec(noinline)
 #endif
 
+/// Around static_asserts on the layout of a class with virtual functions, which every compiler here
+/// lays out as such asserts expect and some warn about.
+#if defined(__GNUC__)
+#define KXM_LAYOUT_CHECKS_BEGIN                                                                    \
+    _Pragma("GCC diagnostic push") _Pragma("GCC diagnostic ignored \"-Winvalid-offsetof\"")
+#define KXM_LAYOUT_CHECKS_END _Pragma("GCC diagnostic pop")
+#else
+#define KXM_LAYOUT_CHECKS_BEGIN
+#define KXM_LAYOUT_CHECKS_END
+#endif
+
 namespace os {
 
 /// For the body of a loop that waits for another thread for a short while.
@@ -58,6 +72,21 @@ void copy_unchecked(void* target, const void* source, std::size_t size);
 /// The 64-bit word at `address`, read without asking whether it belongs to a live object.
 /// pre: the address is mapped and a multiple of 8.
 std::uint64_t read_word_unchecked(const void* address);
+
+/// The same for hot code: one instruction in place, which no checker instruments, so that neither
+/// does it matter whether another thread writes the word.
+inline std::uint64_t peek_word(const void* address) {
+#if defined(__GNUC__)
+    struct KXM_MAY_ALIAS Word {
+        std::uint64_t value;
+    };
+    std::uint64_t value = 0;
+    __asm__("movq %1, %0" : "=r"(value) : "m"(*static_cast<const Word*>(address)));
+    return value;
+#else
+    return *static_cast<const volatile std::uint64_t*>(address);
+#endif
+}
 
 /// "class " and the name of a type as its programmer wrote it, cut to `capacity` with its NUL.
 /// Compilers that keep the name in another form keep it as it is when memory is short.

@@ -86,8 +86,8 @@ void* vm_reserve(std::size_t size);
 /// when nobody waits yet. Null from event_create means that the system refused.
 using Event = void*;
 Event event_create();
-void event_wait(Event event);
-void event_set(Event event);
+bool event_wait(Event event); ///< false when the system refused, or there is no event
+bool event_set(Event event);  ///< likewise
 void event_close(Event event); ///< pre: nobody waits
 
 /// A recursive lock owned by a thread. Lives where the caller puts it; init before use.
@@ -204,13 +204,14 @@ Module module_load(const char* file_name); ///< null when there is no such modul
 void* module_symbol(Module module, const char* name);
 
 /// Where the debug-help library is sought: in the folders of PATH if `in_path`, then under each of
-/// `places`, whose end is marked by null.
-struct DebugHelpPlaces {
+/// `places`, whose end is marked by null. And whether its functions serve one thread at a time.
+struct DebugHelp {
     const char* file_name;
     bool in_path;
     const char* const* places;
+    bool one_thread;
 };
-const DebugHelpPlaces& debug_help_places();
+const DebugHelp& debug_help();
 
 void* current_process(); ///< as the functions of the debug help take it
 void* current_thread();

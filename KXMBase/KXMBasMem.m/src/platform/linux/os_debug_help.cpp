@@ -141,13 +141,13 @@ template <class Function> void* place_of(Function* function) {
 char own_module; // what both modules' names load
 
 constexpr const char* well_known[] = {"dbghelp.dll", nullptr};
-constexpr DebugHelpPlaces places{"dbghelp.dll", false, well_known};
+constexpr DebugHelp help{"dbghelp.dll", false, well_known, false};
 
 } // namespace
 
 Module module_load(const char* file_name) {
     const bool known =
-        std::strcmp(file_name, places.file_name) == 0 || std::strcmp(file_name, "PSAPI.DLL") == 0;
+        std::strcmp(file_name, help.file_name) == 0 || std::strcmp(file_name, "PSAPI.DLL") == 0;
     return known ? &own_module : nullptr;
 }
 
@@ -171,8 +171,8 @@ void* module_symbol(Module module, const char* name) {
     return nullptr;
 }
 
-const DebugHelpPlaces& debug_help_places() {
-    return places;
+const DebugHelp& debug_help() {
+    return help;
 }
 
 void* current_process() {

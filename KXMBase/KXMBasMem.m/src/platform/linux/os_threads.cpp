@@ -57,13 +57,16 @@ Event event_create() {
     return place == MAP_FAILED ? nullptr : new (place) EventWord{0};
 }
 
-void event_wait(Event event) {
+bool event_wait(Event event) {
+    if (event == nullptr) {
+        return false;
+    }
     EventWord& word = *static_cast<EventWord*>(event);
     std::uint32_t state = 0;
     for (int spin = 0; spin < spins_before_sleep; ++spin) {
         state = word.load(std::memory_order_relaxed);
         if (take_permit(word, state, 0)) {
-            return;
+            return true;
         }
         __builtin_ia32_pause();
     }
@@ -72,9 +75,13 @@ void event_wait(Event event) {
         futex(&word, FUTEX_WAIT_PRIVATE, state);
         state = word.load(std::memory_order_relaxed);
     }
+    return true;
 }
 
-void event_set(Event event) {
+bool event_set(Event event) {
+    if (event == nullptr) {
+        return false;
+    }
     EventWord& word = *static_cast<EventWord*>(event);
     std::uint32_t state = word.load(std::memory_order_relaxed);
     std::uint32_t next = 0;
@@ -88,6 +95,7 @@ void event_set(Event event) {
     if (waiters != 0) { // who still spins finds the permission by itself
         futex(&word, FUTEX_WAKE_PRIVATE, 1);
     }
+    return true;
 }
 
 void event_close(Event event) {

@@ -10,7 +10,7 @@
 
 #include <cstring>
 #include <dlfcn.h>
-#include <gnu/libc-version.h>
+#include <initializer_list>
 #include <link.h>
 #include <new>
 #include <ucontext.h>
@@ -103,25 +103,42 @@ struct Step {
     int seen = 0;
     bool found = false;
     bool bottom = false;
+    bool left_runtime = false; // once, among what follows the caller
 };
 
-// Frames below the runtime's start of a thread: the kernel's entry, and before main one more.
-constexpr int below_start = 2;
+// The most frames below the start of a thread's own code: the language's, the C library's, the kernel's
+// entry.
+constexpr int most_below = 3;
 
-// The C library and the loader: what a thread starts in.
+// The objects that a thread starts in.
 bool in_runtime(std::uint64_t address) {
-    dl_find_object here, library, loader;
-    const auto find = [](const void* p, dl_find_object& result) {
-        return _dl_find_object(const_cast<void*>(p), &result) == 0;
-    };
-    const auto at = [](auto* function) { return reinterpret_cast<const void*>(function); };
-    return find(reinterpret_cast<const void*>(address), here) &&
-           ((find(at(gnu_get_libc_version), library) &&
-             here.dlfo_map_start == library.dlfo_map_start) ||
-            (find(at(_dl_find_object), loader) && here.dlfo_map_start == loader.dlfo_map_start));
+    dl_find_object object;
+    if (_dl_find_object(reinterpret_cast<void*>(address), &object) != 0) {
+        return false;
+    }
+    const char* const path = object.dlfo_link_map->l_name;
+    const char* const slash = std::strrchr(path, '/');
+    const char* const name = slash != nullptr ? slash + 1 : path;
+    for (const char* const runtime :
+         {"libc.so.", "ld-linux", "libstdc++.so.", "libgomp.so.", "libasan.so.", "libtsan.so."}) {
+        if (std::strncmp(name, runtime, std::strlen(runtime)) == 0) {
+            return true;
+        }
+    }
+    return false;
 }
 
-// KXM_NO_SANITIZE: a damaged stack may lead the unwinder anywhere, which the guard is for.
+// A frame in the runtime is where the thread starts if the stack ends soon below it, with frames in the
+// runtime alone; but the last one, before main, is the program's.
+_Unwind_Reason_Code look_below(Step& step, int below, std::uint64_t instruction) {
+    step.bottom = instruction == 0;
+    if (step.bottom || step.left_runtime || below > most_below) {
+        return _URC_END_OF_STACK;
+    }
+    step.left_runtime = !in_runtime(instruction - 1);
+    return _URC_NO_REASON;
+}
+
 _Unwind_Reason_Code on_frame(_Unwind_Context* context, void* argument) {
     Step& step = *static_cast<Step*>(argument);
     const int index = step.seen++;
@@ -131,8 +148,7 @@ _Unwind_Reason_Code on_frame(_Unwind_Context* context, void* argument) {
     int exact = 0;
     const std::uint64_t instruction = _Unwind_GetIPInfo(context, &exact);
     if (index > 2) {
-        step.bottom = instruction == 0;
-        return step.bottom || index == 2 + 1 + below_start ? _URC_END_OF_STACK : _URC_NO_REASON;
+        return look_below(step, index - 2, instruction);
     }
     if (instruction == 0) {
         return _URC_END_OF_STACK;
@@ -148,7 +164,7 @@ _Unwind_Reason_Code on_frame(_Unwind_Context* context, void* argument) {
     caller.word[Registers::rsp] = _Unwind_GetCFA(context);
     caller.word[Registers::rip] = instruction;
     caller.exact = exact != 0;
-    std::memcpy(&registers, &caller, sizeof caller);
+    registers = caller;
     return in_runtime(code_address(caller)) ? _URC_NO_REASON : _URC_END_OF_STACK;
 }
 

@@ -1,8 +1,9 @@
 // See symbols.h. GCC's libbacktrace reads the debug information; it maps pages and allocates nothing.
 //
-// It learns which libraries are loaded when it is first asked, so after a library came or went there
-// may be a reader more: a newer one is made when an address stays unknown, or at once when libraries
-// have gone. A reader cannot be given back; each costs the pages of what it has read.
+// It learns which objects (the program and its libraries) are loaded when it is first asked. So each
+// reader has a list of the objects that it knows, and for an address in another one, as a library that
+// was loaded later, a new reader is made. A reader cannot be given back, and costs the pages of what it
+// has read, so there are no more than a few; after that such addresses are named by their place.
 //
 // A look-up takes some 10 microseconds once the information is read, a demangling as much. Both repeat
 // for each capture, so what was found is kept by address in a table of pages of our own. Who finds the
@@ -30,28 +31,53 @@ namespace {
 
 // ---- Readers
 
-struct Generation {
-    unsigned long long loaded, unloaded;
-    bool operator==(const Generation& other) const = default;
-};
-
-Generation generation_now() {
-    Generation now{};
-    dl_iterate_phdr(
-        [](dl_phdr_info* information, std::size_t, void* argument) {
-            *static_cast<Generation*>(argument) = {information->dlpi_adds, information->dlpi_subs};
-            return 1;
-        },
-        &now);
-    return now;
+// What tells an object from any other that is or was loaded: its place and name. 0: none.
+std::uint64_t object_at(std::uint64_t address) {
+    dl_find_object object;
+    if (_dl_find_object(reinterpret_cast<void*>(address), &object) != 0) {
+        return 0;
+    }
+    constexpr std::uint64_t prime = 0x100000001b3;
+    std::uint64_t hash = 0xcbf29ce484222325;
+    hash = (hash ^ reinterpret_cast<std::uintptr_t>(object.dlfo_map_start)) * prime;
+    hash = (hash ^ reinterpret_cast<std::uintptr_t>(object.dlfo_map_end)) * prime;
+    for (const char* name = object.dlfo_link_map->l_name; *name != '\0'; ++name) {
+        hash = (hash ^ static_cast<unsigned char>(*name)) * prime;
+    }
+    return hash | 1;
 }
 
 struct Reader {
+    static constexpr std::size_t most_objects = 2000;
     backtrace_state* state;
-    Generation generation;
+    std::size_t count;
+    std::uint64_t objects[most_objects];
+
+    bool knows(std::uint64_t object) const {
+        for (std::size_t i = 0; i < count; ++i) {
+            if (objects[i] == object) {
+                return true;
+            }
+        }
+        return false;
+    }
 };
 
+constexpr int most_readers = 16;
+std::atomic<int> readers{0};
 std::atomic<Reader*> newest{nullptr};
+
+int list_object(dl_phdr_info* information, std::size_t, void* argument) {
+    Reader& reader = *static_cast<Reader*>(argument);
+    for (int i = 0; i < information->dlpi_phnum; ++i) {
+        const ElfW(Phdr)& part = information->dlpi_phdr[i];
+        if (part.p_type == PT_LOAD && reader.count < Reader::most_objects) {
+            reader.objects[reader.count++] = object_at(information->dlpi_addr + part.p_vaddr);
+            break;
+        }
+    }
+    return 0;
+}
 
 void no_message(void*, const char*, int) {}
 
@@ -61,19 +87,22 @@ void* pages(std::size_t bytes) {
     return memory != MAP_FAILED ? memory : nullptr;
 }
 
-Reader* make_reader(const Generation& generation) {
-    auto* const reader = static_cast<Reader*>(pages(sizeof(Reader)));
-    if (reader == nullptr) {
-        return nullptr;
+Reader* make_reader() {
+    Reader* reader = nullptr;
+    if (readers.fetch_add(1, std::memory_order_relaxed) < most_readers) {
+        reader = static_cast<Reader*>(pages(sizeof(Reader)));
     }
-    reader->generation = generation;
-    reader->state = backtrace_create_state(nullptr, 1, no_message, nullptr);
-    if (reader->state == nullptr) {
+    if (reader != nullptr) {
+        dl_iterate_phdr(list_object, reader);
+        reader->state = backtrace_create_state(nullptr, 1, no_message, nullptr);
+        if (reader->state != nullptr) {
+            newest.store(reader, std::memory_order_release);
+            return reader;
+        }
         munmap(reader, sizeof(Reader));
-        return nullptr;
     }
-    newest.store(reader, std::memory_order_release);
-    return reader;
+    readers.fetch_sub(1, std::memory_order_relaxed);
+    return nullptr;
 }
 
 // ---- One look-up
@@ -182,21 +211,13 @@ bool is_thread_start(std::uint64_t address) {
     return false;
 }
 
-void resolve(std::uint64_t address, const Generation& generation, CodeSymbol& symbol) {
+void resolve(std::uint64_t address, std::uint64_t object, CodeSymbol& symbol) {
     symbol = {};
     Reader* reader = newest.load(std::memory_order_acquire);
-    if (reader == nullptr || reader->generation.unloaded != generation.unloaded) {
-        reader = make_reader(generation);
+    if (reader == nullptr || !reader->knows(object)) {
+        reader = make_reader();
     }
-    Found found;
-    if (reader != nullptr) {
-        found = look_up(reader->state, address);
-        if (found.function == nullptr && found.file == nullptr &&
-            reader->generation != generation) {
-            reader = make_reader(generation);
-            found = reader != nullptr ? look_up(reader->state, address) : Found{};
-        }
-    }
+    const Found found = reader != nullptr ? look_up(reader->state, address) : Found{};
     symbol.file = found.file;
     symbol.line = static_cast<std::uint32_t>(found.line);
     // The names under which the walk's reader knows the ends of stacks and the handler's frame.
@@ -217,11 +238,11 @@ struct Table {
     static constexpr std::size_t slots = 4096, most = slots / 2, text_bytes = 256 * 1024;
     struct Entry {
         std::uint64_t address; ///< 0: empty
+        std::uint64_t object;  ///< that the address was in
         const char* name;      ///< in `text`
         const char* file;
         std::uint32_t line;
     };
-    unsigned long long unloaded;
     std::size_t used, text_used;
     Entry entries[slots];
     char text[text_bytes];
@@ -246,14 +267,9 @@ Table* table = nullptr; // by the user of table_in_use
 
 class TableUse {
 public:
-    explicit TableUse(const Generation& generation)
-        : held_(!table_in_use.test_and_set(std::memory_order_acquire)) {
+    TableUse() : held_(!table_in_use.test_and_set(std::memory_order_acquire)) {
         if (held_ && table == nullptr) {
             table = static_cast<Table*>(pages(sizeof(Table)));
-        }
-        if (held_ && table != nullptr && table->unloaded != generation.unloaded) {
-            table->forget();
-            table->unloaded = generation.unloaded;
         }
     }
     ~TableUse() {
@@ -269,13 +285,13 @@ private:
     bool held_;
 };
 
-bool find(std::uint64_t address, const Generation& generation, CodeSymbol& symbol) {
-    const TableUse use(generation);
+bool find(std::uint64_t address, std::uint64_t object, CodeSymbol& symbol) {
+    const TableUse use;
     if (use.get() == nullptr) {
         return false;
     }
     const Table::Entry& entry = use.get()->slot_of(address);
-    if (entry.address == 0) {
+    if (entry.address == 0 || entry.object != object) {
         return false;
     }
     copy_symbol(entry.name, symbol.name, sizeof symbol.name);
@@ -284,8 +300,8 @@ bool find(std::uint64_t address, const Generation& generation, CodeSymbol& symbo
     return true;
 }
 
-void keep(std::uint64_t address, const Generation& generation, const CodeSymbol& symbol) {
-    const TableUse use(generation);
+void keep(std::uint64_t address, std::uint64_t object, const CodeSymbol& symbol) {
+    const TableUse use;
     Table* const to = use.get();
     if (to == nullptr) {
         return;
@@ -294,21 +310,18 @@ void keep(std::uint64_t address, const Generation& generation, const CodeSymbol&
     if (to->used >= Table::most || to->text_used + bytes > Table::text_bytes) {
         to->forget();
     }
-    Table::Entry& entry = to->slot_of(address);
-    if (entry.address == 0) {
-        char* const name = to->text + to->text_used;
-        std::memcpy(name, symbol.name, bytes);
-        to->text_used += bytes;
-        ++to->used;
-        entry = {address, name, symbol.file, symbol.line};
-    }
+    Table::Entry& entry = to->slot_of(address); // empty, or of an object that is gone
+    to->used += entry.address == 0 ? 1 : 0;
+    char* const name = to->text + to->text_used;
+    std::memcpy(name, symbol.name, bytes);
+    to->text_used += bytes;
+    entry = {address, object, name, symbol.file, symbol.line};
 }
 
 } // namespace
 
 bool symbols_start() {
-    return newest.load(std::memory_order_acquire) != nullptr ||
-           make_reader(generation_now()) != nullptr;
+    return newest.load(std::memory_order_acquire) != nullptr || make_reader() != nullptr;
 }
 
 void symbol_at(std::uint64_t address, CodeSymbol& symbol) {
@@ -317,10 +330,10 @@ void symbol_at(std::uint64_t address, CodeSymbol& symbol) {
         copy_symbol("endthreadex", symbol.name, sizeof symbol.name);
         return;
     }
-    const Generation generation = generation_now();
-    if (!find(address, generation, symbol)) {
-        resolve(address, generation, symbol);
-        keep(address, generation, symbol);
+    const std::uint64_t object = object_at(address);
+    if (!find(address, object, symbol)) {
+        resolve(address, object, symbol);
+        keep(address, object, symbol);
     }
 }
 

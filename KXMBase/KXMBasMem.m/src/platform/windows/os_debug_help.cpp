@@ -41,7 +41,7 @@ constexpr const char* well_known[] = {
     R"(C:\Windows\system32\dbghelp.dll)",
     nullptr,
 };
-constexpr DebugHelpPlaces places{"dbghelp.dll", true, well_known};
+constexpr DebugHelp help{"dbghelp.dll", true, well_known, true};
 
 // The system tells a frame's stack pointer as its frame. Wine tells the frame pointer instead, which
 // code that is built without one uses for anything, 0 among it; 0 means to a caller that the walk has
@@ -61,6 +61,34 @@ BOOL walk_with_frame(DWORD machine, HANDLE process, HANDLE thread, STACKFRAME64*
     return walked;
 }
 
+// The debug help knows the modules that were loaded when it was set up; of a later one it is told when
+// an address in it comes up.
+std::atomic<decltype(&::SymGetModuleBase64)> system_module_base{nullptr};
+std::atomic<decltype(&::SymLoadModule64)> system_load_module{nullptr}; // may be missing
+
+DWORD64 module_base_loaded(HANDLE process, DWORD64 address) {
+    const auto module_base = system_module_base.load(std::memory_order_relaxed);
+    const auto load_module = system_load_module.load(std::memory_order_relaxed);
+    const DWORD64 base = module_base(process, address);
+    HMODULE module = nullptr;
+    char path[MAX_PATH];
+    constexpr DWORD by_address =
+        GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS | GET_MODULE_HANDLE_EX_FLAG_UNCHANGED_REFCOUNT;
+    if (base != 0 || load_module == nullptr ||
+        GetModuleHandleExA(by_address, reinterpret_cast<const char*>(address), &module) == 0 ||
+        GetModuleFileNameA(module, path, sizeof path) == 0) {
+        return base;
+    }
+    load_module(process, nullptr, path, nullptr, reinterpret_cast<DWORD64>(module), 0);
+    return module_base(process, address);
+}
+
+template <class Function> Function function_of(Module module, const char* name) {
+    // By way of a type that fits every function.
+    return reinterpret_cast<Function>(
+        reinterpret_cast<void*>(GetProcAddress(static_cast<HMODULE>(module), name)));
+}
+
 } // namespace
 
 Module module_load(const char* file_name) {
@@ -68,17 +96,21 @@ Module module_load(const char* file_name) {
 }
 
 void* module_symbol(Module module, const char* name) {
-    const FARPROC function = GetProcAddress(static_cast<HMODULE>(module), name);
+    void* const function = function_of<void*>(module, name);
     if (function != nullptr && std::strcmp(name, "StackWalk64") == 0) {
-        system_walk = reinterpret_cast<decltype(&::StackWalk64)>(
-            reinterpret_cast<void*>(function)); // by way of a type that fits every function
+        system_walk = reinterpret_cast<decltype(&::StackWalk64)>(function);
         return reinterpret_cast<void*>(&walk_with_frame);
     }
-    return reinterpret_cast<void*>(function);
+    if (function != nullptr && std::strcmp(name, "SymGetModuleBase64") == 0) {
+        system_load_module = function_of<decltype(&::SymLoadModule64)>(module, "SymLoadModule64");
+        system_module_base = reinterpret_cast<decltype(&::SymGetModuleBase64)>(function);
+        return reinterpret_cast<void*>(&module_base_loaded);
+    }
+    return function;
 }
 
-const DebugHelpPlaces& debug_help_places() {
-    return places;
+const DebugHelp& debug_help() {
+    return help;
 }
 
 void* current_process() {

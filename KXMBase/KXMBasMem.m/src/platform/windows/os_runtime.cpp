@@ -58,12 +58,15 @@ bool runtime_heap(RuntimeHeap& figures) {
                 return true;
             }
             low = region.allocation_base;
-            high = low;
-            while (vm_query(reinterpret_cast<const void*>(high), region) &&
-                   region.allocation_base == low && region.state != state_free) {
+            for (high = low;; high = region.base + region.size) {
+                if (!vm_query(reinterpret_cast<const void*>(high), region)) {
+                    return true; // a failing query ends the whole walk
+                }
+                if (region.allocation_base != low || region.state == state_free) {
+                    break;
+                }
                 (region.state == state_reserve ? figures.reserved : figures.committed) +=
                     region.size;
-                high = region.base + region.size;
             }
         }
         (entry._useflag == _USEDENTRY ? figures.used : figures.free) += entry._size;

@@ -18,12 +18,12 @@ Event event_create() {
     return CreateEventW(nullptr, FALSE, FALSE, nullptr);
 }
 
-void event_wait(Event event) {
-    WaitForSingleObject(event, INFINITE);
+bool event_wait(Event event) {
+    return WaitForSingleObject(event, INFINITE) == WAIT_OBJECT_0;
 }
 
-void event_set(Event event) {
-    SetEvent(event);
+bool event_set(Event event) {
+    return SetEvent(event) != 0;
 }
 
 void event_close(Event event) {

@@ -1,5 +1,7 @@
-// See fault.h.
-#include "fault.h"
+// See system.h.
+#include "system.h"
+
+#include "child.h"
 
 #include "platform/os.h"
 
@@ -40,6 +42,18 @@ void set_position(void* exception_pointers, std::uint64_t instruction, std::uint
     CONTEXT& context = *static_cast<EXCEPTION_POINTERS*>(exception_pointers)->ContextRecord;
     context.Rip = instruction;
     context.Rsp = context.Rbp = stack;
+}
+
+void* load_library(const char* name) {
+    return LoadLibraryA((program_folder() + name + ".dll").c_str());
+}
+
+void* library_function(void* library, const char* name) {
+    return reinterpret_cast<void*>(GetProcAddress(static_cast<HMODULE>(library), name));
+}
+
+void unload_library(void* library) {
+    FreeLibrary(static_cast<HMODULE>(library));
 }
 
 } // namespace test
