@@ -86,8 +86,8 @@ void* vm_reserve(std::size_t size);
 /// when nobody waits yet. Null from event_create means that the system refused.
 using Event = void*;
 Event event_create();
-bool event_wait(Event event); ///< false when the system refused, or there is no event
-bool event_set(Event event);  ///< likewise
+bool event_wait(Event event);  ///< false when the system refused, or there is no event
+bool event_set(Event event);   ///< likewise
 void event_close(Event event); ///< pre: nobody waits
 
 /// A recursive lock owned by a thread. Lives where the caller puts it; init before use.
