@@ -61,6 +61,17 @@ History replay(TransactionReader& reader) {
     return history;
 }
 
+// A second pass, as far as the peak.
+History replay_to_peak(const std::string& base, const Peak& peak) {
+    Notes told_before;
+    TransactionReader reader(base, told_before);
+    History history;
+    for (Transaction event; history.peak().bytes < peak.bytes && reader.next(event);) {
+        history.add(event);
+    }
+    return history;
+}
+
 void print_by_phase(const History& history, const PhaseTable& phases) {
     struct Sum {
         std::uint64_t bytes = 0, blocks = 0;
@@ -116,7 +127,8 @@ void print_unreleased(const History& history, const PhaseTable& phases, bool all
     }
 }
 
-void print_summary(const History& history, const PhaseTable& phases, std::int32_t files) {
+void print_summary(const std::string& base, const History& history, const PhaseTable& phases,
+                   std::int32_t files) {
     std::printf("%" PRIu64 " event%s in %" PRId32 " file%s, %zu thread%s, %zu phase%s\n",
                 history.events(), plural(history.events()), files,
                 plural(static_cast<std::uint64_t>(files)), history.threads(),
@@ -134,6 +146,7 @@ void print_summary(const History& history, const PhaseTable& phases, std::int32_
                 ", %s)\n",
                 peak.bytes, peak.blocks, peak.transaction.id, peak.transaction.thread,
                 phase_of(peak.transaction, phases).c_str());
+    print_by_phase(replay_to_peak(base, peak), phases);
     if (history.unknown_releases() != 0) {
         std::printf("Released without a record of the block: %" PRIu64
                     " (made before tracking, or resized while it was stopped)\n",
@@ -195,7 +208,7 @@ int show(const Request& request) {
             if (request.command == "unreleased") {
                 print_unreleased(history, phases, request.all);
             } else {
-                print_summary(history, phases, reader.files());
+                print_summary(request.base, history, phases, reader.files());
             }
         }
     }

@@ -37,11 +37,14 @@ os::relaxed_word<std::uint64_t> s_maxFootprint = 0;
 
 // True when the entry's hook must run.
 inline bool gate(CachedUse& cached) {
-    if (cached == tracker_seam::unknown) {
-        cached = tracker_seam::check_use_flag();
-    }
     if (cached == tracker_seam::off) {
         return false;
+    }
+    if (cached == tracker_seam::unknown) {
+        cached = tracker_seam::check_use_flag();
+        if (cached == tracker_seam::off) {
+            return false;
+        }
     }
     cached = mem_CheckTracker(cached);
     return cached == tracker_seam::on;
