@@ -154,6 +154,7 @@ void threads(const std::vector<std::string>& arguments) {
                 const std::lock_guard guard(lock);
                 held.insert(taken);
             }
+            Interface::SetRank(Interface::CurrTransactionId()); // without a lock, as clients may
             if (with_phases && i % 50 == 49) {
                 Interface::ExitPhase(0);
             }

@@ -4,6 +4,7 @@
 #include "history.h"
 #include "tracking_files.h"
 
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
 #include <gtest/gtest.h>
@@ -118,6 +119,24 @@ TEST_F(Recorder, TellsEveryEventInItsOrder) {
               "threadId = 0\n"
               "look  --  Monitored TransId = 10\n");
     EXPECT_EQ(size(".phaseStack"), 4 + 3 * 131076U);
+
+    const auto memtrack = [this](const char* command) {
+        const test::ChildResult shown =
+            test::run_child({MEMTRACK_PROGRAM, {command, base() + ".phaseStack"}, {}});
+        EXPECT_EQ(shown.exit_code, 0) << shown.err;
+        return shown.out;
+    };
+    const std::string summary = memtrack("summary");
+    for (const char* const words :
+         {"14 events in 1 file, 1 thread, 3 phases\n", "refused: 2 requests\n",
+          "Peak: 100141 bytes in 3 blocks, at transaction 7 (thread 0, ROOT->first->second)\n",
+          "Not released: 9 bytes in 1 block\n"}) {
+        EXPECT_NE(summary.find(words), std::string::npos) << words << summary;
+    }
+    EXPECT_NE(memtrack("unreleased").find("transaction 12, thread 0, ROOT->first\n"),
+              std::string::npos);
+    const std::string events = memtrack("events");
+    EXPECT_EQ(std::count(events.begin(), events.end(), '\n'), 14);
 }
 
 TEST_F(Recorder, WritesTheFormatsToTheByte) {

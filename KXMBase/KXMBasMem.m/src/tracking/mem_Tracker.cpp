@@ -131,15 +131,19 @@ mem_Tracker& mem_Tracker::Instance() {
 // One creator at a time; with tracking on, the loading thread has long been here.
 KXM_NEVER_INLINE mem_Tracker* mem_Tracker::Create() {
     static std::atomic_flag busy;
-    while (busy.test_and_set(std::memory_order_acquire)) {
-        os::spin_pause();
-    }
+    struct Turn { // given back also where a fatal error throws
+        Turn() {
+            while (busy.test_and_set(std::memory_order_acquire)) {
+                os::spin_pause();
+            }
+        }
+        ~Turn() { busy.clear(std::memory_order_release); }
+    } const turn;
     mem_Tracker* tracker = std::atomic_ref(m_instance).load(std::memory_order_relaxed);
     if (tracker == nullptr) {
         tracker = new mem_Tracker; // null when memory is short: the caller meets it
         std::atomic_ref(m_instance).store(tracker, std::memory_order_release);
     }
-    busy.clear(std::memory_order_release);
     return tracker;
 }
 
