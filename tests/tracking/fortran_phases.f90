@@ -26,4 +26,5 @@ program fortran_phases
     if (mem_trackerc_currtransactionid() /= 7) error stop 1
     call mem_tracker_exitphase(1_c_int)
     call end_tracking()
+    call mem_free(kept)
 end program fortran_phases

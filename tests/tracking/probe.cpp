@@ -173,6 +173,7 @@ void threads(const std::vector<std::string>& arguments) {
     end_tracking();
     for (const auto& [block, size] : held) {
         std::printf("held %" PRIu64 " %zu\n", number(block), size);
+        mem_Free(block);
     }
     say_fatal_errors();
 }
