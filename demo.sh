@@ -52,10 +52,22 @@ for pool in off on; do
         "$(figure $file read_footprint_kib)"
 done | awk '{ printf "%-4s %16d %11.3f %29.2f\n", $1, $2, $3, $4 / 1024 }'
 
+echo
+echo "== the heap, elements and nodes held as records in a cache pool, by identifiers"
+"$program" --backend heap --cache-pool --output demo-output/beam-records.vtu \
+    --json demo-output/beam-records.json "$mesh" | grep -A 4 "records:"
+cmp demo-output/beam-heap.vtu demo-output/beam-records.vtu
+echo "The results are those of the heap without it, to the byte."
+
 # The same job with less memory than it wants, and what it may do about that.
 limited() {
     status=0
     "$program" --backend heap --quiet "$@" "$mesh" || status=$?
+}
+finished() {
+    figure "demo-output/$1.json" difference |
+        awk -v status=$status '{ printf "The job finished, with exit status %d; from beam theory: %+.2f %%\n",
+                                 status, 100 * $1 }'
 }
 
 echo
@@ -65,17 +77,15 @@ echo "The job ended by itself, with its exit status for memory: $status"
 [ $status -eq 4 ]
 
 echo
-echo "== the same limit, which the job may raise to 250 MiB"
+echo "== the same limit, which the job may raise step by step as far as 250 MiB"
 limited --memory-limit 100 --raise-limit 250 --json demo-output/beam-raised.json
-echo "The job finished, with exit status $status; from beam theory:" \
-    "$(figure demo-output/beam-raised.json difference)"
+finished beam-raised
 [ $status -eq 0 ]
 
 echo
 echo "== a limit of 210 MiB, and 20 MiB held back that the job can spare"
 limited --memory-limit 210 --reserve 20 --json demo-output/beam-reserve.json
-echo "The job finished, with exit status $status; from beam theory:" \
-    "$(figure demo-output/beam-reserve.json difference)"
+finished beam-reserve
 [ $status -eq 0 ]
 
 echo

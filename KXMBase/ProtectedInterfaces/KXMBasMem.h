@@ -21,6 +21,7 @@
 #include "mem_AllocationOperators.h"
 #include "mem_AllocationOperatorsTiny.h"
 #include "mem_Allocator.h"
+#include "mem_CachePool.h"
 #include "mem_DLAllocator.h"
 #include "mem_Debugger.h"
 #include "mem_PhaseBuffer.h"

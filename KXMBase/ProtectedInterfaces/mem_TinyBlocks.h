@@ -40,8 +40,9 @@ KXMBASMEM_API void mem_TBThreadLock(bool on);
     caller's. A larger size is a fatal error. Arguments by reference, for numerical routines. */
 KXMBASMEM_API void* mem_smallalloc(int* size);
 
-/** Gives back the block `*ptr` of the pool and sets `*ptr` to null. Anything else, null too, is a
-    fatal error. Takes the lock if that is on. */
+/** Gives back the block `*ptr` of the pool and sets `*ptr` to null. Any other block is a
+    fatal error, and null an access fault. A second release is not noticed: the slot is then handed
+    out twice. Takes the lock if that is on. */
 KXMBASMEM_API void mem_smallfree(void** ptr);
 
 #ifdef __cplusplus

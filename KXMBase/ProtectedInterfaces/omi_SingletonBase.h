@@ -4,6 +4,9 @@
 //   class Table : public Base, public omi_Singleton<Table> { ... };
 //   Table::Instance() ... omi_SingletonBase<Table>::Finalize();
 //
+// The account's last line counts types that were created and, beside them, deletions: a type that
+// was created and deleted twice adds one to the first and two to the second.
+//
 // Nothing here takes a lock: the first use of a type, and its end, belong to one thread.
 //
 // A class that several libraries share needs one instance in all: the library that owns it exports

@@ -35,7 +35,7 @@ template <class Body> void for_batches(const Mesh& mesh, Body body) {
     for (std::size_t first = 0; first < mesh.element_count(); first += batch_size) {
         const std::size_t count = std::min(batch_size, mesh.element_count() - first);
         for (std::size_t i = 0; i < count * nodes; ++i) {
-            const Point& p = mesh.nodes[index(mesh.element(first)[i])];
+            const Point& p = mesh.point(first + i / nodes, i % nodes);
             coordinates[3 * i] = p.x;
             coordinates[3 * i + 1] = p.y;
             coordinates[3 * i + 2] = p.z;

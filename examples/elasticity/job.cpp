@@ -46,6 +46,11 @@ Mesh read_mesh(const Options& options, JobReport& report) {
     Mesh mesh = read_gmsh(options.mesh);
     check_mesh(mesh);
     renumber(mesh);
+    if (options.cache_pool) {
+        mesh.records = std::make_shared<Records>(mesh);
+        if (!options.quiet)
+            mesh.records->print();
+    }
     report.nodes = mesh.nodes.size();
     report.elements = mesh.element_count();
     report.nodes_per_element = mesh.nodes_per_element;

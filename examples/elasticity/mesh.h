@@ -2,9 +2,11 @@
 #pragma once
 
 #include "memory.h"
+#include "records.h"
 
 #include <array>
 #include <cstdint>
+#include <memory>
 
 namespace elasticity {
 
@@ -28,11 +30,16 @@ struct Mesh {
     Vector<std::int32_t> element_lines;
     Vector<Face> fixed;
     Vector<Face> load;
+    std::shared_ptr<const Records> records; // of elements and their nodes; null: none
 
     std::size_t element_count() const { return element_lines.size(); }
     int nodes_per_face() const { return nodes_per_element == 10 ? 6 : 3; }
     const std::int32_t* element(std::size_t index) const {
         return elements.data() + index * static_cast<std::size_t>(nodes_per_element);
+    }
+    const Point& point(std::size_t index, std::size_t node) const {
+        return records == nullptr ? nodes[static_cast<std::size_t>(element(index)[node])]
+                                  : records->point(index, node);
     }
 };
 

@@ -108,6 +108,8 @@ constexpr Option table[] = {
     {"--backend", "NAME", "memory back end: crt, guarded, aligned or heap", set_backend},
     {"--tiny-pool", "", "serve requests of at most 128 bytes from the heap's tiny block pool",
      [](Options& o, std::string_view) { o.tiny_pool = true; }},
+    {"--cache-pool", "", "hold elements and nodes as records in a cache pool, by identifiers",
+     [](Options& o, std::string_view) { o.cache_pool = true; }},
     {"--memory-limit", "MIB", "refuse memory above this many MiB",
      [](Options& o, std::string_view v) { o.memory_limit = mebibytes(v); }},
     {"--raise-limit", "MIB", "when refused, raise the limit up to this many MiB",

@@ -176,7 +176,7 @@ void print_refusal(const char* title, const Refusal& refusal) {
                   "  refused request   %zu bytes: %s\n"
                   "  limit error       %d\n"
                   "  limit             %zu bytes (0: none)\n"
-                  "  footprint         %zu KiB, %zu bytes at most\n"
+                  "  library footprint %zu KiB, %zu bytes at most\n"
                   "  largest free      %zu bytes in one chunk\n"
                   "  held by this job  %" PRIu64 " bytes, %" PRIu64 " at most\n",
                   title, present_step(), refusal.bytes, reason, refusal.limit_error, refusal.limit,
@@ -189,7 +189,7 @@ void print_out_of_memory() {
     print_refusal("elasticity: out of memory", last_refusal());
     char text[120];
     std::snprintf(text, sizeof text,
-                  "  footprint now     %zu KiB: everything was given back\n"
+                  "  footprint now     %zu KiB: what the job held was given back\n"
                   "  back end          %s\n",
                   mem_Footprint(), present_backend());
     std::fputs(text, stderr);

@@ -197,6 +197,23 @@ TEST_F(Program, SurvivesRefusedMemory) {
     EXPECT_EQ(run({"--tiny-pool", "--backend", "crt", beam}).exit_code, 2);
 }
 
+// Elements and nodes as records held by identifiers: the same numbers from another place.
+TEST_F(Program, RecordsInACachePoolChangeNoResult) {
+    for (const std::string backend : {"heap", "crt"}) {
+        ASSERT_EQ(run({"--quiet", "--backend", backend, "--output", result, beam}).exit_code, 0);
+        const std::string plain = contents(result);
+        remove_files();
+        const test::ChildResult child =
+            run({"--cache-pool", "--backend", backend, "--output", result, beam});
+        EXPECT_EQ(child.exit_code, 0) << child.err;
+        EXPECT_NE(child.out.find("Pool Summary: blockCount="), std::string::npos) << child.out;
+        EXPECT_TRUE(contents(result) == plain) << backend;
+        remove_files();
+    }
+    EXPECT_EQ(run({"--cache-pool", "--backend", "crt", "--memory-limit", "0.3", beam}).exit_code,
+              4);
+}
+
 TEST_F(Program, HelpAndVersionSucceedWithoutAMesh) {
     const test::ChildResult help = run({"--help"});
     EXPECT_EQ(help.exit_code, 0);

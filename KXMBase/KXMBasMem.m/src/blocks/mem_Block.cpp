@@ -1,5 +1,5 @@
-// See mem_Block.h and mem_FixedBlock.h.
-#include "blocks/mem_Block.h"
+// See mem_Block.h, which is public, and mem_FixedBlock.h.
+#include "mem_Block.h"
 
 #include <cstdio>
 #include <cstring>

@@ -4,8 +4,8 @@
 //     | mem_FixedBlock      | mem_FixedRegion ... slots                           |
 #pragma once
 
-#include "blocks/mem_Block.h"
 #include "blocks/mem_Region.h"
+#include "mem_Block.h"
 
 class mem_FixedBlock : public mem_Block {
 public:

@@ -22,8 +22,9 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "blocks/mem_Block.h"
 #include "mem_AllocationOperators.h"
+#include "mem_Block.h"
+#include "platform/compiler.h"
 
 enum mem_RegionTypeEnm : std::int32_t {
     // 0 to 9: size classes, with slots of fixedSize[value] words.
@@ -36,6 +37,14 @@ enum mem_RegionTypeEnm : std::int32_t {
 inline constexpr std::int32_t fixedSize[10] = {1, 2, 4, 8, 12, 16, 20, 24, 28, 32};
 
 namespace blocks {
+
+/// A word in memory that its user may have written as any type before.
+typedef int KXM_MAY_ALIAS word;
+static_assert(sizeof(word) == 4);
+
+struct Layout;            // block_layout.cpp
+struct Inspector;         // region_walk.cpp
+struct VariableInspector; // variable_walk.cpp
 
 inline constexpr int class_count = 10;
 /// The same in bytes.
@@ -75,6 +84,7 @@ protected:
 
     friend struct blocks::Layout;
     friend struct blocks::Inspector;
+    friend struct blocks::VariableInspector;
 
     std::int32_t m_regionOffset;
     mem_RegionTypeEnm m_regionType;

@@ -4,8 +4,7 @@
 namespace blocks {
 
 struct Inspector {
-    const mem_FixedBlock& block;
-    const mem_FixedRegion& region = *block.Region();
+    const mem_FixedRegion& region;
     Chain chain{};
 
     bool holds(bool statement, const char* fault) {
@@ -61,8 +60,8 @@ struct Inspector {
     }
 };
 
-Chain walk_region(const mem_FixedBlock& block) {
-    Inspector inspector{block};
+Chain walk_region(const mem_FixedRegion& region) {
+    Inspector inspector{region};
     inspector.walk();
     return inspector.chain;
 }

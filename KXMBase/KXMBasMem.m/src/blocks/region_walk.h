@@ -18,6 +18,10 @@ struct Chain {
     int used() const { return touched - static_cast<int>(links.count()); }
 };
 
-Chain walk_region(const mem_FixedBlock& block);
+Chain walk_region(const mem_FixedRegion& region);
+
+inline Chain walk_region(const mem_FixedBlock& block) {
+    return walk_region(*block.Region());
+}
 
 } // namespace blocks

@@ -65,6 +65,15 @@ inline void spin_pause() {
 #endif
 }
 
+/// Asks for the memory at `address` ahead of its use. Any address may be asked for.
+inline void prefetch(const void* address) {
+#if defined(__GNUC__)
+    __builtin_prefetch(address);
+#else
+    _mm_prefetch(static_cast<const char*>(address), _MM_HINT_T0);
+#endif
+}
+
 /// Copies `size` bytes without asking whether the source is readable for so long; a checked build
 /// does not look at it either. pre: the ranges do not overlap.
 void copy_unchecked(void* target, const void* source, std::size_t size);

@@ -13,23 +13,18 @@
 //
 //     index = leaf number << m_shift | entry;          whatever was never set reads as null
 //
-// Nothing here locks; the owners do.
+// Nothing here locks; the owners do. A client never makes one of these: they are told here because
+// an identifier of mem_CachePool.h is resolved through them, inline.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
 
 #include "mem_Allocator.h"
-#include "platform/compiler.h"
 
-namespace blocks {
-/// A word in memory that its user may have written as any type before.
-typedef int KXM_MAY_ALIAS word;
-static_assert(sizeof(word) == 4);
-
-struct Layout;    // block_layout.cpp
-struct Inspector; // region_walk.cpp
-} // namespace blocks
+namespace kxm {
+struct BlockLayout; // the library's own checks of the layout
+}
 
 enum mem_BlockTypeEnm : std::int32_t {
     mem_BLK_EMPTY,    ///< descriptor without memory, free for reuse
@@ -83,7 +78,7 @@ protected:
     void operator delete(void*) {}
 
 private:
-    friend struct blocks::Layout;
+    friend struct kxm::BlockLayout;
 
     int* m_blockMemory;
     std::int32_t m_blockSize;
@@ -115,7 +110,7 @@ public:
     void SetBlockPtr(int index, mem_Block* block);
 
 private:
-    friend struct blocks::Layout;
+    friend struct kxm::BlockLayout;
 
     mem_Block*** m_blocks;
     std::int32_t m_shift;
