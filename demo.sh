@@ -9,12 +9,13 @@ no_arguments "$@"
 
 mkdir -p build demo-output
 need_build_packages
-build linux elasticity elasticity_demo_mesh
+build linux elasticity elasticity_demo_mesh memtrack
 
 program=build/linux/bin/elasticity
 mesh=build/linux/examples/elasticity/beam.msh
 # The job itself chooses the back end by its option.
 unset KXA_DEADBEEF KXQ_DLALLOCATOR KXQ_CRTMALLOC KXQ_USE_ALIGNED_MEMORY
+unset KXA_MEM_TRACK KXA_MEM_OUTPUTDIR KXA_MEM_DBTRANS
 
 # figure FILE NAME: one member of a run's figures.
 figure() {
@@ -89,6 +90,14 @@ echo "== a limit of 210 MiB, and 20 MiB held back that the job can spare"
 limited --memory-limit 210 --reserve 20 --json demo-output/beam-reserve.json
 finished beam-reserve
 [ $status -eq 0 ]
+
+echo
+echo "== the heap, with every allocation recorded in files, and what memtrack reads from them"
+rm -f demo-output/beam.memT* demo-output/beam.phaseStack
+KXA_MEM_TRACK=1 KXA_MEM_OUTPUTDIR=demo-output "$program" --backend heap --tracking beam "$mesh" |
+    grep '^Tracking'
+build/linux/bin/memtrack demo-output/beam
+echo "Every event, a line each: build/linux/bin/memtrack events demo-output/beam"
 
 echo
 echo "All containers, operators new and Fortran work arrays of these runs drew on the library."

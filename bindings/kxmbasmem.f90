@@ -2,7 +2,7 @@
 ! c_f_pointer for use as an array. Blocks follow the rules of the C header: a block of mem_Malign is
 ! given back by mem_MalignFree, every other one by mem_Free.
 module kxmbasmem
-    use, intrinsic :: iso_c_binding, only: c_bool, c_int, c_int64_t, c_ptr, c_size_t
+    use, intrinsic :: iso_c_binding, only: c_bool, c_char, c_int, c_int64_t, c_ptr, c_size_t
     implicit none
     private
 
@@ -13,6 +13,8 @@ module kxmbasmem
     public :: mem_fragmentationinfo, mem_errormemorylimit, mem_usingdl, mem_releasememorylock
     public :: mem_footprintfromresources, mem_maxfootprintfromresources, mem_dlmallinfo
     public :: mem_tballocator, mem_tbthreadlock, newdeletetinyblock, mem_smallalloc, mem_smallfree
+    public :: mem_tracker_enterphase, mem_tracker_exitphase, mem_tracker_printtransaction
+    public :: mem_trackerc_currtransactionid
     public :: mem_aligned_malloc, mem_aligned_realloc, mem_aligned_free, mem_alignedalloc
 
     ! Statistics of the heap: bytes, but for the count ordblks.
@@ -121,6 +123,34 @@ module kxmbasmem
         type(mem_dlmallinfotype) function mem_dlmallinfo() bind(c, name="mem_DLMallinfo")
             import :: mem_dlmallinfotype
         end function mem_dlmallinfo
+
+        ! Phases of the calling thread, for memory tracking. The text is given with its length, at most
+        ! 118: call mem_tracker_enterphase(0_c_int, 'assembly', 8_c_int). A print flag other than 0
+        ! tells of it on standard error. With tracking off they do nothing, but the first call of any
+        ! of these makes the tracker, over twenty megabytes.
+        subroutine mem_tracker_enterphase(print, text, length) bind(c)
+            import :: c_char, c_int
+            integer(c_int), intent(in) :: print
+            character(kind=c_char), intent(in) :: text(*)
+            integer(c_int), value :: length
+        end subroutine mem_tracker_enterphase
+
+        subroutine mem_tracker_exitphase(print) bind(c)
+            import :: c_int
+            integer(c_int), intent(in) :: print
+        end subroutine mem_tracker_exitphase
+
+        subroutine mem_tracker_printtransaction(text, length) bind(c)
+            import :: c_char, c_int
+            character(kind=c_char), intent(in) :: text(*)
+            integer(c_int), value :: length
+        end subroutine mem_tracker_printtransaction
+
+        ! Number of the next transaction; 0 with tracking off.
+        integer(c_int) function mem_trackerc_currtransactionid() &
+            bind(c, name="mem_TrackerC_CurrTransactionId")
+            import :: c_int
+        end function mem_trackerc_currtransactionid
 
         ! The tiny block pool. Turned on with a mode other than 0, on the heap alone.
         subroutine mem_tballocator(mode) bind(c, name="mem_TBAllocator")

@@ -10,6 +10,7 @@
 #include "mem_Interface.h"
 #include "mem_Mallinfo.h"
 #include "mem_TinyBlocks.h"
+#include "mem_TrackerC.h"
 
 #ifdef __cplusplus
 #include "KXMBasCallStack.h"
@@ -22,6 +23,16 @@
 #include "mem_Allocator.h"
 #include "mem_CachePool.h"
 #include "mem_DLAllocator.h"
+#include "mem_Debugger.h"
+#include "mem_PhaseBuffer.h"
+#include "mem_PhaseStack.h"
+#include "mem_PtrHash.h"
+#include "mem_StackHash.h"
+#include "mem_ThrLock.h"
+#include "mem_ThreadId.h"
+#include "mem_ToOs.h"
+#include "mem_Tracker.h"
+#include "mem_Tracker_Interface.h"
 #include "omi_SingletonBase.h"
 #endif
 

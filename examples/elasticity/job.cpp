@@ -5,6 +5,7 @@
 #include "input_error.h"
 #include "kernels.h"
 #include "progress.h"
+#include "tracking.h"
 #include "vtk_writer.h"
 
 #include <KXMBasMem.h>
@@ -21,11 +22,11 @@ namespace {
 
 const char* step_name = "start";
 
-// Times a step while it lives. The library's peak is, on most back ends, only as good as the calls
+// Times a step while it lives, which is a phase of tracked memory. The library's peak is, on most back ends, only as good as the calls
 // to it are frequent.
 class StepClock {
 public:
-    explicit StepClock(Step& step) : step_(step) { step_name = step.name; }
+    explicit StepClock(Step& step) : step_(step), phase_(step.name) { step_name = step.name; }
     StepClock(const StepClock&) = delete;
     StepClock& operator=(const StepClock&) = delete;
     ~StepClock() {
@@ -37,6 +38,7 @@ public:
 
 private:
     Step& step_;
+    Phase phase_;
     std::chrono::steady_clock::time_point begin_ = std::chrono::steady_clock::now();
 };
 

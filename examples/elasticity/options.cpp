@@ -103,6 +103,8 @@ constexpr Option table[] = {
      [](Options& o, std::string_view v) { o.output = v; }},
     {"--json", "FILE", "write the figures of the run, one a line",
      [](Options& o, std::string_view v) { o.json = v; }},
+    {"--tracking", "NAME", "base name of the files if KXA_MEM_TRACK is set (elasticity)",
+     [](Options& o, std::string_view v) { o.tracking = v; }},
     {"--backend", "NAME", "memory back end: crt, guarded, aligned or heap", set_backend},
     {"--tiny-pool", "", "serve requests of at most 128 bytes from the heap's tiny block pool",
      [](Options& o, std::string_view) { o.tiny_pool = true; }},

@@ -5,6 +5,7 @@
 #include "input_error.h"
 #include "report.h"
 #include "rescue.h"
+#include "tracking.h"
 
 #include <KXMBasMem.h>
 
@@ -34,6 +35,7 @@ int run_unguarded(int argc, char** argv) {
     if (options.memory_limit != 0 && !set_memory_limit(options.memory_limit))
         throw InputError({"--memory-limit: the memory library does not take this limit"});
     prepare_rescue({options.memory_limit, options.raise_limit, options.reserve});
+    start_tracking(options.tracking, options.quiet);
     JobReport report;
     run_job(options, report);
     if (!options.json.empty())
@@ -56,9 +58,7 @@ int run_unguarded(int argc, char** argv) {
     return report.succeeded() ? done : failed;
 }
 
-} // namespace
-
-int run_program(int argc, char** argv) {
+int run_caught(int argc, char** argv) {
     try {
         return run_unguarded(argc, argv);
     } catch (const InputError& error) {
@@ -68,6 +68,14 @@ int run_program(int argc, char** argv) {
         print_out_of_memory();
         return out_of_memory;
     }
+}
+
+} // namespace
+
+int run_program(int argc, char** argv) {
+    const int status = run_caught(argc, argv);
+    end_tracking(); // also of a run that was refused memory
+    return status;
 }
 
 } // namespace elasticity

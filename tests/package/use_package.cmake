@@ -37,6 +37,11 @@ foreach(program c_client cxx_client global_new_client fortran_client)
   endif()
 endforeach()
 
+run(COMMAND ${EMULATOR} ${WORK}/prefix/bin/memtrack --help OUTPUT out)
+if(NOT out MATCHES "^Usage: memtrack")
+  message(FATAL_ERROR "memtrack printed '${out}'")
+endif()
+
 find_program(PKG_CONFIG NAMES pkg-config pkgconf)
 if(PKG_CONFIG AND NOT TOOLCHAIN)
   set(environment PKG_CONFIG_PATH=${WORK}/prefix/${LIBDIR}/pkgconfig)

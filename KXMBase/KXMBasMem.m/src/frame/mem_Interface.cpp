@@ -35,28 +35,18 @@ CachedUse s_useMalloc, s_useFree, s_useMalignFree, s_useRealloc, s_useCalloc, s_
 // Bytes; the highest that mem_MaxFootprint has met outside the heap.
 os::relaxed_word<std::uint64_t> s_maxFootprint = 0;
 
-// What to cache next. Once off, always off; "finished" is not kept longer than the one call.
-Use check_tracker(Use cached) {
-    switch (cached) {
-    case tracker_seam::on:
-        return tracker_seam::check_use_flag() == tracker_seam::on ? tracker_seam::on
-                                                                  : tracker_seam::off;
-    case tracker_seam::unknown:
-        return tracker_seam::check_use_flag();
-    default:
-        return tracker_seam::off;
-    }
-}
-
 // True when the entry's hook must run.
 inline bool gate(CachedUse& cached) {
-    if (cached == tracker_seam::unknown) {
-        cached = tracker_seam::check_use_flag();
-    }
     if (cached == tracker_seam::off) {
         return false;
     }
-    cached = check_tracker(cached);
+    if (cached == tracker_seam::unknown) {
+        cached = tracker_seam::check_use_flag();
+        if (cached == tracker_seam::off) {
+            return false;
+        }
+    }
+    cached = mem_CheckTracker(cached);
     return cached == tracker_seam::on;
 }
 
@@ -102,6 +92,19 @@ KXM_NEVER_INLINE void gated_free(void* ptr) {
 }
 
 } // namespace
+
+// "Finished" is not kept longer than the one call.
+mem_Tracker::UseEnm mem_CheckTracker(mem_Tracker::UseEnm cached) {
+    switch (cached) {
+    case tracker_seam::on:
+        return tracker_seam::check_use_flag() == tracker_seam::on ? tracker_seam::on
+                                                                  : tracker_seam::off;
+    case tracker_seam::unknown:
+        return tracker_seam::check_use_flag();
+    default:
+        return tracker_seam::off;
+    }
+}
 
 void* mem_Malloc(size_t size) {
     if (s_useMalloc == tracker_seam::off) [[likely]] {

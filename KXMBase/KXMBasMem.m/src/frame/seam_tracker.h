@@ -1,14 +1,19 @@
-// Where the frame calls up into tracking/: the gate's flag and the hooks behind it. Names and
-// behaviour are those of the static members of mem_Tracker that they forward to.
+// Where the frame calls up into tracking/: the gate's flag and the hooks behind it. Each forwards to
+// the member of mem_Tracker of that name.
 #pragma once
 
 #include <cstddef>
-#include <cstdint>
+
+#include "mem_Tracker.h"
 
 namespace tracker_seam {
 
-/// The tracking decision, value by value mem_Tracker::UseEnm.
-enum Use : std::int32_t { unknown, off, on, finished };
+/// The tracking decision.
+using Use = mem_Tracker::UseEnm;
+inline constexpr Use unknown = mem_Tracker::e_useUnknown;
+inline constexpr Use off = mem_Tracker::e_useOff;
+inline constexpr Use on = mem_Tracker::e_useOn;
+inline constexpr Use finished = mem_Tracker::e_useFinished;
 
 Use check_for_tracking(); ///< takes the decision, once per process
 Use check_use_flag();     ///< the decision as it stands, without taking it

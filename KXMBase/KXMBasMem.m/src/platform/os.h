@@ -91,7 +91,7 @@ bool event_set(Event event);   ///< likewise
 void event_close(Event event); ///< pre: nobody waits
 
 /// A recursive lock owned by a thread. Lives where the caller puts it; init before use.
-struct alignas(16) CriticalSection {
+struct alignas(8) CriticalSection {
     unsigned char storage[64];
 };
 void critical_section_init(CriticalSection& section);

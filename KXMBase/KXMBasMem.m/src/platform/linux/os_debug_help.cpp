@@ -188,7 +188,7 @@ std::size_t widen(const char* text, unsigned short* wide, std::size_t capacity) 
 }
 
 bool narrow(const unsigned short* wide, char* text, std::size_t capacity) {
-    if (!utf8_of(wide, text, capacity, true)) {
+    if (!utf8_of(wide, text, capacity)) {
         text[0] = '\0';
         return false;
     }

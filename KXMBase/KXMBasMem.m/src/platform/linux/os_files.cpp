@@ -1,4 +1,5 @@
-// Unbuffered binary files on Linux. Wide names are UTF-16 and are opened by their UTF-8 form.
+// Unbuffered binary files on Linux. Wide names are UTF-16 and are opened by their UTF-8 form; an
+// unpaired surrogate that stands for a byte is opened as that byte, since a name may hold any.
 #include "platform/linux/utf16.h"
 #include "platform/os.h"
 
@@ -19,7 +20,7 @@ File file_create(const char* name) {
 
 File file_create_wide(const unsigned short* name) {
     char narrow[PATH_MAX];
-    if (!utf8_of(name, narrow, sizeof narrow, false)) {
+    if (!utf8_of(name, narrow, sizeof narrow)) {
         errno = EILSEQ;
         return -1;
     }

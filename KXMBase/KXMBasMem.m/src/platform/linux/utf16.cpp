@@ -36,7 +36,7 @@ unsigned decode(const unsigned char* text, unsigned& code) {
 
 } // namespace
 
-bool utf8_of(const unsigned short* wide, char* narrow, std::size_t capacity, bool bytes_back) {
+bool utf8_of(const unsigned short* wide, char* narrow, std::size_t capacity) {
     std::size_t at = 0;
     const auto put = [&](unsigned byte) {
         if (at + 1 < capacity) {
@@ -48,7 +48,7 @@ bool utf8_of(const unsigned short* wide, char* narrow, std::size_t capacity, boo
     while (*wide != 0) {
         unsigned code = *wide++;
         bool fits = false;
-        if (bytes_back && code >= escape_first && code <= escape_last) {
+        if (code >= escape_first && code <= escape_last) {
             if (!put(code - escape)) {
                 return false;
             }
