@@ -87,6 +87,15 @@ TEST(CachePool, ServesUpTo16384BytesFromClusters) {
     EXPECT_EQ(passing->Alloc(16385).passThru.block, 3U) << "the store is block 2";
 }
 
+TEST(CachePool, LosesTheIndexOfADescriptorThatWasRefused) {
+    OwnPool own;
+    own.allocator.refuse_every = own.allocator.requests + 2; // the store, not the memory
+    EXPECT_TRUE(own->Alloc(20000).IsNull());
+    own.allocator.refuse_every = 0;
+    EXPECT_EQ(own->Alloc(20000).passThru.block, 2U);
+    EXPECT_EQ(own.census().lost_blocks, 1);
+}
+
 TEST(CachePool, CutsFixedRegionsFromTheTop) {
     OwnPool own;
     const ID first = own->Alloc(100), second = own->Alloc(20), low = own->Alloc(200);
@@ -222,7 +231,7 @@ TEST(CachePool, PrefersTheCurrentClusterThenTheListsBySize) {
 TEST(CachePool, SpendsTwoSlotsOfAStoreOnEachDescriptorAfterTheFirst) {
     OwnPool own;
     std::vector<ID> ids;
-    // 1002 words of slots: 125 of 8 words for blocks, 9 of 106 for clusters.
+    // 1002 words of slots: 125 of 8 words for blocks, 9 of 108 for clusters.
     for (int i = 0; i < 63; ++i) {
         ids.push_back(own->Alloc(20000));
     }
