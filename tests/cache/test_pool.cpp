@@ -125,8 +125,10 @@ TEST(CachePool, FindsRoomInAnotherRegionOfTheClass) {
     for (int i = 0; i < 3 * 31; ++i) {
         ids.push_back(own->Alloc(128));
     }
-    own->Free(ids[1]); // in slot 63, while 61 is current
-    EXPECT_EQ(own->Alloc(128), ids[1]);
+    own->Free(ids[1]);  // in slot 63, while 61 is current
+    own->Free(ids[40]); // in 62
+    EXPECT_EQ(own->Alloc(128), ids[1]) << "the highest first";
+    EXPECT_EQ(own->Alloc(128), ids[40]);
     EXPECT_EQ(slot_of(own->Alloc(128)), 60);
 }
 
@@ -316,6 +318,26 @@ TEST_F(CacheCluster, LeavesItsLowestRegionCurrentAfterAVainSearch) {
     cluster->Free(ids[5]);
     cluster->Free(ids.back());
     EXPECT_EQ(cluster->Alloc(128).Value(), ids.back().Value());
+}
+
+TEST_F(CacheCluster, MakesARegionAtTheEndOfTheLargestChunkWhenThatIsMoreThanASlot) {
+    std::vector<mem_CachePoolID> ids;
+    for (int i = 0; i < 63 * 31; ++i) {
+        ids.push_back(cluster->Alloc(128));
+    }
+    const auto empty = [&](int slot) {
+        for (int i = (63 - slot) * 31; i < (64 - slot) * 31; ++i) {
+            cluster->Free(ids[static_cast<std::size_t>(i)]);
+        }
+    };
+    empty(63);
+    EXPECT_EQ(slot_of(cluster->Alloc(4080)), 63); // so that the first try is in vain
+    empty(30);
+    EXPECT_EQ(cluster->LargestFree(), 1024);
+    EXPECT_TRUE(cluster->Alloc(4).IsNull()) << "a slot, but not more";
+    empty(31);
+    EXPECT_EQ(slot_of(cluster->Alloc(4)), 31);
+    EXPECT_TRUE(cluster->Alloc(8).IsNull());
 }
 
 TEST_F(CacheCluster, CountsAndPrints) {
