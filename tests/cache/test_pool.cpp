@@ -87,6 +87,15 @@ TEST(CachePool, ServesUpTo16384BytesFromClusters) {
     EXPECT_EQ(passing->Alloc(16385).passThru.block, 3U) << "the store is block 2";
 }
 
+TEST(CachePool, LosesTheIndexOfADescriptorThatWasRefused) {
+    OwnPool own;
+    own.allocator.refuse_every = own.allocator.requests + 2; // the store, not the memory
+    EXPECT_TRUE(own->Alloc(20000).IsNull());
+    own.allocator.refuse_every = 0;
+    EXPECT_EQ(own->Alloc(20000).passThru.block, 2U);
+    EXPECT_EQ(own.census().lost_blocks, 1);
+}
+
 TEST(CachePool, CutsFixedRegionsFromTheTop) {
     OwnPool own;
     const ID first = own->Alloc(100), second = own->Alloc(20), low = own->Alloc(200);
@@ -116,8 +125,10 @@ TEST(CachePool, FindsRoomInAnotherRegionOfTheClass) {
     for (int i = 0; i < 3 * 31; ++i) {
         ids.push_back(own->Alloc(128));
     }
-    own->Free(ids[1]); // in slot 63, while 61 is current
-    EXPECT_EQ(own->Alloc(128), ids[1]);
+    own->Free(ids[1]);  // in slot 63, while 61 is current
+    own->Free(ids[40]); // in 62
+    EXPECT_EQ(own->Alloc(128), ids[1]) << "the highest first";
+    EXPECT_EQ(own->Alloc(128), ids[40]);
     EXPECT_EQ(slot_of(own->Alloc(128)), 60);
 }
 
@@ -222,7 +233,7 @@ TEST(CachePool, PrefersTheCurrentClusterThenTheListsBySize) {
 TEST(CachePool, SpendsTwoSlotsOfAStoreOnEachDescriptorAfterTheFirst) {
     OwnPool own;
     std::vector<ID> ids;
-    // 1002 words of slots: 125 of 8 words for blocks, 9 of 106 for clusters.
+    // 1002 words of slots: 125 of 8 words for blocks, 9 of 108 for clusters.
     for (int i = 0; i < 63; ++i) {
         ids.push_back(own->Alloc(20000));
     }
@@ -307,6 +318,26 @@ TEST_F(CacheCluster, LeavesItsLowestRegionCurrentAfterAVainSearch) {
     cluster->Free(ids[5]);
     cluster->Free(ids.back());
     EXPECT_EQ(cluster->Alloc(128).Value(), ids.back().Value());
+}
+
+TEST_F(CacheCluster, MakesARegionAtTheEndOfTheLargestChunkWhenThatIsMoreThanASlot) {
+    std::vector<mem_CachePoolID> ids;
+    for (int i = 0; i < 63 * 31; ++i) {
+        ids.push_back(cluster->Alloc(128));
+    }
+    const auto empty = [&](int slot) {
+        for (int i = (63 - slot) * 31; i < (64 - slot) * 31; ++i) {
+            cluster->Free(ids[static_cast<std::size_t>(i)]);
+        }
+    };
+    empty(63);
+    EXPECT_EQ(slot_of(cluster->Alloc(4080)), 63); // so that the first try is in vain
+    empty(30);
+    EXPECT_EQ(cluster->LargestFree(), 1024);
+    EXPECT_TRUE(cluster->Alloc(4).IsNull()) << "a slot, but not more";
+    empty(31);
+    EXPECT_EQ(slot_of(cluster->Alloc(4)), 31);
+    EXPECT_TRUE(cluster->Alloc(8).IsNull());
 }
 
 TEST_F(CacheCluster, CountsAndPrints) {
