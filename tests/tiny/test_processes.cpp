@@ -31,6 +31,10 @@ TEST(PoolProcess, CanBeForcedOn) {
     EXPECT_EQ(probe("force", {}).out, "pool\npool\n") << "also where it needs itself to begin";
 }
 
+TEST(PoolProcess, IsNullUntilThereIsMemoryForIt) {
+    EXPECT_EQ(probe("refused", {"KXQ_DLALLOCATOR=1"}).out, "null\npool\n");
+}
+
 TEST(PoolProcess, EndsWithAPointerThatIsNotItsOwn) {
     const auto result = probe("foreign", {"KXQ_DLALLOCATOR=1"});
     EXPECT_TRUE(result.crashed);

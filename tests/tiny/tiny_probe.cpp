@@ -46,6 +46,12 @@ int main(int argc, char** argv) {
     } else if (std::strcmp(wish, "foreign") == 0) {
         void* block = mem_Malloc(500);
         mem_smallfree(&block);
+    } else if (std::strcmp(wish, "refused") == 0) {
+        mem_Mallopt(-5, 1000); // less than the pool itself needs
+        mem_TBAllocator(1);
+        std::puts(mem_Malloc(8) == nullptr ? "null" : "block");
+        mem_Mallopt(-5, 0);
+        print_road();
     } else if (std::strcmp(wish, "grow") == 0) {
         grow_without_memory();
     }

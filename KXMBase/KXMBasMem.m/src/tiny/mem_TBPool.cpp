@@ -123,7 +123,8 @@ private:
 
 // ---- Life ------------------------------------------------------------------------------------
 
-void* mem_TBPool::operator new(std::size_t size) {
+// Without noexcept a compiler may take the answer for never null.
+void* mem_TBPool::operator new(std::size_t size) noexcept {
     if (mem_Mallinfo::useDL) {
         mem_DLAllocator allocator;
         return allocator.Malloc(m_poolName, size);

@@ -122,7 +122,7 @@ private:
 
     mem_TBPool();
     ~mem_TBPool();
-    static void* operator new(std::size_t size);
+    static void* operator new(std::size_t size) noexcept;
     static void operator delete(void* ptr);
 
     static void Initialize();
