@@ -20,6 +20,7 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "KXMBasMemExport.h"
 #include "mem_Allocator.h"
 
 namespace kxm {
@@ -33,7 +34,7 @@ enum mem_BlockTypeEnm : std::int32_t {
     mem_BLK_FIXED,    ///< a mem_FixedBlock
 };
 
-class mem_Block {
+class KXMBASMEM_API mem_Block { // exported for a client built with the vptr check of UBSan
 public:
     /// `size` in words. Owns `memory` until FreeBlock.
     mem_Block(int size, int* memory, mem_BlockTypeEnm type)
