@@ -18,7 +18,9 @@ file(RENAME ${WORK}/staged ${WORK}/prefix) # a package can be moved
 
 set(options -S ${CLIENT} -B ${WORK}/build -G ${GENERATOR} -DCMAKE_PREFIX_PATH=${WORK}/prefix
             -DEXPECTED_VERSION=${VERSION})
+set(suffix "")
 if(TOOLCHAIN)
+  set(suffix .exe)
   list(APPEND options -DCMAKE_TOOLCHAIN_FILE=${TOOLCHAIN} -DCMAKE_FIND_ROOT_PATH_MODE_PACKAGE=BOTH)
 else()
   list(APPEND options -DCMAKE_CXX_COMPILER=${CXX})
@@ -27,7 +29,7 @@ run(COMMAND ${CMAKE_COMMAND} ${options})
 run(COMMAND ${CMAKE_COMMAND} --build ${WORK}/build)
 foreach(program c_client cxx_client global_new_client fortran_client)
   if(TOOLCHAIN)
-    run(COMMAND ${EMULATOR} ${WORK}/build/${program}.exe OUTPUT out
+    run(COMMAND ${EMULATOR} ${WORK}/build/${program}${suffix} OUTPUT out
         ENVIRONMENT WINEPATH=${WORK}/prefix/bin)
   else()
     run(COMMAND ${WORK}/build/${program} OUTPUT out)
@@ -37,7 +39,7 @@ foreach(program c_client cxx_client global_new_client fortran_client)
   endif()
 endforeach()
 
-run(COMMAND ${EMULATOR} ${WORK}/prefix/bin/memtrack --help OUTPUT out)
+run(COMMAND ${EMULATOR} ${WORK}/prefix/bin/memtrack${suffix} --help OUTPUT out)
 if(NOT out MATCHES "^Usage: memtrack")
   message(FATAL_ERROR "memtrack printed '${out}'")
 endif()
