@@ -108,10 +108,8 @@ struct Asking {
 
 void* allocate(std::size_t bytes) {
     while (!charge(bytes)) {
-        if (!rescued()) {
-            print_call_stack();
+        if (work_rescued() == 0)
             throw std::bad_alloc{};
-        }
     }
     const Asking asking(bytes);
     void* const block = mem_OperatorNewThrowBuiltin(bytes);

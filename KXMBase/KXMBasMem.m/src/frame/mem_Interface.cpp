@@ -23,8 +23,6 @@ namespace {
 using tracker_seam::Use;
 
 constexpr std::size_t tiny_limit = 129; // first size that is not tiny
-constexpr std::uintptr_t tiny_page = 4096;
-constexpr std::uint64_t tiny_tag = 0xabababab;
 
 // One cached word per tracked entry, not one for all: each settles the first time its own entry
 // runs after the decision. Races are harmless, since every thread computes the same value.
@@ -56,12 +54,8 @@ inline bool is_tiny(const void* ptr) {
     if (!mem_tinyBlocksUsed) {
         return false;
     }
-    const std::uintptr_t page = reinterpret_cast<std::uintptr_t>(ptr) & ~(tiny_page - 1);
-    if (page == 0) {
-        return false;
-    }
-    const auto* const words = reinterpret_cast<const std::uint64_t*>(page);
-    return os::peek_word(words) == page && os::peek_word(words + 1) == tiny_tag;
+    const tiny_seam::Tag* const page = tiny_seam::page_of(ptr);
+    return page != nullptr && tiny_seam::is_page(page);
 }
 
 KXM_ALWAYS_INLINE void* route_malloc(size_t size) {

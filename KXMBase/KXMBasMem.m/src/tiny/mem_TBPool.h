@@ -30,33 +30,22 @@
 #include <cstdint>
 
 #include "blocks/mem_FixedBlock.h"
+#include "frame/seam_tiny_pool.h"
 #include "heap/mem_mlock.h"
 
 class mem_DLAllocator;
 
 namespace tiny {
 
-inline constexpr std::uintptr_t page_bytes = 4096;
-inline constexpr std::uint64_t page_tag = 0xabababab;
+using tiny_seam::is_page;
+using tiny_seam::page_bytes;
+using tiny_seam::page_of;
+using tiny_seam::page_tag;
+using tiny_seam::Tag;
+
 inline constexpr std::uint64_t dead_tag = 0xDEADBEEF;
 inline constexpr int block_words = 1020; ///< what of a page is behind the tag
-
-/// The first two words of a page.
-struct KXM_MAY_ALIAS Tag {
-    std::uint64_t self;
-    std::uint64_t mark;
-};
 static_assert(sizeof(Tag) + 4 * block_words == page_bytes);
-
-inline Tag* page_of(const void* ptr) {
-    return reinterpret_cast<Tag*>(reinterpret_cast<std::uintptr_t>(ptr) & ~(page_bytes - 1));
-}
-
-/// Whether a page of the pool starts here. Any mapped memory may be asked about.
-inline bool is_page(const Tag* tag) {
-    return os::peek_word(&tag->self) == reinterpret_cast<std::uintptr_t>(tag) &&
-           os::peek_word(&tag->mark) == page_tag;
-}
 
 inline mem_FixedBlock* block_in(Tag* tag) {
     return static_cast<mem_FixedBlock*>(static_cast<void*>(tag + 1));
