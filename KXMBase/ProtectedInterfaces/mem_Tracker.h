@@ -132,6 +132,7 @@ private:
     void AddUntracked(const void* p);
     void DeleteUntracked(const void* p);
     bool ThreadWithPhases(int& thread) const;
+    bool EnterPath(int thread, const char* path);
     void FlushBuffer();
     bool WriteBuffer(int file);
 

@@ -256,12 +256,15 @@ void mem_Tracker::SetRank(int rank) {
 }
 
 void mem_Tracker::StartTracking() {
-    relaxed_write(m_recording, true);
+    const Guard guard(m_lock);
+    m_recording = true;
 }
 
+// Under the lock, so that no hook leaves a block out before the releases know that some are.
 void mem_Tracker::StopTracking() {
-    relaxed_write(m_recording, false);
-    relaxed_write(m_wasStopped, true);
+    const Guard guard(m_lock);
+    m_recording = false;
+    m_wasStopped = true;
 }
 
 int mem_Tracker::AddThread() {
@@ -318,8 +321,7 @@ inline void mem_Tracker::Record(mem_Transaction::TypeEnm type, void* p, void* ol
 }
 
 bool mem_Tracker::IsUntracked(const void* p) const {
-    return relaxed_read(const_cast<bool&>(m_wasStopped)) && m_numUntracked != 0 &&
-           m_untracked.LookUp(key_of(p)) != no_path;
+    return m_wasStopped && m_numUntracked != 0 && m_untracked.LookUp(key_of(p)) != no_path;
 }
 
 void mem_Tracker::AddUntracked(const void* p) {
@@ -334,7 +336,7 @@ void mem_Tracker::DeleteUntracked(const void* p) {
 
 inline void mem_Tracker::AllocationCall(mem_Transaction::TypeEnm type, void* p, std::size_t size) {
     const Guard guard(m_lock);
-    if (relaxed_read(m_recording)) {
+    if (m_recording) {
         Record(type, p, nullptr, size);
     } else {
         AddUntracked(p);
@@ -393,7 +395,7 @@ void mem_Tracker::ReallocCall(void* newP, void* oldP, std::size_t size) {
                 AddUntracked(newP);
             }
         }
-    } else if (relaxed_read(m_recording)) {
+    } else if (m_recording) {
         Record(mem_Transaction::e_realloc, newP, oldP, size);
     } // else the event is lost, and the new address is not kept either: meant
 }
@@ -463,6 +465,22 @@ bool mem_Tracker::ThreadWithPhases(int& thread) const {
     return true;
 }
 
+// False where the table of paths is full. Nothing ends the process in here: that may wait for a thread
+// which waits for the lock.
+bool mem_Tracker::EnterPath(int thread, const char* path) {
+    const Guard guard(m_lock); // the table of paths and the ids are all threads'
+    int id = m_stackHash.LookUp(path);
+    if (id == no_path) {
+        if (m_stackHash.IsFull()) {
+            return false;
+        }
+        id = m_nextStackId++;
+        m_stackHash.Add(path, id);
+    }
+    m_currStackId[thread] = id;
+    return true;
+}
+
 void mem_Tracker::EnterPhase(const char* name, int print) {
     int thread = 0;
     if (!ThreadWithPhases(thread)) {
@@ -471,14 +489,8 @@ void mem_Tracker::EnterPhase(const char* name, int print) {
     mem_PhaseStack& stack = m_phaseStacks[thread];
     stack.EnterPhase(name);
     const char* const path = stack.CurrentStack();
-    {
-        const Guard guard(m_lock); // the table of paths and the ids are all threads'
-        int id = m_stackHash.LookUp(path);
-        if (id == no_path) {
-            id = m_nextStackId++;
-            m_stackHash.Add(path, id);
-        }
-        m_currStackId[thread] = id;
+    if (!EnterPath(thread, path)) {
+        m_stackHash.Add(path, m_nextStackId); // ends the process
     }
     if (print != 0) {
         std::fprintf(stderr,
