@@ -458,6 +458,7 @@ void overfill_tracker(const std::vector<std::string>&) {
             mem_Free(mem_Malloc(1));
         }
         mem_Free(mem_Malloc(1));
+        mem_ThreadId::Finalize();
     });
     std::atexit([] {
         ending = true;

@@ -460,9 +460,10 @@ TEST_F(Recorder, EndsTheProcessWhenThereAreTooManyPaths) {
 }
 
 TEST_F(Recorder, HasADebuggerThatAnnouncesItsLife) {
-    EXPECT_EQ(track({"debugger"}).out,
-              "Finalizing\nInitializing\nCreated mem_Debugger\nInitializing\nFinalizing\n"
-              "Destroyed mem_Debugger\nFinalizing\n");
+    const test::ChildResult run = track({"debugger"});
+    EXPECT_EQ(run.exit_code, 0);
+    EXPECT_EQ(run.out, "Finalizing\nInitializing\nCreated mem_Debugger\nInitializing\nFinalizing\n"
+                       "Destroyed mem_Debugger\nFinalizing\n");
 }
 
 } // namespace
