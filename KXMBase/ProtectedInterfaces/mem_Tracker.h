@@ -133,6 +133,7 @@ private:
     void DeleteUntracked(const void* p);
     bool ThreadWithPhases(int& thread) const;
     bool EnterPath(int thread, const char* path);
+    void Tell(const char* text, int line);
     void FlushBuffer();
     bool WriteBuffer(int file);
 
@@ -158,6 +159,7 @@ private:
     bool m_wasStopped;
     std::int32_t m_numUntracked;
     mem_PtrHash m_untracked;
+    bool m_tellingFatal;
 
     static UseEnm m_useFlag;
     static mem_Tracker* m_instance;

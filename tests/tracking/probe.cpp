@@ -297,6 +297,7 @@ void own_memory(const std::vector<std::string>&) {
 void full_disk(const std::vector<std::string>& arguments) {
     mem_Tracker& tracker = mem_Tracker::Instance();
     tracking::test_seam::room = std::stoll(arguments.at(0));
+    on_recorded_fatal_error([] { mem_Free(mem_Malloc(1)); }); // as whoever reports it may
     for (int i = 0; i < 2 * mem_Tracker::BufferSize; ++i) {
         tracker.MallocCall(&tracker, 1);
     }

@@ -165,7 +165,7 @@ mem_Tracker::mem_Tracker()
       m_outputDir(), m_nextStackId(0), m_currStackId(), m_lock(mem_ThrUnlocked), m_fileNumber(0),
       m_itemsInCurrBuffer(0), m_debugTrans(), m_numDebugTrans(0), m_nextDebugTrans(0),
       m_currTransactionId(0), m_numThreads(0), m_recording(true), m_wasStopped(false),
-      m_numUntracked(0), m_untracked(0) {
+      m_numUntracked(0), m_untracked(0), m_tellingFatal(false) {
     CheckForTracking();
     m_stackHash.Add("ROOT", m_nextStackId++);
     ReadOutputDir();
@@ -297,7 +297,9 @@ void mem_Tracker::Announce(mem_Transaction::TypeEnm type) {
 inline void mem_Tracker::Record(mem_Transaction::TypeEnm type, void* p, void* oldP,
                                 std::size_t size) {
     if (m_itemsInCurrBuffer >= BufferSize) {
-        fatal("AssertionFailed:m_itemsInCurrBuffer < BufferSize", __LINE__);
+        if (!m_tellingFatal) {
+            Tell("AssertionFailed:m_itemsInCurrBuffer < BufferSize", __LINE__);
+        }
         return;
     }
     if (m_numDebugTrans != 0) {
@@ -403,6 +405,18 @@ void mem_Tracker::ReallocCall(void* newP, void* oldP, std::size_t size) {
 // ---------------------------------------------------------------------------------------------
 // Files
 
+// A fatal error of a buffer that may be full. Whoever receives it may allocate: those events find no room
+// either, and are dropped without a fatal error of their own, which would not end.
+void mem_Tracker::Tell(const char* text, int line) {
+    struct Telling { // over also where the fatal error throws
+        explicit Telling(bool& flag) : flag_(flag), before_(flag) { flag_ = true; }
+        ~Telling() { flag_ = before_; }
+        bool& flag_;
+        const bool before_;
+    } const telling(m_tellingFatal);
+    fatal(text, line);
+}
+
 void mem_Tracker::FlushBuffer() {
     if (m_itemsInCurrBuffer < 1) {
         return;
@@ -420,7 +434,7 @@ void mem_Tracker::FlushBuffer() {
             std::fprintf(stderr, "  Does the output directory %s exist?\n", m_outputDir);
         }
         std::fflush(stderr);
-        fatal("AssertionFailed:0", __LINE__);
+        Tell("AssertionFailed:0", __LINE__);
         return;
     }
     const bool written = WriteBuffer(file);
@@ -436,11 +450,11 @@ bool mem_Tracker::WriteBuffer(int file) {
                                     static_cast<std::size_t>(m_itemsInCurrBuffer) *
                                         sizeof(mem_Transaction))) {
     case tracking::Written::count_short:
-        fatal("AssertionFailed:numBytesWritten == sizeof(int)", __LINE__);
+        Tell("AssertionFailed:numBytesWritten == sizeof(int)", __LINE__);
         return false;
     case tracking::Written::records_short:
-        fatal("AssertionFailed:numBytesWritten == m_itemsInCurrBuffer * sizeof(mem_Transaction)",
-              __LINE__);
+        Tell("AssertionFailed:numBytesWritten == m_itemsInCurrBuffer * sizeof(mem_Transaction)",
+             __LINE__);
         return false;
     case tracking::Written::whole:
         break;
