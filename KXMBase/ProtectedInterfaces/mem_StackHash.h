@@ -21,6 +21,7 @@ public:
     /// Enters a path; the text is copied. At 3992 paths the table is full: the process ends with a
     /// message and status 0.
     void Add(const char* key, int value);
+    bool IsFull() const; ///< the next path would be too many
 
     /// The path's identifier, or 0x7FFFFFFF for an unknown one.
     int LookUp(const char* key);

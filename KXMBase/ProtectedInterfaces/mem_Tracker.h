@@ -132,6 +132,8 @@ private:
     void AddUntracked(const void* p);
     void DeleteUntracked(const void* p);
     bool ThreadWithPhases(int& thread) const;
+    bool EnterPath(int thread, const char* path);
+    void Tell(const char* text, int line);
     void FlushBuffer();
     bool WriteBuffer(int file);
 
@@ -157,6 +159,7 @@ private:
     bool m_wasStopped;
     std::int32_t m_numUntracked;
     mem_PtrHash m_untracked;
+    bool m_tellingFatal;
 
     static UseEnm m_useFlag;
     static mem_Tracker* m_instance;

@@ -58,6 +58,7 @@ void free(void* ptr) {
 namespace tracker_seam {
 
 Use check_for_tracking() {
+    events.push_back("decides"); // at the start alone, and never in an entry
     return use;
 }
 

@@ -137,6 +137,8 @@ TEST(Files, TakeWideNamesAndRefuseBrokenOnes) {
     EXPECT_TRUE(std::filesystem::exists(std::filesystem::path(name)));
 
     if (os::properties().directory_separator == '/') {
+        using std::filesystem::perms;
+        EXPECT_EQ(std::filesystem::status(name).permissions() & ~perms(0640), perms::none);
         const unsigned short broken[] = {'a', 0xd800, 'b', 0};
         EXPECT_LT(os::file_create_wide(broken), 0);
     }

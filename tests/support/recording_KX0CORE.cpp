@@ -10,6 +10,7 @@ namespace {
 std::mutex lock;
 int count = 0;
 char last_text[256], last_source[256];
+void (*then)() = nullptr;
 
 void keep(char (&where)[256], const char* text) {
     std::size_t i = 0;
@@ -23,10 +24,19 @@ void keep(char (&where)[256], const char* text) {
 
 void KXTFatalError(const char* text, const char*, const char*, const char*, const char* source,
                    int) {
-    const std::lock_guard guard(lock);
-    ++count;
-    keep(last_text, text);
-    keep(last_source, source);
+    {
+        const std::lock_guard guard(lock);
+        ++count;
+        keep(last_text, text);
+        keep(last_source, source);
+    }
+    if (then != nullptr) {
+        then();
+    }
+}
+
+void on_recorded_fatal_error(void (*what)()) {
+    then = what;
 }
 
 int recorded_fatal_errors() {

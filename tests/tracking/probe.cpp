@@ -8,6 +8,7 @@
 
 #include <atomic>
 #include <cinttypes>
+#include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -39,6 +40,14 @@ void end_tracking() {
 
 void say_fatal_errors() {
     std::printf("fatal %d %s\n", recorded_fatal_errors(), recorded_fatal_text());
+}
+
+// The number of the next file that is opened, which grows when one stays open.
+os::File next_file() {
+    const char* const folder = std::getenv("KXA_MEM_OUTPUTDIR");
+    const os::File file = os::file_create((std::string(folder) + "/next").c_str());
+    os::file_close(file);
+    return file;
 }
 
 // Every kind of event, once, and what fails.
@@ -78,6 +87,8 @@ void plain(const std::vector<std::string>&) {
 }
 
 void stopped(const std::vector<std::string>&) {
+    mem_Tracker& tracker = mem_Tracker::Instance();
+    volatile std::size_t too_much = SIZE_MAX / 2;
     void* const recorded = mem_Malloc(10);
     void* const recorded_too = mem_Malloc(20);
     Interface::StopTracking();
@@ -87,7 +98,19 @@ void stopped(const std::vector<std::string>&) {
     mem_Free(recorded);                            // told
     unrecorded = mem_Realloc(unrecorded, 1000000); // moves, and stays unrecorded
     void* const lost = mem_Realloc(recorded_too, 2000000);
+    tracker.NewCall(&tracker, 5);
+    void* const refused = mem_Malloc(60);
+    tracker.ReallocCall(nullptr, refused, too_much); // no longer known, and null is not kept for it
+    mem_Free(nullptr);                               // told
+    mem_Malloc(too_much);                            // but null is left out here as any other
     Interface::StartTracking();
+    tracker.DeleteCall(&tracker);
+    tracker.NewCall(&tracker, 5); // told again, and so is its end
+    tracker.DeleteCall(&tracker);
+    void* const first = mem_Realloc(nullptr, 70); // told: null is nobody's old block
+    mem_Free(first);
+    mem_Free(nullptr); // that of the refusal
+    mem_Free(refused); // told
     mem_Release(unrecorded);
     unrecorded = mem_Realloc(unrecorded, 10);
     mem_Free(unrecorded);
@@ -100,11 +123,15 @@ void stopped(const std::vector<std::string>&) {
 // COUNT events, and nothing else.
 void fill(const std::vector<std::string>& arguments) {
     mem_Tracker& tracker = mem_Tracker::Instance();
+    const os::File next = next_file();
     for (long i = std::stol(arguments.at(0)); i > 0; --i) {
         tracker.MallocCall(&tracker, 1);
     }
     end_tracking();
     say_fatal_errors();
+    if (next_file() != next) {
+        std::puts("a file is left open");
+    }
 }
 
 // Many threads at a time, and more than 64 in all; blocks change hands. Prints what is held at the
@@ -184,7 +211,17 @@ void identity(const std::vector<std::string>&) {
         return first == mem_ThreadId::Instance().GetThreadId() ? first : -1;
     };
     const auto there = [](const std::function<void()>& what) { std::thread(what).join(); };
+    there([&] {
+        here();
+        mem_ThreadId::Finalize();
+    });
     std::printf("main %d\n", here());
+    int last = 0;
+    for (int i = 0; i < 3000; ++i) { // the last thread gives the class's own resources back
+        mem_ThreadId::Finalize();
+        last = here();
+    }
+    std::printf("last %d\n", last);
     there([&] { std::printf("second %d\n", here()); }); // leaves its instance behind
     mem_ThreadId::Finalize();
     mem_ThreadId::Finalize();
@@ -197,6 +234,7 @@ void identity(const std::vector<std::string>&) {
     const int kept = mem_ThreadId::Instance().GetThreadId();
     mem_ThreadId::Finalize(); // no longer on: nothing happens
     std::printf("kept %d\n", kept == mem_ThreadId::Instance().GetThreadId());
+    say_fatal_errors();
 }
 
 void debugger(const std::vector<std::string>&) {
@@ -204,19 +242,27 @@ void debugger(const std::vector<std::string>&) {
     mem_Debugger::Initialize();
     mem_Debugger::Initialize();
     mem_Debugger::Finalize();
+    mem_Debugger::Finalize();
 }
 
 // The tracker's own requests are counted at the table; a nested hook would show as an id of its own.
-std::size_t requests = 0;
+std::size_t requests = 0, given_back = 0;
 void* (*real_malloc)(std::size_t);
+void (*real_free)(void*);
 void* counted_malloc(std::size_t size) {
     ++requests;
     return real_malloc(size);
+}
+void counted_free(void* block) {
+    ++given_back;
+    real_free(block);
 }
 
 void own_memory(const std::vector<std::string>&) {
     real_malloc = mem_malloc;
     mem_malloc = counted_malloc;
+    real_free = mem_free;
+    mem_free = counted_free;
     mem_Tracker& tracker = mem_Tracker::Instance();
     static char block[16];
     for (int i = 0; i < 300000; ++i) { // writes two files on the way
@@ -235,10 +281,14 @@ void own_memory(const std::vector<std::string>&) {
     for (int depth = 0; depth < 50; ++depth) { // the texts of the paths outgrow their pool
         Interface::EnterPhase(name.c_str(), 0);
     }
-    std::thread([] { mem_ThreadId::Instance(); }).join();
+    std::thread([] {
+        mem_ThreadId::Instance();
+        mem_ThreadId::Finalize();
+    }).join();
     say("requests at all", requests);
     say("ids", static_cast<std::uint64_t>(Interface::CurrTransactionId()));
     end_tracking();
+    say("given back", given_back);
     say_fatal_errors();
 }
 
@@ -247,6 +297,7 @@ void own_memory(const std::vector<std::string>&) {
 void full_disk(const std::vector<std::string>& arguments) {
     mem_Tracker& tracker = mem_Tracker::Instance();
     tracking::test_seam::room = std::stoll(arguments.at(0));
+    on_recorded_fatal_error([] { mem_Free(mem_Malloc(1)); }); // as whoever reports it may
     for (int i = 0; i < 2 * mem_Tracker::BufferSize; ++i) {
         tracker.MallocCall(&tracker, 1);
     }
@@ -290,7 +341,18 @@ void names(const std::vector<std::string>& arguments) {
     }
 }
 
-void no_converter(const std::vector<std::string>&) {
+void long_phase(const std::vector<std::string>&) {
+    Interface::EnterPhase(std::string(127, 'n').c_str(), 0);
+    std::puts("fine");
+    std::fflush(stdout);
+    Interface::EnterPhase(std::string(128, 'n').c_str(), 0);
+}
+
+void no_converter(const std::vector<std::string>& arguments) {
+    if (!arguments.empty()) {
+        char name[4];
+        mem_ToOs::ToLocale("abc", name, sizeof name);
+    }
     mem_Free(mem_Malloc(1));
     mem_Tracker::Finalize();
 }
@@ -314,6 +376,8 @@ void announce(const std::vector<std::string>&) {
 void plain_entries(const std::vector<std::string>& arguments) {
     if (!arguments.empty()) { // with tracking off
         Interface::SetOutputName("x");
+        Interface::SetRank(1);
+        Interface::StartTracking();
         Interface::EnterPhase("x", 1);
         Interface::ExitPhase(1);
         Interface::PrintTransaction("x");
@@ -337,20 +401,28 @@ void plain_entries(const std::vector<std::string>& arguments) {
     mem_tracker_enterphase(&quiet, text.data(), 118);
     mem_tracker_exitphase(&quiet);
     say_fatal_errors();
+    const auto say_source = [] {
+        say_fatal_errors();
+        std::printf("in %s\n", recorded_fatal_source());
+    };
     mem_tracker_enterphase(&quiet, text.data(), 119);
-    say_fatal_errors();
-    mem_tracker_printtransaction(text.data(), 119);
-    say_fatal_errors();
+    say_source();
+    mem_tracker_printtransaction(text.data(), INT_MAX);
+    say_source();
     MemoryCheckerActivate();
     MemoryCheckerDeactivate();
     KXMBasMemCheckerActivate();
     KXMBasMemCheckerDeactivate();
     KXMBasMemCheckerCurrentTrans(nullptr);
     std::printf("checker %d\n", MemoryCheckerCurrentTransaction(nullptr));
+    if (!arguments.empty()) {
+        mem_Tracker::Finalize(); // writes nothing, and needs no converter
+        std::printf("flag %d\n", mem_Tracker::CheckUseFlag());
+    }
 }
 
 void late_thread(const std::vector<std::string>&) {
-    for (int i = 0; i < 64; ++i) {
+    for (int i = 0; i < 63; ++i) {
         mem_Tracker::Instance().AddThread();
     }
     std::thread([] {
@@ -378,6 +450,31 @@ void overfill(const std::vector<std::string>&) {
     std::abort();
 }
 
+// The process that the table of paths ends waits for a thread that allocates.
+void overfill_tracker(const std::vector<std::string>&) {
+    static std::atomic<bool> ending{false};
+    static std::thread thread;
+    thread = std::thread([] {
+        while (!ending) {
+            mem_Free(mem_Malloc(1));
+        }
+        mem_Free(mem_Malloc(1));
+        mem_ThreadId::Finalize();
+    });
+    std::atexit([] {
+        ending = true;
+        thread.join();
+        std::puts("joined");
+    });
+    for (int i = 1; i < 4000; ++i) { // and the root
+        if (i == 3992) {
+            std::puts("full");
+        }
+        Interface::EnterPhase(std::to_string(i).c_str(), 0);
+        Interface::ExitPhase(0);
+    }
+}
+
 } // namespace
 
 int main(int argc, char** argv) {
@@ -392,11 +489,13 @@ int main(int argc, char** argv) {
         {"full-disk", full_disk},
         {"vanishing-folder", vanishing_folder},
         {"names", names},
+        {"long-phase", long_phase},
         {"no-converter", no_converter},
         {"announce", announce},
         {"plain-entries", plain_entries},
         {"late-thread", late_thread},
-        {"overfill", overfill}};
+        {"overfill", overfill},
+        {"overfill-tracker", overfill_tracker}};
     int status = 0;
     KXMBasAlloc_initialize(status);
     const auto command = commands.find(argc > 1 ? argv[1] : "");

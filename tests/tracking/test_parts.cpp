@@ -3,7 +3,9 @@
 #include "KXMBasMem.h"
 #include "child.h"
 #include "kxm_utf8_names.h"
+#include "platform/os.h"
 #include "recording_KX0CORE.h"
+#include "tracking/test_seam.h"
 #include "tracking_files.h"
 
 #include <filesystem>
@@ -92,13 +94,29 @@ TEST_F(PointerTable, GrowsByItsListOfSizes) {
     EXPECT_EQ(mem_PtrHash(35000).MemoryUse(), 262139 * 16U)
         << "13107 and 131 thousand are passed over";
 
-    // Deleted slots are used again; a table full of them is made anew in the same size.
+    // Deleted slots are used again.
+    for (int i = 0; i < 20000; ++i) {
+        table.Add(16, 1);
+        table.Delete(16);
+    }
+    EXPECT_NE(summary(table).find("   Hash Table was not Resized\n"), std::string::npos);
+    // A table full of them is made anew in the same size.
     for (long long key = 1; key <= 200000; ++key) {
         table.Add(key * 8, 1);
         table.Delete(key * 8);
     }
     EXPECT_EQ(table.MemoryUse(), 15683 * 16U);
     EXPECT_NE(summary(table).find("   HASH TABLE WAS RESIZED\n"), std::string::npos);
+
+    mem_PtrHash large(0), replaced(0);
+    for (int i = 0; i < 350000; ++i) {
+        large.Add(i * 16, i);
+    }
+    EXPECT_EQ(large.MemoryUse(), 1048573 * 16U);
+    for (int i = 0; i < 30457; ++i) { // 10457 keys, most of them three times
+        replaced.Add((i < 30000 ? i % 10000 : i) * 16, i);
+    }
+    EXPECT_EQ(replaced.MemoryUse(), 65521 * 16U) << "a value that is replaced counts again";
 }
 
 TEST_F(PointerTable, TellsOfAStartValueThatIsTooHigh) {
@@ -130,6 +148,16 @@ TEST_F(PathTable, TakesItsStateWordsAsPaths) {
     table->Add(longer.c_str(), 4);
     EXPECT_EQ(table->LookUp(longer.c_str()), 4);
     EXPECT_EQ(table->LookUp("DELETED"), 2);
+
+    const auto told = [](mem_StackHash& paths, std::size_t length) {
+        testing::internal::CaptureStderr();
+        paths.Add(std::string(length, 'y').c_str(), 5);
+        return testing::internal::GetCapturedStderr();
+    };
+    const auto fitting = std::make_unique<mem_StackHash>(),
+               larger = std::make_unique<mem_StackHash>();
+    EXPECT_EQ(told(*fitting, 32767), "");
+    EXPECT_EQ(told(*larger, 32768).find("\n\nWARNING: Memory tracking. Forced"), 0U);
 
     const std::string base = test::scratch_folder("paths") + "gr\xc3\xb6\xc3\x9f"
                                                              "e";
@@ -184,6 +212,12 @@ TEST_F(Phases, AreWrittenInFiftiesForOneThread) {
         return std::filesystem::exists(base + ".phase_thr4_" + std::to_string(number));
     };
     const std::string longest(119, 'n');
+    const auto next_file = [&base] {
+        const os::File file = os::file_create((base + "next").c_str());
+        os::file_close(file);
+        return file;
+    };
+    const os::File next = next_file();
     const int before = recorded_fatal_errors();
     {
         mem_PhaseBuffer buffer;
@@ -198,6 +232,7 @@ TEST_F(Phases, AreWrittenInFiftiesForOneThread) {
         buffer.ExitPhase(4, 51);
     }
     EXPECT_EQ(recorded_fatal_errors(), before);
+    EXPECT_EQ(next_file(), next) << "a file is left open";
     std::vector<std::string> read;
     memtrack::Notes notes;
     EXPECT_TRUE(memtrack::read_phase_events(base, 4, notes, [&](const memtrack::PhaseEvent& event) {
@@ -234,7 +269,18 @@ TEST_F(Phases, TellWhatABufferRefuses) {
     }
     buffer.ExitPhase(1, 50);
     refused("outFd > -1");
-    buffer.SetOutputName(base.c_str()); // for its end
+    buffer.SetOutputName(base.c_str());
+    const std::pair<std::int64_t, const char*> disks[] = {
+        {3, "numBytesWritten == sizeof(int)"},
+        {4 + 50 * 128 - 1, "numBytesWritten == m_currEntry * sizeof(mem_PhaseDescription)"}};
+    for (const auto& [room, text] : disks) {
+        tracking::test_seam::room = room;
+        buffer.ExitPhase(1, 50);
+        refused(text);
+    }
+    tracking::test_seam::room = INT64_MAX;
+    buffer.ExitPhase(1, 50); // what was kept is written now, under the same name
+    EXPECT_EQ(std::filesystem::file_size(base + ".phase_thr1_0"), 4 + 50 * 128U);
 }
 
 TEST(ThreadLock, RemembersWhetherItIsHeld) {
@@ -258,6 +304,9 @@ TEST(ThreadLock, RemembersWhetherItIsHeld) {
     lock.Unlock();
     lock.Unlock();
     EXPECT_EQ(elsewhere(), 1);
+    lock.Lock();
+    EXPECT_EQ(lock.TryLock(), 0);
+    lock.Unlock();
     mem_ThrLock* const own = new mem_ThrLock(mem_ThrUnlocked);
     EXPECT_EQ(own->TryLock(), 1);
     own->Unlock();

@@ -175,9 +175,10 @@ TEST_F(Recorder, LeavesOutWhatWasAllocatedWhileStopped) {
         found.push_back(memtrack::type_name(t.type));
         history.add(t);
     }
-    EXPECT_EQ(found, (std::vector<std::string>{"malloc", "malloc", "free", "free"}));
+    EXPECT_EQ(found, (std::vector<std::string>{"malloc", "malloc", "free", "free", "new", "delete",
+                                               "realloc", "free", "free", "free"}));
     EXPECT_EQ(history.held().size(), 1U) << "the block whose resize was lost";
-    EXPECT_EQ(history.unknown_releases(), 1U);
+    EXPECT_EQ(history.unknown_releases(), 2U);
 }
 
 TEST_F(Recorder, WritesFullBuffersAndTheRest) {
@@ -223,23 +224,40 @@ TEST_F(Recorder, LosesNothingOfManyThreads) {
 }
 
 TEST_F(Recorder, NumbersThreadsByFirstContact) {
-    EXPECT_EQ(track({"identity"}).out, "main 0\nsecond 1\nthird 2\nmain again 3\nkept 1\n");
+    EXPECT_EQ(track({"identity"}).out,
+              "main 0\nlast 3001\nsecond 3002\nthird 3003\nmain again 3004\nkept 1\nfatal 0 \n");
 }
 
 TEST_F(Recorder, TakesMemoryOfItsOwnUnseen) {
     const test::ChildResult run = track({"own-memory"});
     auto at = numbers(run.out);
     EXPECT_EQ(at["requests while recording"], 0U);
-    EXPECT_GT(at["requests at all"], 4U);
+    EXPECT_EQ(at["requests at all"], 3 + 5 + 1U) << "tables, pools of texts, and a thread";
+    // As well as this thread, what all threads share, and the tracker itself.
+    EXPECT_EQ(at["given back"], at["requests at all"] + 3);
     EXPECT_EQ(at["ids"], 900000U) << "a request of the tracker's was recorded";
     EXPECT_NE(
         run.err.find("\n\nWARNING: Memory tracking. Forced to resize mem_StackHash.\nMemory use "
                      "from tracking code may change allocation patterns.\n\n"),
         std::string::npos);
-    EXPECT_EQ(transactions().size(), 900000U);
+    const std::vector<Transaction> all = transactions();
+    ASSERT_EQ(all.size(), 900000U);
+    for (const Transaction& t : all) { // no field is left from an earlier use of its slot
+        const Type type = t.id % 3 == 0   ? Type::malloc_
+                          : t.id % 3 == 1 ? Type::realloc_
+                                          : Type::free_;
+        ASSERT_EQ(t.type, type);
+        ASSERT_EQ(t.pointer, all[0].pointer);
+        ASSERT_EQ(t.old_pointer, type == Type::realloc_ ? t.pointer : 0);
+        ASSERT_EQ(t.size, type == Type::malloc_    ? 16
+                          : type == Type::realloc_ ? 8
+                                                   : memtrack::no_size);
+    }
     const memtrack::PhaseTable phases(base(), notes_);
     EXPECT_EQ(phases.size(), 51U);
-    EXPECT_EQ(phases.path(50).size(), 4 + 50 * 129U) << "a path that moved with its pool";
+    for (int depth = 0; depth <= 50; ++depth) { // they moved with their pool
+        EXPECT_EQ(phases.path(depth).size(), 4 + static_cast<std::size_t>(depth) * 129);
+    }
 }
 
 TEST_F(Recorder, SaysWhenTheDiskIsFull) {
@@ -283,6 +301,8 @@ TEST_F(Recorder, SaysWhenAFolderIsMissingOrVanishes) {
               0U)
         << run.err;
     EXPECT_NE(run.out.find("AssertionFailed:0"), std::string::npos);
+    run = track({"names", "no/such/base", "end"}, {{"KXA_MEM_OUTPUTDIR", std::nullopt}});
+    EXPECT_EQ(run.err, "\nUnable to open memory tracking file.\n  FileName: no/such/base.memT0");
 
     const std::string folder = test::scratch_folder("vanishing") + "out";
     std::filesystem::create_directories(folder);
@@ -338,9 +358,20 @@ TEST_F(Recorder, RefusesNamesThatAreTooLong) {
 }
 
 TEST_F(Recorder, NeedsAConverterAtItsEnd) {
-    const test::ChildResult run = track({"no-converter"});
+    test::ChildResult run = track({"no-converter"});
     EXPECT_TRUE(run.crashed);
-    EXPECT_NE(run.err.find("m_toOs"), std::string::npos) << run.err;
+    EXPECT_NE(run.err.find("m_toOs, file mem_ToOs, line 22"), std::string::npos) << run.err;
+    run = track({"no-converter", "narrow"});
+    EXPECT_TRUE(run.crashed);
+    EXPECT_NE(run.err.find("m_toOs, file mem_ToOs, line 28"), std::string::npos) << run.err;
+}
+
+TEST_F(Recorder, EndsTheProcessAtAPhaseNameThatIsTooLong) {
+    const test::ChildResult run = track({"long-phase"});
+    EXPECT_TRUE(run.crashed);
+    EXPECT_EQ(run.out, "fine\n");
+    EXPECT_NE(run.err.find("strlen(phaseName) < e_maxRoutineNameSize"), std::string::npos)
+        << run.err;
 }
 
 TEST_F(Recorder, AnnouncesTheNextOfItsListAlone) {
@@ -367,7 +398,9 @@ TEST_F(Recorder, AnnouncesTheNextOfItsListAlone) {
 TEST_F(Recorder, ServesPlainEntriesOnAndOff) {
     const std::string last = "fatal 0 \n"
                              "fatal 1 AssertionFailed:length + 1 < MEM_TRACKER_PHASE_MAXSTRLEN\n"
+                             "in mem_Tracker_EnterPhase\n"
                              "fatal 2 AssertionFailed:length + 1 < MEM_TRACKER_PHASE_MAXSTRLEN\n"
+                             "in mem_Tracker_PrintTransaction\n"
                              "checker 0\n";
     const auto enter = [](const std::string& path, const char* what = "ENTER PHASE  --") {
         return "rank -1  --  " + path + "  --  " + what +
@@ -382,7 +415,7 @@ TEST_F(Recorder, ServesPlainEntriesOnAndOff) {
                            std::string(109, '#') + "  --  Monitored TransId = 0\n")
         << "a text that is too long is cut where the fatal error returns";
     run = track({"plain-entries", "off"}, {{"KXA_MEM_TRACK", std::nullopt}});
-    EXPECT_EQ(run.out, "active 0\nrequests 1\nenter 0\nexit 0\n" + last);
+    EXPECT_EQ(run.out, "active 0\nrequests 1\nenter 0\nexit 0\n" + last + "flag 3\n");
     EXPECT_EQ(run.err, "");
     EXPECT_TRUE(std::filesystem::is_empty(folder_));
 }
@@ -410,22 +443,27 @@ TEST_F(Recorder, HasNoPhasesForTheSixtyFifthThread) {
     EXPECT_EQ(track({"late-thread"}).out, "fatal 2 AssertionFailed:threadId < MEM_MAX_THREADS\n");
     const auto all = transactions();
     ASSERT_EQ(all.size(), 2U);
-    EXPECT_EQ(all[0].thread, 65);
+    EXPECT_EQ(all[0].thread, 64);
 }
 
 TEST_F(Recorder, EndsTheProcessWhenThereAreTooManyPaths) {
-    const test::ChildResult run = track({"overfill"});
-    EXPECT_EQ(run.exit_code, 0);
-    EXPECT_EQ(run.out, "all 1\n");
-    EXPECT_NE(
-        run.err.find("mem_PtrHash::Add  --  ERROR  --  Stack hash table has been overfilled.\n"),
-        std::string::npos);
+    const std::pair<const char*, const char*> ways[] = {{"overfill", "all 1\n"},
+                                                        {"overfill-tracker", "full\njoined\n"}};
+    for (const auto& [command, out] : ways) {
+        const test::ChildResult run = track({command});
+        EXPECT_EQ(run.exit_code, 0);
+        EXPECT_EQ(run.out, out);
+        EXPECT_NE(run.err.find(
+                      "mem_PtrHash::Add  --  ERROR  --  Stack hash table has been overfilled.\n"),
+                  std::string::npos);
+    }
 }
 
 TEST_F(Recorder, HasADebuggerThatAnnouncesItsLife) {
-    EXPECT_EQ(track({"debugger"}).out,
-              "Finalizing\nInitializing\nCreated mem_Debugger\nInitializing\nFinalizing\n"
-              "Destroyed mem_Debugger\n");
+    const test::ChildResult run = track({"debugger"});
+    EXPECT_EQ(run.exit_code, 0);
+    EXPECT_EQ(run.out, "Finalizing\nInitializing\nCreated mem_Debugger\nInitializing\nFinalizing\n"
+                       "Destroyed mem_Debugger\nFinalizing\n");
 }
 
 } // namespace

@@ -94,16 +94,19 @@ void mem_StackHash::AddKey(mem_StackHashEntry& slot, const char* key) {
 
 void mem_StackHash::InsertInTable(const char* key, int value) {
     mem_StackHashEntry& slot = *FindSlot(key);
-    if (slot.key == m_emptyKey) {
-        ++m_filled;
-    }
-    AddKey(slot, key);
+    const bool fresh = slot.key == m_emptyKey;
+    AddKey(slot, key); // a refusal of memory leaves the table as it was
+    m_filled += fresh ? 1 : 0;
     slot.value = value;
     ++m_entries; // for a path that was there already, too, as in mem_PtrHash
 }
 
+bool mem_StackHash::IsFull() const {
+    return tracking::at_load_limit(m_filled, m_size);
+}
+
 void mem_StackHash::Add(const char* key, int value) {
-    if (!tracking::at_load_limit(m_filled, m_size)) {
+    if (!IsFull()) {
         InsertInTable(key, value);
         return;
     }

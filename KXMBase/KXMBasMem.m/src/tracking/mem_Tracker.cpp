@@ -165,7 +165,7 @@ mem_Tracker::mem_Tracker()
       m_outputDir(), m_nextStackId(0), m_currStackId(), m_lock(mem_ThrUnlocked), m_fileNumber(0),
       m_itemsInCurrBuffer(0), m_debugTrans(), m_numDebugTrans(0), m_nextDebugTrans(0),
       m_currTransactionId(0), m_numThreads(0), m_recording(true), m_wasStopped(false),
-      m_numUntracked(0), m_untracked(0) {
+      m_numUntracked(0), m_untracked(0), m_tellingFatal(false) {
     CheckForTracking();
     m_stackHash.Add("ROOT", m_nextStackId++);
     ReadOutputDir();
@@ -256,12 +256,15 @@ void mem_Tracker::SetRank(int rank) {
 }
 
 void mem_Tracker::StartTracking() {
-    relaxed_write(m_recording, true);
+    const Guard guard(m_lock);
+    m_recording = true;
 }
 
+// Under the lock, so that no hook leaves a block out before the releases know that some are.
 void mem_Tracker::StopTracking() {
-    relaxed_write(m_recording, false);
-    relaxed_write(m_wasStopped, true);
+    const Guard guard(m_lock);
+    m_recording = false;
+    m_wasStopped = true;
 }
 
 int mem_Tracker::AddThread() {
@@ -294,7 +297,9 @@ void mem_Tracker::Announce(mem_Transaction::TypeEnm type) {
 inline void mem_Tracker::Record(mem_Transaction::TypeEnm type, void* p, void* oldP,
                                 std::size_t size) {
     if (m_itemsInCurrBuffer >= BufferSize) {
-        fatal("AssertionFailed:m_itemsInCurrBuffer < BufferSize", __LINE__);
+        if (!m_tellingFatal) {
+            Tell("AssertionFailed:m_itemsInCurrBuffer < BufferSize", __LINE__);
+        }
         return;
     }
     if (m_numDebugTrans != 0) {
@@ -318,8 +323,7 @@ inline void mem_Tracker::Record(mem_Transaction::TypeEnm type, void* p, void* ol
 }
 
 bool mem_Tracker::IsUntracked(const void* p) const {
-    return relaxed_read(const_cast<bool&>(m_wasStopped)) && m_numUntracked != 0 &&
-           m_untracked.LookUp(key_of(p)) != no_path;
+    return m_wasStopped && m_numUntracked != 0 && m_untracked.LookUp(key_of(p)) != no_path;
 }
 
 void mem_Tracker::AddUntracked(const void* p) {
@@ -334,7 +338,7 @@ void mem_Tracker::DeleteUntracked(const void* p) {
 
 inline void mem_Tracker::AllocationCall(mem_Transaction::TypeEnm type, void* p, std::size_t size) {
     const Guard guard(m_lock);
-    if (relaxed_read(m_recording)) {
+    if (m_recording) {
         Record(type, p, nullptr, size);
     } else {
         AddUntracked(p);
@@ -393,13 +397,25 @@ void mem_Tracker::ReallocCall(void* newP, void* oldP, std::size_t size) {
                 AddUntracked(newP);
             }
         }
-    } else if (relaxed_read(m_recording)) {
+    } else if (m_recording) {
         Record(mem_Transaction::e_realloc, newP, oldP, size);
     } // else the event is lost, and the new address is not kept either: meant
 }
 
 // ---------------------------------------------------------------------------------------------
 // Files
+
+// A fatal error of a buffer that may be full. Whoever receives it may allocate: those events find no room
+// either, and are dropped without a fatal error of their own, which would not end.
+void mem_Tracker::Tell(const char* text, int line) {
+    struct Telling { // over also where the fatal error throws
+        explicit Telling(bool& flag) : flag_(flag), before_(flag) { flag_ = true; }
+        ~Telling() { flag_ = before_; }
+        bool& flag_;
+        const bool before_;
+    } const telling(m_tellingFatal);
+    fatal(text, line);
+}
 
 void mem_Tracker::FlushBuffer() {
     if (m_itemsInCurrBuffer < 1) {
@@ -418,7 +434,7 @@ void mem_Tracker::FlushBuffer() {
             std::fprintf(stderr, "  Does the output directory %s exist?\n", m_outputDir);
         }
         std::fflush(stderr);
-        fatal("AssertionFailed:0", __LINE__);
+        Tell("AssertionFailed:0", __LINE__);
         return;
     }
     const bool written = WriteBuffer(file);
@@ -434,11 +450,11 @@ bool mem_Tracker::WriteBuffer(int file) {
                                     static_cast<std::size_t>(m_itemsInCurrBuffer) *
                                         sizeof(mem_Transaction))) {
     case tracking::Written::count_short:
-        fatal("AssertionFailed:numBytesWritten == sizeof(int)", __LINE__);
+        Tell("AssertionFailed:numBytesWritten == sizeof(int)", __LINE__);
         return false;
     case tracking::Written::records_short:
-        fatal("AssertionFailed:numBytesWritten == m_itemsInCurrBuffer * sizeof(mem_Transaction)",
-              __LINE__);
+        Tell("AssertionFailed:numBytesWritten == m_itemsInCurrBuffer * sizeof(mem_Transaction)",
+             __LINE__);
         return false;
     case tracking::Written::whole:
         break;
@@ -463,6 +479,22 @@ bool mem_Tracker::ThreadWithPhases(int& thread) const {
     return true;
 }
 
+// False where the table of paths is full. Nothing ends the process in here: that may wait for a thread
+// which waits for the lock.
+bool mem_Tracker::EnterPath(int thread, const char* path) {
+    const Guard guard(m_lock); // the table of paths and the ids are all threads'
+    int id = m_stackHash.LookUp(path);
+    if (id == no_path) {
+        if (m_stackHash.IsFull()) {
+            return false;
+        }
+        id = m_nextStackId++;
+        m_stackHash.Add(path, id);
+    }
+    m_currStackId[thread] = id;
+    return true;
+}
+
 void mem_Tracker::EnterPhase(const char* name, int print) {
     int thread = 0;
     if (!ThreadWithPhases(thread)) {
@@ -471,14 +503,8 @@ void mem_Tracker::EnterPhase(const char* name, int print) {
     mem_PhaseStack& stack = m_phaseStacks[thread];
     stack.EnterPhase(name);
     const char* const path = stack.CurrentStack();
-    {
-        const Guard guard(m_lock); // the table of paths and the ids are all threads'
-        int id = m_stackHash.LookUp(path);
-        if (id == no_path) {
-            id = m_nextStackId++;
-            m_stackHash.Add(path, id);
-        }
-        m_currStackId[thread] = id;
+    if (!EnterPath(thread, path)) {
+        m_stackHash.Add(path, m_nextStackId); // ends the process
     }
     if (print != 0) {
         std::fprintf(stderr,

@@ -13,7 +13,7 @@ namespace {
 class Text {
 public:
     Text(const char* text, int length, const char* source) : buffer_() {
-        if (length + 1 >= MEM_TRACKER_PHASE_MAXSTRLEN) {
+        if (length >= MEM_TRACKER_PHASE_MAXSTRLEN - 1) { // no sum, which may not fit
             tracking::fatal("AssertionFailed:length + 1 < MEM_TRACKER_PHASE_MAXSTRLEN", source,
                             __LINE__);
             length = MEM_TRACKER_PHASE_MAXSTRLEN - 2; // should that return
@@ -45,7 +45,8 @@ int mem_TrackerC_ExitPhase() {
 }
 
 void mem_tracker_enterphase(const int* print, const char* text, int length) {
-    mem_Tracker::Instance().EnterPhase(Text(text, length, "mem_Tracker_EnterPhase"), *print);
+    const Text name(text, length, "mem_Tracker_EnterPhase"); // told before there is a tracker
+    mem_Tracker::Instance().EnterPhase(name, *print);
 }
 
 void mem_tracker_exitphase(const int* print) {
@@ -53,7 +54,8 @@ void mem_tracker_exitphase(const int* print) {
 }
 
 void mem_tracker_printtransaction(const char* text, int length) {
-    mem_Tracker::Instance().PrintTransaction(Text(text, length, "mem_Tracker_PrintTransaction"));
+    const Text words(text, length, "mem_Tracker_PrintTransaction");
+    mem_Tracker::Instance().PrintTransaction(words);
 }
 
 void MemoryCheckerActivate() {}
