@@ -13,7 +13,9 @@
 #include "mem_TrackerC.h"
 
 #ifdef __cplusplus
+#include "KXMBasAllocator.h"
 #include "KXMBasCallStack.h"
+#include "KXMBasMemCacheManager.h"
 #include "KXMBasMemDebug.h"
 #include "KXMBasMemPool.h"
 #include "KXMBasOmiTableAllocator.h"
