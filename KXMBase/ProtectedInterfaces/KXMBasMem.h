@@ -14,10 +14,17 @@
 
 #ifdef __cplusplus
 #include "KXMBasAllocator.h"
+#include "KXMBasCFDAllocator.h"
 #include "KXMBasCallStack.h"
+#include "KXMBasHashTable.h"
 #include "KXMBasMemCacheManager.h"
 #include "KXMBasMemDebug.h"
+#include "KXMBasMemFixedPoolAllocator.h"
+#include "KXMBasMemNamedPools.h"
 #include "KXMBasMemPool.h"
+#include "KXMBasMemSmallBlockAllocator.h"
+#include "KXMBasMemTrackAlloc.h"
+#include "KXMBasMemTrackerL2.h"
 #include "KXMBasOmiTableAllocator.h"
 #include "KXMBasPhaseTracker.h"
 #include "mem_AllocationOperators.h"
