@@ -15,9 +15,11 @@
 #ifdef __cplusplus
 #include "KXMBasAllocator.h"
 #include "KXMBasCallStack.h"
+#include "KXMBasMemAllocator.h"
 #include "KXMBasMemCacheManager.h"
 #include "KXMBasMemDebug.h"
 #include "KXMBasMemPool.h"
+#include "KXMBasMemRegionAllocator.h"
 #include "KXMBasOmiTableAllocator.h"
 #include "KXMBasPhaseTracker.h"
 #include "mem_AllocationOperators.h"
