@@ -37,7 +37,7 @@ public:
     /// With another back end the word means something else, and so do the pool's figures; there a
     /// block that begins a page counts as 0, since nothing may be mapped in front of it.
     std::size_t AllocSize(void* ptr) const;
-    /// AllocSize less the 16 bytes of a chunk's header; 0 where AllocSize is.
+    /// AllocSize less the 16 bytes of a chunk's header; 0 where AllocSize looks at nothing.
     std::size_t ActualSizeForUse(void* ptr) const;
 
     /// Keeps three values for the client. Nothing is enforced: the hard limit is the heap's.
