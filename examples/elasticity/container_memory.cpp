@@ -46,10 +46,11 @@ const KXMBasAllocator& container_memory(Family family) {
 
 void start_container_memory(bool tiny_pool, bool track_vectors) {
     counting = mem_usingDL() != 0 && !tiny_pool;
-    if (counting) {
-        KXMBasMemPoolVector::Instance().Activate();
-        KXMBasMemPoolMap::Instance().Activate();
-    }
+    KXMBasMemPool* const pools[] = {&KXMBasMemPoolVector::Instance(),
+                                    &KXMBasMemPoolMap::Instance()};
+    if (counting)
+        for (KXMBasMemPool* const pool : pools)
+            pool->Activate();
     if (track_vectors)
         handles().vectors = KXMBasAllocator(new KXMBasMemTrackAlloc);
 }

@@ -34,9 +34,9 @@ int run_unguarded(int argc, char** argv) {
             throw InputError({"--tiny-pool needs --backend heap"});
         mem_TBAllocator(1);
     }
+    start_container_memory(options.tiny_pool, options.leak); // its objects before there is a limit
     if (options.memory_limit != 0 && !set_memory_limit(options.memory_limit))
         throw InputError({"--memory-limit: the memory library does not take this limit"});
-    start_container_memory(options.tiny_pool, options.leak);
     prepare_rescue({options.memory_limit, options.raise_limit, options.reserve});
     start_tracking(options.tracking, options.quiet);
     JobReport report;

@@ -128,7 +128,8 @@ private:
     bool first_ = true;
 };
 
-void write_figures(JsonObject& json, const Options& options, const JobReport& report) {
+void write_figures(JsonObject& json, const Options& options, const JobReport& report,
+                   const std::array<PoolFigures, 3>& pools) {
     json.text("backend", present_backend());
     json.number("nodes", report.nodes);
     json.number("elements", report.elements);
@@ -161,7 +162,7 @@ void write_figures(JsonObject& json, const Options& options, const JobReport& re
     json.number("max_footprint_bytes", mem_MaxFootprint());
     json.number("refusals_survived", rescues());
     constexpr double unknown = std::numeric_limits<double>::quiet_NaN();
-    for (const PoolFigures& pool : pool_figures()) {
+    for (const PoolFigures& pool : pools) {
         const String name = String("pool_") + pool.name;
         json.number(name + "_bytes", pools_count() ? static_cast<double>(pool.present) : unknown);
         json.number(name + "_peak_bytes", pools_count() ? static_cast<double>(pool.peak) : unknown);
@@ -180,9 +181,10 @@ void print_report(const Options& options, const JobReport& report) {
 }
 
 void write_json(const Options& options, const JobReport& report) {
+    const std::array<PoolFigures, 3> pools = pool_figures(); // before the file takes a buffer
     OutputFile file(options.json);
     JsonObject json(file);
-    write_figures(json, options, report);
+    write_figures(json, options, report, pools);
     json.finish();
     file.commit();
 }
