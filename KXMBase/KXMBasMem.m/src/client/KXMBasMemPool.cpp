@@ -69,6 +69,6 @@ std::size_t KXMBasMemPool::MemoryPeak() {
 }
 
 void KXMBasMemPool::UpdateMemoryInUse(IncreaseDecrease how, std::size_t size) {
-    pool_account::update(m_active, how != increase, size,
-                         {m_memoryCurrent, m_memoryHighWater, m_memoryPeak});
+    pool_account::update(m_active, how != increase, size, m_memoryCurrent, m_memoryHighWater,
+                         m_memoryPeak);
 }

@@ -124,8 +124,8 @@ void KXMBasMemTruePool::SetMemoryLimit(std::size_t first, std::size_t second, do
 }
 
 void KXMBasMemTruePool::UpdateMemoryInUse(IncreaseDecrease how, std::size_t size) {
-    pool_account::update(m_active, how != increase, size,
-                         {m_memoryCurrent, m_memoryHighWater, m_memoryPeak});
+    pool_account::update(m_active, how != increase, size, m_memoryCurrent, m_memoryHighWater,
+                         m_memoryPeak);
 }
 
 void KXMBasMemTruePool::Grow() {
