@@ -1,6 +1,7 @@
 // What the classes that the solver's containers hold cost over the C interface below them: handles and
 // pools beside mem_Malloc, and containers on the adaptors beside the same containers on a minimal
-// allocator over the same entries; and the hash table beside the standard one. On whatever back end the environment chooses.
+// allocator over the same entries; and the hash table beside the standard one. On whatever back end the
+// environment chooses.
 #include "KXMBasMem.h"
 #include "kxm_memory_resource.h"
 #include "measure.h"

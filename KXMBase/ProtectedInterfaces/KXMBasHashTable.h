@@ -21,6 +21,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstring>
 #include <new>
 #include <type_traits>
 
@@ -41,8 +42,9 @@ template <class K> bool key_compare(const K& one, const K& other) {
 /// Its last character does not count, so that texts that differ only there share a bucket.
 template <>
 KXMBASMEM_API unsigned int HashValue<const char*>(const char* const& key, unsigned int size);
-template <>
-KXMBASMEM_API bool key_compare<const char*>(const char* const& one, const char* const& other);
+template <> inline bool key_compare<const char*>(const char* const& one, const char* const& other) {
+    return std::strcmp(one, other) == 0;
+}
 
 namespace kxm {
 
@@ -123,10 +125,15 @@ private:
             kxm::hash_table_failed(condition, line);
         }
     }
-    static bool Identical(const K& one, const K& other) { return one == other; }
+    struct Identical {
+        bool operator()(const K& one, const K& other) const { return one == other; }
+    };
+    struct Alike {
+        bool operator()(const K& one, const K& other) const { return key_compare<K>(one, other); }
+    };
 
     // The link to the key's entry, or the one that ends its chain; null where there are no buckets.
-    Entry** Link(const K& key, bool (*same)(const K&, const K&)) const {
+    template <class Same> Entry** Link(const K& key, Same same) const {
         if (m_size == 0) {
             return nullptr;
         }
@@ -213,7 +220,7 @@ template <class K, class V> void HashTable<K, V>::Clear() {
 }
 
 template <class K, class V> V& HashTable<K, V>::operator[](const K& key) {
-    Entry** const link = Link(key, key_compare<K>);
+    Entry** const link = Link(key, Alike());
     return link != nullptr && *link != nullptr ? (*link)->value : Add(key, V());
 }
 
@@ -232,7 +239,7 @@ template <class K, class V> HashIterator<K, V> HashTable<K, V>::find(const K& ke
 }
 
 template <class K, class V> void HashTable<K, V>::Insert(const K& key, const V& value) {
-    Entry** const link = Link(key, Identical);
+    Entry** const link = Link(key, Identical());
     if (link != nullptr && *link != nullptr) {
         (*link)->value = value;
     } else {
@@ -241,7 +248,7 @@ template <class K, class V> void HashTable<K, V>::Insert(const K& key, const V& 
 }
 
 template <class K, class V> void HashTable<K, V>::Delete(const K& key) {
-    Entry** const link = Link(key, Identical);
+    Entry** const link = Link(key, Identical());
     if (link != nullptr && *link != nullptr) {
         Entry* const entry = *link;
         *link = entry->next;
@@ -250,7 +257,7 @@ template <class K, class V> void HashTable<K, V>::Delete(const K& key) {
 }
 
 template <class K, class V> bool HashTable<K, V>::LookUp(const K& key, V& value) const {
-    Entry** const link = Link(key, Identical);
+    Entry** const link = Link(key, Identical());
     if (link == nullptr || *link == nullptr) {
         return false;
     }

@@ -28,7 +28,3 @@ template <> unsigned int HashValue<const char*>(const char* const& key, unsigned
     }
     return sum % size;
 }
-
-template <> bool key_compare<const char*>(const char* const& one, const char* const& other) {
-    return std::strcmp(one, other) == 0;
-}
