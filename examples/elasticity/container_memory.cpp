@@ -5,8 +5,7 @@ namespace elasticity {
 
 namespace {
 
-// A named pool in the place of an allocator. It asks for the pool each time, so that blocks which
-// outlive it go to the next one. Null when memory is refused, as the pool has it.
+// A named pool in the place of an allocator. Null when memory is refused, as the pool has it.
 template <class Pool> class PoolAllocator : public KXMBasAllocatorBase {
 public:
     void* Alloc(std::size_t size) override { return Pool::Instance().Alloc(size); }
@@ -56,7 +55,9 @@ void start_container_memory(bool tiny_pool, bool track_vectors) {
 }
 
 void end_container_memory() noexcept {
-    handles() = Handles{};
+    handles().vectors =
+        KXMBasAllocator(nullptr); // the last handle: an allocator that tracks speaks
+    handles().maps = KXMBasAllocator(nullptr);
     omi_SingletonBase<KXMBasMemPoolVector>::Finalize();
     omi_SingletonBase<KXMBasMemPoolMap>::Finalize();
     counting = false;
