@@ -29,21 +29,6 @@ void leak() {
     memory.deallocate(first, 8);
 }
 
-// The table grows with the 1048577th block. Blocks 0 and 1048576 stay, and block 1 outlives the growth.
-void grow() {
-    KXMBasAllocator memory(new KXMBasMemTrackAlloc);
-    leave_behind(memory);
-    void* const early = memory.Alloc(8);
-    const KXMBasCallStack::StackWalkFunction walk = KXMBasCallStack::s_StackWalkFunction;
-    KXMBasCallStack::s_StackWalkFunction = DUMMY_STACKWALK; // a million empty stacks, quickly
-    for (int i = 2; i < 1048576; ++i) {
-        memory.Free(memory.Alloc(8));
-    }
-    KXMBasCallStack::s_StackWalkFunction = walk;
-    leave_behind(memory);
-    memory.Free(early);
-}
-
 // Whether this address's index word is where the block begins.
 void headers() {
     KXMBasMemTrackAlloc memory;
@@ -131,8 +116,6 @@ int main(int, char** argv) {
     const std::string what = argv[1];
     if (what == "leak") {
         leak();
-    } else if (what == "grow") {
-        grow();
     } else if (what == "headers") {
         headers();
     } else if (what == "refused") {

@@ -59,15 +59,6 @@ TEST(TrackingAllocator, NamesWhatWasNotReleased) {
     }
 }
 
-TEST(TrackingAllocator, KeepsEarlyEntriesWhenItGrows) {
-    const ChildResult result = run({"grow"});
-    EXPECT_EQ(result.exit_code, 0) << result.err;
-    EXPECT_EQ(result.out.rfind("0" + unreleased, 0), 0U) << result.out;
-    expect_leaver(stack_of(result.out, "0"));
-    expect_leaver(stack_of(result.out, "1048576"));
-    EXPECT_EQ(result.out.find("\n1" + unreleased), std::string::npos) << result.out;
-}
-
 TEST(TrackingAllocator, CountsInFrontOfItsBlocksAndKeepsTheRestEmpty) {
     const ChildResult result = run({"headers"}, {{"KXA_CALLSTACK_DEPTH", "1"}});
     EXPECT_EQ(result.out, "0 1 2 1 77 1 1\nend\n");

@@ -108,6 +108,44 @@ TEST(SmallBlocks, ComeFromTheTinyPoolWhetherItIsOnOrOff) {
     allocator.deallocate(second);
 }
 
+// While it lives, stacks are empty texts, had as quickly as can be.
+class EmptyStacks {
+public:
+    EmptyStacks() {
+        const KXMBasCallStack first(20, nullptr); // binds the debug help, for good
+        first.DeleteCStr(first.CStr());
+        walk_ = KXMBasCallStack::s_StackWalkFunction;
+        KXMBasCallStack::s_StackWalkFunction = DUMMY_STACKWALK;
+    }
+    ~EmptyStacks() { KXMBasCallStack::s_StackWalkFunction = walk_; }
+
+private:
+    KXMBasCallStack::StackWalkFunction walk_;
+};
+
+// The table grows with the 1048577th block. It takes some seconds, in this process, which has no limit
+// of a minute as a child has.
+TEST(TrackingAllocator, KeepsEarlyEntriesWhenItGrows) {
+    const EmptyStacks empty;
+    testing::internal::CaptureStdout();
+    void *kept = nullptr, *last = nullptr;
+    {
+        KXMBasMemTrackAlloc memory;
+        kept = memory.Alloc(8);
+        void* const early = memory.Alloc(8);
+        for (int i = 2; i < 1048576; ++i) {
+            memory.Free(memory.Alloc(8));
+        }
+        last = memory.Alloc(8);
+        memory.Free(early);
+    }
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), "0. UNRELEASED MEMORY FROM\n\n"
+                                                      "1048576. UNRELEASED MEMORY FROM\n\n");
+    for (void* const block : {kept, last}) {
+        mem_Free(static_cast<char*>(block) - 64); // behind its header, and still allocated
+    }
+}
+
 template <class Pool> void expect_pool(int id, const char* name) {
     SCOPED_TRACE(name);
     Pool& pool = Pool::Instance();
