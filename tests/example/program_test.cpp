@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <fstream>
 #include <sstream>
@@ -25,6 +26,10 @@ test::ChildResult run_program(const char* program, std::vector<std::string> argu
             request.environment.emplace_back(name, std::nullopt);
     if (variable != nullptr)
         request.environment.emplace_back(variable, "1");
+    if (std::find(request.arguments.begin(), request.arguments.end(), "--leak") !=
+        request.arguments.end()) // on purpose, in a checked build too
+        request.environment.emplace_back("ASAN_OPTIONS",
+                                         "allocator_may_return_null=1:detect_leaks=0");
     return test::run_child(request);
 }
 
