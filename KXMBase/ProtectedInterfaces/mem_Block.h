@@ -106,8 +106,8 @@ public:
         return top < m_topSize && m_blocks[top] != nullptr ? Block(index) : nullptr;
     }
 
-    /// Grows first as needed, by one increment: indices come in rising order. A table that cannot
-    /// be had is not survived: it is written without a test.
+    /// Grows first as needed, by one increment: indices come in rising order. A table that the
+    /// allocator answers with null is not survived: it is written without a test.
     void SetBlockPtr(int index, mem_Block* block);
 
 private:

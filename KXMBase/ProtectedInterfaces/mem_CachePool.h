@@ -1,7 +1,8 @@
 // A pool that answers with identifiers of 32 bits instead of pointers: for records that a model holds
 // by the million and refers to by more than one handle, a handle of half the size.
 //
-//   mem_CachePool* pool = mem_CachePool::CreatePool(&allocator);
+//   mem_Allocator source;
+//   mem_CachePool* pool = mem_CachePool::CreatePool(&source);
 //   mem_CachePoolIDTyp<double *> stress = pool->Alloc(6 * sizeof(double));
 //   if (stress.HasValue()) { stress.Ptr(pool)[0] = 1.0; }
 //   pool->Free(stress);
@@ -11,19 +12,21 @@
 // of its own, by the same kind of identifier. Addresses are on 4 bytes for up to 4, on 8 for up to 8, and
 // on 16 for more where the allocator's own blocks are.
 //
-// What a client must know:
+// What a client must know; kxm::CachePool (bindings, kxm_cache_pool.h) takes care of all of it:
 // - An address holds until the allocation is freed or resized. An identifier means nothing to another
-//   pool.
-// - Memory that runs out is the null identifier, or, with an allocator that throws, its exception;
-//   the pool stays sound. With one exception: when a new cluster is to take the place of one that was
-//   emptied and its memory cannot be had, that is a fatal error.
+//   pool, nor after its release; that is not checked reliably.
+// - Memory that runs out is the allocator's exception, as with mem_Allocator, and the pool is sound; or
+//   the null identifier, with an allocator that answers null, as mem_DLAllocator does. The latter ends
+//   in a fatal error instead when a new cluster is to take the place of one that was emptied, and in a
+//   fault when a table of the pool cannot grow: to survive exhaustion, have an allocator that throws.
 // - A cluster goes back to the allocator with its last allocation. IF THAT EMPTIED THE CLUSTER OF THE
 //   POOL'S LATEST CHANGE, THE NEXT REQUEST OF MORE THAN 128 BYTES IS A FATAL ERROR, unless another
-//   allocation or release comes between. A client that may have emptied a cluster asks for a small
-//   one (up to 128 bytes) before the next large one.
-// - A pass-through block that the allocator moves in ReAlloc is a fatal error after it was moved: a client that needs
-//   to grow one past 16384 bytes allocates anew and copies.
-// - More than 32767 clusters are not noticed.
+//   allocation or release comes between. Nothing tells that a cluster was emptied. So a client that
+//   releases keeps a small allocation of its own, and after a release, before a request of more than 128
+//   bytes, gets a new one and then frees the old one.
+// - A pass-through block (bits.inCluster is 0) that the allocator moves in ReAlloc, larger or smaller, is a
+//   fatal error after it was moved: allocate anew, copy and free instead.
+// - More than 32767 clusters, 8 GiB, are not noticed: identifiers are wrong then.
 //
 // A pool takes no lock and belongs to one thread at a time. Sizes are bytes.
 #pragma once
