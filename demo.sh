@@ -1,7 +1,8 @@
 #!/bin/sh
 # Builds the library and runs the example job on it: a steel cantilever of 57,000 tetrahedra, solved
 # once on each back end, and three times against a memory limit that is too low. Shows what each run
-# allocated, how a refusal is reported and survived, and where the results are.
+# allocated, how a refusal is reported and survived, what the library says of a leak and of a read of
+# what was never written, and where the results are.
 set -eu
 cd "$(dirname "$0")"
 . scripts/common.sh
@@ -16,6 +17,7 @@ mesh=build/linux/examples/elasticity/beam.msh
 # The job itself chooses the back end by its option.
 unset KXA_DEADBEEF KXQ_DLALLOCATOR KXQ_CRTMALLOC KXQ_USE_ALIGNED_MEMORY
 unset KXA_MEM_TRACK KXA_MEM_OUTPUTDIR KXA_MEM_DBTRANS
+unset KXA_UMR_PRINT KXA_UMR_WATCH_ALLOC_ID KXA_UMR_PRINT_ALLOC_SIZE
 
 # figure FILE NAME: one member of a run's figures.
 figure() {
@@ -98,6 +100,15 @@ KXA_MEM_TRACK=1 KXA_MEM_OUTPUTDIR=demo-output "$program" --backend heap --tracki
     grep '^Tracking'
 build/linux/bin/memtrack demo-output/beam
 echo "Every event, a line each: build/linux/bin/memtrack events demo-output/beam"
+
+echo
+echo "== two mistakes made on purpose, on a small mesh, and what the library says of them"
+small=examples/meshes/cantilever-41.msh
+echo "A forgotten array, with the vectors on the tracking allocator:"
+"$program" --backend heap --quiet --leak "$small"
+echo "A read of what nobody wrote, with KXA_UMR_PRINT=1 (words of 32 bits in a block of 400 bytes):"
+(cd demo-output && KXA_UMR_PRINT=1 "../$program" --backend heap --quiet --uninitialised-read \
+    "../$small")
 
 echo
 echo "All containers, operators new and Fortran work arrays of these runs drew on the library."

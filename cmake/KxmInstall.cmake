@@ -14,7 +14,8 @@ install(TARGETS memtrack RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
 install(EXPORT KXMBasMemTargets NAMESPACE KXMBasMem:: DESTINATION ${kxm_cmake_dir})
 install(DIRECTORY KXMBase/ProtectedInterfaces/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}
         FILES_MATCHING PATTERN "*.h")
-install(FILES KX0CORE/KX0CORE.h bindings/kxm_utf8_names.h bindings/kxm_cache_pool.h
+install(FILES KX0CORE/KX0CORE.h bindings/kxm_allocator.h bindings/kxm_cache_pool.h
+              bindings/kxm_memory_resource.h bindings/kxm_utf8_names.h
         DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
 install(FILES ${PROJECT_BINARY_DIR}/modules/kxmbasmem.mod
         DESTINATION ${CMAKE_INSTALL_LIBDIR}/fortran/modules)

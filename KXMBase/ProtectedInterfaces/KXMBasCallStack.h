@@ -15,6 +15,7 @@
 #include <cstdio>
 
 #include "KXMBasMemExport.h"
+#include "KXMBasMemFixedPoolAllocator.h"
 
 struct HINSTANCE__;
 typedef HINSTANCE__* HINSTANCE; // as the system's headers have it
@@ -105,6 +106,7 @@ private:
     char* text;
     std::int32_t depth;
     std::int32_t length; // where the walk ended at the limit or at once; nothing reads it
+    KXMBasMemFixedPoolAllocator pool; // nothing allocates from it
 };
 
 /// One resolved frame, as a value. Nothing in the library makes one.

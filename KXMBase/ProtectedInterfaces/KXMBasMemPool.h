@@ -35,9 +35,10 @@ public:
 
     /// The size word in front of a block of the heap, header and rounding included; 0 for null.
     /// With another back end the word means something else, and so do the pool's figures; there a
-    /// block that begins a page counts as 0, since nothing may be mapped in front of it.
+    /// block that begins a page counts as 0, since nothing may be mapped in front of it. A block of
+    /// the tiny block pool has no such word either, and what lies in front of it changes.
     std::size_t AllocSize(void* ptr) const;
-    /// AllocSize less the 16 bytes of a chunk's header; 0 where AllocSize is.
+    /// AllocSize less the 16 bytes of a chunk's header; 0 where AllocSize looks at nothing.
     std::size_t ActualSizeForUse(void* ptr) const;
 
     /// Keeps three values for the client. Nothing is enforced: the hard limit is the heap's.

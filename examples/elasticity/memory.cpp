@@ -4,6 +4,8 @@
 // one.
 #include "memory.h"
 
+#include "container_memory.h"
+
 #include <KXMBasMem.h>
 
 #include <atomic>
@@ -104,9 +106,7 @@ struct Asking {
     ~Asking() { asked = 0; }
 };
 
-} // namespace
-
-void* allocate(std::size_t bytes) {
+void* allocate_plain(std::size_t bytes) {
     while (!charge(bytes)) {
         if (work_rescued() == 0)
             throw std::bad_alloc{};
@@ -117,10 +117,22 @@ void* allocate(std::size_t bytes) {
     return block;
 }
 
-void release(void* block, std::size_t bytes) noexcept {
+} // namespace
+
+void* allocate(std::size_t bytes, Family family) {
+    if (family == Family::plain)
+        return allocate_plain(bytes);
+    const KXMBasAllocator& memory = container_memory(family);
+    return counted(bytes, [&] { return memory.Alloc(bytes); });
+}
+
+void release(void* block, std::size_t bytes, Family family) noexcept {
     if (block == nullptr)
         return;
-    mem_Free(block);
+    if (family == Family::plain)
+        mem_Free(block);
+    else
+        container_memory(family).Free(block);
     work_discharge(bytes);
 }
 

@@ -1,10 +1,11 @@
 // The job's one way to memory: every block is asked of the library and counted.
 //
-// Containers draw through Allocator on the library's operator new, whose new-handler stands here; the
-// Fortran kernels through the entries at the end. A request that is refused is reported by the library
-// with the footprint and the call stack, throws std::bad_alloc and leaves its size behind, so that
-// the job's own report of it needs no memory. What the C++ runtime's classes allocate by themselves
-// goes to the library as well (KXMBasMemGlobalNew), and is not counted here.
+// Vectors and maps draw through Allocator on handles, behind which the library's named pools stand
+// (container_memory.h); strings and single blocks on its operator new, whose new-handler stands here; the
+// Fortran kernels on the entries at the end. A request that is refused is reported with the call stack,
+// throws std::bad_alloc and leaves its size behind, so that the job's own report of it needs no
+// memory. What the C++ runtime's classes allocate by themselves goes to the library as well
+// (KXMBasMemGlobalNew), and is not counted here.
 #pragma once
 
 #include <cstddef>
@@ -32,10 +33,17 @@ struct MemoryFigures {
 /// tiny block pool's blocks those of up to 4 bytes have 4, which is enough for what fits them.
 inline constexpr std::size_t guaranteed_alignment = 8;
 
+/// Where a block comes from.
+enum class Family {
+    plain,  // operator new
+    vector, // the handle of vectors
+    map,    // the handle of maps
+};
+
 /// Returns a block of `bytes` bytes. Throws std::bad_alloc when the library refuses it.
-void* allocate(std::size_t bytes);
-/// Takes the size that was asked for; a null block is allowed.
-void release(void* block, std::size_t bytes) noexcept;
+void* allocate(std::size_t bytes, Family family = Family::plain);
+/// Takes the size and the family that were asked for; a null block is allowed.
+void release(void* block, std::size_t bytes, Family family = Family::plain) noexcept;
 
 MemoryFigures memory_figures() noexcept;
 
@@ -65,32 +73,35 @@ void set_memory_budget(std::size_t bytes) noexcept;
 using Rescue = bool (*)(const Refusal& refusal) noexcept;
 void set_rescue(Rescue rescue) noexcept;
 
-template <class T> struct Allocator {
+template <class T, Family family> struct Allocator {
     static_assert(alignof(T) <= guaranteed_alignment);
     using value_type = T;
     using propagate_on_container_move_assignment = std::true_type;
     using is_always_equal = std::true_type;
+    template <class U> struct rebind { using other = Allocator<U, family>; };
 
     Allocator() = default;
-    template <class U> Allocator(const Allocator<U>&) noexcept {}
+    template <class U> Allocator(const Allocator<U, family>&) noexcept {}
 
     T* allocate(std::size_t count) {
         if (count > std::numeric_limits<std::size_t>::max() / sizeof(T))
             throw std::bad_array_new_length{};
-        return static_cast<T*>(elasticity::allocate(count * sizeof(T)));
+        return static_cast<T*>(elasticity::allocate(count * sizeof(T), family));
     }
-    void deallocate(T* block, std::size_t count) noexcept { release(block, count * sizeof(T)); }
+    void deallocate(T* block, std::size_t count) noexcept {
+        release(block, count * sizeof(T), family);
+    }
 
-    template <class U> bool operator==(const Allocator<U>&) const noexcept { return true; }
+    template <class U> bool operator==(const Allocator<U, family>&) const noexcept { return true; }
 };
 
-template <class T> using Vector = std::vector<T, Allocator<T>>;
+template <class T> using Vector = std::vector<T, Allocator<T, Family::vector>>;
 template <class Key, class Value>
 using HashMap = std::unordered_map<Key, Value, std::hash<Key>, std::equal_to<Key>,
-                                   Allocator<std::pair<const Key, Value>>>;
+                                   Allocator<std::pair<const Key, Value>, Family::map>>;
 // Unlike std::string it is never instantiated inside a shared C++ runtime, whose code would not use
 // this program's operator new on Windows.
-using String = std::basic_string<char, std::char_traits<char>, Allocator<char>>;
+using String = std::basic_string<char, std::char_traits<char>, Allocator<char, Family::plain>>;
 
 // The Fortran kernels ask the library themselves and tell the count of it here: work_charge before
 // the request (0 means the budget forbids it), work_granted or work_refused after it, and
@@ -102,6 +113,21 @@ void work_granted(std::size_t bytes) noexcept;
 void work_refused(std::size_t bytes) noexcept;
 int work_rescued() noexcept;
 void work_discharge(std::size_t bytes) noexcept;
+}
+
+/// The same round them for C++: a block of `bytes` that `ask` gives, which answers null when it has
+/// none. Throws std::bad_alloc when nothing helps.
+template <class Ask> void* counted(std::size_t bytes, Ask ask) {
+    do {
+        if (work_charge(bytes) == 0)
+            continue;
+        if (void* const block = ask()) {
+            work_granted(bytes);
+            return block;
+        }
+        work_refused(bytes);
+    } while (work_rescued() != 0);
+    throw std::bad_alloc{};
 }
 
 } // namespace elasticity

@@ -110,6 +110,10 @@ constexpr Option table[] = {
      [](Options& o, std::string_view) { o.tiny_pool = true; }},
     {"--cache-pool", "", "hold elements and nodes as records in a cache pool, by identifiers",
      [](Options& o, std::string_view) { o.cache_pool = true; }},
+    {"--leak", "", "forget an array on purpose; vectors are on an allocator that names it",
+     [](Options& o, std::string_view) { o.leak = true; }},
+    {"--uninitialised-read", "", "read what was never written; KXA_UMR_PRINT=COUNT tells of it",
+     [](Options& o, std::string_view) { o.uninitialised_read = true; }},
     {"--memory-limit", "MIB", "refuse memory above this many MiB",
      [](Options& o, std::string_view v) { o.memory_limit = mebibytes(v); }},
     {"--raise-limit", "MIB", "when refused, raise the limit up to this many MiB",
@@ -161,6 +165,8 @@ void check_limits(const Options& options) {
         throw InputError({"--raise-limit needs a --memory-limit to raise"});
     if (options.raise_limit != 0 && options.raise_limit <= options.memory_limit)
         throw InputError({"--raise-limit is not above --memory-limit"});
+    if (options.leak && options.memory_limit != 0)
+        throw InputError({"--leak takes no --memory-limit: its allocator faults when refused"});
 }
 
 } // namespace

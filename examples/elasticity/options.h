@@ -16,12 +16,14 @@ struct Options {
     SolverSettings solver;
     bool check = true;
     double check_tolerance = 0.01;
-    std::size_t memory_limit = 0;   // bytes, none when 0
-    std::size_t raise_limit = 0;    // bytes up to which a refusal raises it; never when 0
-    std::size_t reserve = 0;        // bytes held back until a refusal
-    bool tiny_pool = false;         // for requests of at most 128 bytes
-    bool cache_pool = false;        // for records of elements and nodes
-    String tracking = "elasticity"; // base name of the files of memory tracking
+    std::size_t memory_limit = 0;    // bytes, none when 0
+    std::size_t raise_limit = 0;     // bytes up to which a refusal raises it; never when 0
+    std::size_t reserve = 0;         // bytes held back until a refusal
+    bool tiny_pool = false;          // for requests of at most 128 bytes
+    bool cache_pool = false;         // for records of elements and nodes
+    bool leak = false;               // on purpose, with vectors on an allocator that names it
+    bool uninitialised_read = false; // on purpose
+    String tracking = "elasticity";  // base name of the files of memory tracking
     bool quiet = false;
     bool help = false;
     bool version = false;

@@ -2,6 +2,8 @@
 #include "program.h"
 
 #include "backend.h"
+#include "container_memory.h"
+#include "deliberate.h"
 #include "input_error.h"
 #include "report.h"
 #include "rescue.h"
@@ -32,12 +34,17 @@ int run_unguarded(int argc, char** argv) {
             throw InputError({"--tiny-pool needs --backend heap"});
         mem_TBAllocator(1);
     }
+    start_container_memory(options.tiny_pool, options.leak); // its objects before there is a limit
     if (options.memory_limit != 0 && !set_memory_limit(options.memory_limit))
         throw InputError({"--memory-limit: the memory library does not take this limit"});
     prepare_rescue({options.memory_limit, options.raise_limit, options.reserve});
     start_tracking(options.tracking, options.quiet);
     JobReport report;
     run_job(options, report);
+    if (options.leak)
+        leave_an_array_behind(report.nodes);
+    if (options.uninitialised_read)
+        read_what_was_never_written();
     if (!options.json.empty())
         write_json(options, report);
     if (!options.quiet)
@@ -74,6 +81,7 @@ int run_caught(int argc, char** argv) {
 
 int run_program(int argc, char** argv) {
     const int status = run_caught(argc, argv);
+    end_container_memory();
     end_tracking(); // also of a run that was refused memory
     return status;
 }

@@ -25,17 +25,9 @@ Records::Source::~Source() {
 
 // As the base: never null. What the pool gives back before its end stays counted until then.
 void* Records::Source::Malloc(const char*, std::size_t size) {
-    do {
-        if (work_charge(size) == 0)
-            continue;
-        if (void* const block = mem_Malloc(size)) {
-            work_granted(size);
-            charged_ += size;
-            return block;
-        }
-        work_refused(size);
-    } while (work_rescued() != 0);
-    throw std::bad_alloc{};
+    void* const block = counted(size, [size] { return mem_Malloc(size); });
+    charged_ += size;
+    return block;
 }
 
 Records::Records(const Mesh& mesh)

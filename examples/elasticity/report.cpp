@@ -2,6 +2,7 @@
 #include "report.h"
 
 #include "backend.h"
+#include "container_memory.h"
 #include "input_error.h"
 #include "output_file.h"
 #include "rescue.h"
@@ -11,6 +12,7 @@
 #include <cinttypes>
 #include <cmath>
 #include <cstdio>
+#include <limits>
 
 namespace elasticity {
 
@@ -62,6 +64,20 @@ void print_steps(const JobReport& report) {
     std::printf("%-10s %9.3f\n", "total", total);
 }
 
+void print_pools() {
+    if (!pools_count()) {
+        std::puts(
+            "\npools            not told: a pool reads a block's size from the heap's word in "
+            "front "
+            "of it,\n                 which those of other back ends and of the tiny block pool "
+            "do not have");
+        return;
+    }
+    std::printf("\npool                 number    present bytes       peak bytes\n");
+    for (const PoolFigures& pool : pool_figures())
+        std::printf("%-20s %6d %16zu %16zu\n", pool.name, pool.number, pool.present, pool.peak);
+}
+
 void print_memory(const Options& options) {
     const MemoryFigures figures = memory_figures();
     std::printf("\nmemory, back end %s\n", present_backend());
@@ -78,6 +94,7 @@ void print_memory(const Options& options) {
                 mib(static_cast<double>(mem_MaxFootprint())));
     if (rescues() != 0)
         std::printf("  refusals survived         %12d\n", rescues());
+    print_pools();
 }
 
 class JsonObject {
@@ -111,7 +128,8 @@ private:
     bool first_ = true;
 };
 
-void write_figures(JsonObject& json, const Options& options, const JobReport& report) {
+void write_figures(JsonObject& json, const Options& options, const JobReport& report,
+                   const std::array<PoolFigures, 3>& pools) {
     json.text("backend", present_backend());
     json.number("nodes", report.nodes);
     json.number("elements", report.elements);
@@ -143,6 +161,12 @@ void write_figures(JsonObject& json, const Options& options, const JobReport& re
     json.number("footprint_kib", mem_Footprint());
     json.number("max_footprint_bytes", mem_MaxFootprint());
     json.number("refusals_survived", rescues());
+    constexpr double unknown = std::numeric_limits<double>::quiet_NaN();
+    for (const PoolFigures& pool : pools) {
+        const String name = String("pool_") + pool.name;
+        json.number(name + "_bytes", pools_count() ? static_cast<double>(pool.present) : unknown);
+        json.number(name + "_peak_bytes", pools_count() ? static_cast<double>(pool.peak) : unknown);
+    }
 }
 
 } // namespace
@@ -157,9 +181,10 @@ void print_report(const Options& options, const JobReport& report) {
 }
 
 void write_json(const Options& options, const JobReport& report) {
+    const std::array<PoolFigures, 3> pools = pool_figures(); // before the file takes a buffer
     OutputFile file(options.json);
     JsonObject json(file);
-    write_figures(json, options, report);
+    write_figures(json, options, report, pools);
     json.finish();
     file.commit();
 }

@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <fstream>
 #include <sstream>
@@ -25,6 +26,10 @@ test::ChildResult run_program(const char* program, std::vector<std::string> argu
             request.environment.emplace_back(name, std::nullopt);
     if (variable != nullptr)
         request.environment.emplace_back(variable, "1");
+    if (std::find(request.arguments.begin(), request.arguments.end(), "--leak") !=
+        request.arguments.end()) // on purpose, in a checked build too
+        request.environment.emplace_back("ASAN_OPTIONS",
+                                         "allocator_may_return_null=1:detect_leaks=0");
     return test::run_child(request);
 }
 
@@ -212,6 +217,50 @@ TEST_F(Program, RecordsInACachePoolChangeNoResult) {
     }
     EXPECT_EQ(run({"--cache-pool", "--backend", "crt", "--memory-limit", "0.3", beam}).exit_code,
               4);
+}
+
+// Their figures come from the heap's own words, and all that vectors and maps held is given back.
+TEST_F(Program, TellsWhatThePoolsOfItsContainersHold) {
+    const test::ChildResult heap = run({"--backend", "heap", "--json", figures, beam});
+    EXPECT_NE(heap.out.find("\nKXMBasVector           1010                0 "), std::string::npos)
+        << heap.out;
+    const std::string counted = contents(figures);
+    for (const std::string pool : {"KXMBasVector", "KXMBasMap"}) {
+        EXPECT_NE(counted.find("\"pool_" + pool + "_bytes\": 0,"), std::string::npos) << counted;
+        EXPECT_EQ(counted.find("\"pool_" + pool + "_peak_bytes\": 0"), std::string::npos);
+    }
+    remove_files();
+    for (const std::vector<std::string>& pools_blind :
+         {std::vector<std::string>{"--backend", "crt"}, {"--backend", "heap", "--tiny-pool"}}) {
+        std::vector<std::string> arguments = {"--json", figures, beam};
+        arguments.insert(arguments.begin(), pools_blind.begin(), pools_blind.end());
+        EXPECT_NE(run(arguments).out.find("\npools            not told: "), std::string::npos);
+        EXPECT_NE(contents(figures).find("\"pool_KXMBasVector_bytes\": null"), std::string::npos);
+        remove_files();
+    }
+}
+
+TEST_F(Program, MakesMistakesThatTheLibraryFinds) {
+    for (const std::string backend : {"heap", "crt"}) {
+        const test::ChildResult leak = run({"--backend", backend, "--quiet", "--leak", beam});
+        EXPECT_EQ(leak.exit_code, 0) << leak.err;
+        const std::size_t headline = leak.out.find(". UNRELEASED MEMORY FROM\n");
+        ASSERT_LT(headline, 10U) << leak.out;
+        EXPECT_EQ(leak.out.find("UNRELEASED", headline + 20), std::string::npos) << leak.out;
+        const std::size_t leaver = leak.out.find("leave_an_array_behind ");
+        ASSERT_NE(leaver, std::string::npos) << leak.out;
+        const std::string line = leak.out.substr(leaver, leak.out.find('\n', leaver) - leaver);
+        EXPECT_NE(line.find("deliberate.cpp ("), std::string::npos) << line;
+    }
+    EXPECT_EQ(run({"--leak", "--memory-limit", "100", beam}).exit_code, 2);
+
+    const std::string found = "First_uninitializeded=  32  , Next_initialized=  52  , Diff= 20";
+    const test::ChildResult told = run({"--quiet", "--uninitialised-read", beam}, "KXA_UMR_PRINT");
+    EXPECT_EQ(told.exit_code, 0);
+    EXPECT_NE(told.err.find("Size= 400, " + found), std::string::npos) << told.err;
+    EXPECT_NE(contents("KXMBas_UMR_Print.txt").find(found), std::string::npos);
+    std::remove("KXMBas_UMR_Print.txt");
+    EXPECT_EQ(run({"--quiet", "--uninitialised-read", beam}).err, "");
 }
 
 TEST_F(Program, HelpAndVersionSucceedWithoutAMesh) {

@@ -3,25 +3,12 @@
 
 #include <cstring>
 
+#include "client/pool_account.h"
 #include "frame/seam_operator_pool.h"
 #include "mem_Interface.h"
-#include "platform/compiler.h"
 #include "platform/relaxed_word.h"
 
-namespace {
-
-// No pool takes a lock: its figures are read and written whole, but a sum of two threads may lose
-// one of them.
 using os::relaxed_read;
-using os::relaxed_write;
-
-void raise(std::uint64_t& figure, std::uint64_t value) {
-    if (value > relaxed_read(figure)) {
-        relaxed_write(figure, value);
-    }
-}
-
-} // namespace
 
 void operator_pool_seam::activate() {
     operatorNewPool.Activate();
@@ -60,22 +47,11 @@ std::size_t KXMBasMemPool::Free(void* ptr) {
 }
 
 std::size_t KXMBasMemPool::AllocSize(void* ptr) const {
-    // The head of a heap chunk, with its two flag bits cleared. Nothing tests that the block is
-    // one; but a block of another back end that begins a page may have nothing in front of it to
-    // read.
-    constexpr std::uint64_t flag_bits = 3;
-    constexpr std::uintptr_t page_mask = 4095;
-    const bool begins_page = (reinterpret_cast<std::uintptr_t>(ptr) & page_mask) == 0;
-    if (ptr == nullptr || (begins_page && mem_usingDL() == 0)) {
-        return 0;
-    }
-    return os::read_word_unchecked(static_cast<std::uint64_t*>(ptr) - 1) & ~flag_bits;
+    return pool_account::alloc_size(ptr);
 }
 
 std::size_t KXMBasMemPool::ActualSizeForUse(void* ptr) const {
-    constexpr std::size_t chunk_header = 16;
-    const std::size_t size = AllocSize(ptr);
-    return size != 0 ? size - chunk_header : 0;
+    return pool_account::actual_size_for_use(ptr);
 }
 
 void KXMBasMemPool::SetMemoryLimit(std::size_t first, std::size_t second, double real) {
@@ -93,17 +69,6 @@ std::size_t KXMBasMemPool::MemoryPeak() {
 }
 
 void KXMBasMemPool::UpdateMemoryInUse(IncreaseDecrease how, std::size_t size) {
-    if (!m_active) {
-        return;
-    }
-    const std::uint64_t before = relaxed_read(m_memoryCurrent);
-    if (how != increase) {
-        relaxed_write(m_memoryCurrent,
-                      before - size); // may wrap: blocks from before Activate, meant
-        return;
-    }
-    const std::uint64_t current = before + size;
-    relaxed_write(m_memoryCurrent, current);
-    raise(m_memoryHighWater, current);
-    raise(m_memoryPeak, relaxed_read(m_memoryHighWater));
+    pool_account::update(m_active, how != increase, size, m_memoryCurrent, m_memoryHighWater,
+                         m_memoryPeak);
 }

@@ -39,6 +39,7 @@ using Wide = unsigned short;
 constexpr std::size_t text_bytes = 2000;  // of the narrow text
 constexpr std::size_t text_length = 2000; // of the wide text, in wide characters
 constexpr std::size_t module_length = 100;
+constexpr std::size_t pool_bytes = 600;
 constexpr std::size_t symbol_bytes = 512;
 constexpr std::uint32_t max_symbol_name = 480;
 
@@ -465,13 +466,13 @@ int GetCallStackDepth() {
 
 KXM_NEVER_INLINE KXMBasCallStack::KXMBasCallStack(int depthWanted, void const* unusedContext)
     : entries{}, text(nullptr), depth(s_callStackDepth != 0 ? s_callStackDepth : depthWanted),
-      length(0) {
+      length(0), pool(pool_bytes) {
     text = ObtainCurrentCallStack(depth, unusedContext);
 }
 
 KXMBasCallStack::KXMBasCallStack(char* existingText, int unused)
     : entries{}, text(existingText), depth(s_callStackDepth != 0 ? s_callStackDepth : 10),
-      length(0) {
+      length(0), pool(pool_bytes) {
     ObtainCurrentCallStack2(unused, existingText);
 }
 

@@ -1,40 +1,21 @@
 // The C allocation interface as an object: a second attempt, a note on the error stack, an exception.
 #include "mem_Allocator.h"
 
-#include <new>
-
-#include "KXMBasCallStack.h"
-#include "KXMBasErrorStack.h"
-#include "diagnostics/shared_text.h"
 #include "mem_Interface.h"
-#include "platform/os.h"
+#include "objects/allocation_failure.h"
 
 namespace {
 
 enum class Asked { allocation, reallocation };
 
-char s_report[1024]; // one for all threads: two that fail at once may mix their texts
+allocation_failure::Message s_report;
 
-// Whatever goes wrong with the note, what the caller gets is the bad_alloc.
-[[noreturn]] KXM_NEVER_INLINE void report_and_throw(Asked asked, std::size_t size) {
-    if (KXMBasErrorStack::Active()) {
-        try {
-            char text[64];
-            os::bounded_print(text, sizeof text,
-                              asked == Asked::reallocation ? "Requested Reallocation: %llu bytes"
-                                                           : "Requested Allocation: %llu bytes",
-                              static_cast<unsigned long long>(size));
-            shared_text::store(s_report, sizeof s_report, sizeof s_report - 1, text);
-            KXMBasErrorStack::PushMessage(s_report);
-            const KXMBasCallStack stack(20, nullptr);
-            if (stack.Available()) {
-                KXMBasErrorStack::Push(stack.CStr());
-                stack.DeleteCStr(stack.CStr());
-            }
-        } catch (...) {
-        }
+[[noreturn]] void report_and_throw(Asked asked, std::size_t size) {
+    const unsigned long long bytes = size;
+    if (asked == Asked::reallocation) {
+        allocation_failure::report_and_throw(s_report, "Requested Reallocation: %llu bytes", bytes);
     }
-    throw std::bad_alloc();
+    allocation_failure::report_and_throw(s_report, "Requested Allocation: %llu bytes", bytes);
 }
 
 template <typename Request>
