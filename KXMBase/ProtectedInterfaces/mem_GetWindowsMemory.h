@@ -34,6 +34,8 @@ public:
     std::uint32_t GetMemoryLoad() const { return memoryLoad; } ///< physical memory in use, per cent
 
 private:
+    void seed(mem_Error* list); // messages go to the list, unless it is null
+
     float totalPhysMbytes;
     float availPhysMbytes;
     float totalVirtMbytes;
