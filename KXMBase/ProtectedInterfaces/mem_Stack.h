@@ -14,20 +14,10 @@
 
 template <class T> class KXMBASMEM_TEMPLATE mem_Stack {
 public:
-    mem_Stack() : data(nullptr), count(0) {}
-    mem_Stack(mem_Stack const& other) : data(other.copy(other.count)), count(other.count) {}
-    mem_Stack& operator=(mem_Stack const& other) {
-        delete[] data;
-        data = nullptr;
-        data = other.copy(other.count);
-        count = other.count;
-        return *this;
-    }
-    ~mem_Stack() {
-        if (data != nullptr) {
-            ClearStack();
-        }
-    }
+    mem_Stack();
+    mem_Stack(mem_Stack const& other);
+    mem_Stack& operator=(mem_Stack const& other);
+    ~mem_Stack();
 
     void push(T const& value);
     T pop(); ///< the top element, taken off; a default element when there is none
@@ -43,6 +33,27 @@ private:
     T* data; // new T[count]; the top is the last
     std::int32_t count;
 };
+
+template <class T> mem_Stack<T>::mem_Stack() : data(nullptr), count(0) {}
+
+template <class T>
+mem_Stack<T>::mem_Stack(mem_Stack const& other)
+    : data(other.copy(other.count)), count(other.count) {}
+
+template <class T> mem_Stack<T>& mem_Stack<T>::operator=(mem_Stack const& other) {
+    delete[] data;
+    data = nullptr; // should the copy throw
+    count = 0;
+    data = other.copy(other.count);
+    count = other.count;
+    return *this;
+}
+
+template <class T> mem_Stack<T>::~mem_Stack() {
+    if (data != nullptr) {
+        ClearStack();
+    }
+}
 
 // A new array of that many elements, the lower ones being the stack's own.
 template <class T> T* mem_Stack<T>::copy(std::int32_t length) const {

@@ -1,0 +1,59 @@
+// Started by the tests: uses its address space up.
+#include "KXMBasMem.h"
+#include "own_view.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+
+namespace {
+
+constexpr std::uint64_t mib = 1048576;
+
+bool allocates(std::size_t megabytes) {
+    void* volatile const block = std::malloc(megabytes * mib);
+    const bool got = block != nullptr;
+    std::free(block);
+    return got;
+}
+
+const char* outcome(std::size_t megabytes) {
+    return allocates(megabytes) ? "allocated" : "refused";
+}
+
+void restrict_memory() {
+    KXMBasMemInfo info;
+    const std::uint64_t before = test::reserved_bytes(), current = info.Current();
+    const auto available =
+        static_cast<std::uint64_t>(mem_GetWindowsMemory().GetAvailVirtMemoryMbytes());
+    // The figure is a float, so good to 8 MB at this size: 50 on either side of a whole step.
+    mem_RestrictMemory((available - 750 - 200) * 1024);
+    std::printf("%llu MB more reserved, %s\n",
+                static_cast<unsigned long long>((test::reserved_bytes() - before) / mib),
+                info.Current() <= current + 2 ? "none of it private" : "some of it private");
+}
+
+void limited() {
+    if (!test::limit_address_space(2000 * mib)) {
+        return;
+    }
+    const auto total = static_cast<unsigned>(mem_getVirtualMemorySizeMB());
+    mem_RestrictMemory(500 * 1024);
+    const float left = mem_GetWindowsMemory().GetAvailVirtMemoryMbytes();
+    std::printf("limit %u MB, left %s\n", total,
+                left >= 700 && left < 801 ? "700 to 800 MB" : "something else");
+    std::printf("600 MB %s, 850 MB %s\n", outcome(600), outcome(850));
+    mem_RestrictMemory(100 * 1024 * 1024);
+    std::printf("then nothing: 100 MB %s\n", outcome(100));
+}
+
+} // namespace
+
+int main(int, char** arguments) {
+    if (std::string(arguments[1]) == "restrict") {
+        restrict_memory();
+    } else {
+        limited();
+    }
+    return 0;
+}
