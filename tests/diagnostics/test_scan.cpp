@@ -117,6 +117,9 @@ TEST(ScanMemory, SeesTheProcessesMap) {
     EXPECT_GT(map.size(), claims + claims / 2);
     std::string rows;
     for (const test::MapRegion& region : map) {
+        if (region.start < from) { // where the runtime's heap may have grown since
+            continue;
+        }
         char row[100];
         const char* const state = region.state == 4096   ? "MEM_COMMIT"
                                   : region.state == 8192 ? "MEM_RESERVE"
@@ -131,8 +134,8 @@ TEST(ScanMemory, SeesTheProcessesMap) {
                       static_cast<int>(static_cast<unsigned>(region.size)));
         rows += row;
     }
-    const std::size_t begin = seen.find("------\n") + 7;
-    EXPECT_EQ(seen.substr(begin, seen.find("\nMEMORY") - begin), rows);
+    const std::size_t begin = seen.find("\n30000000") + 1;
+    EXPECT_TRUE(seen.substr(begin, seen.find("\nMEMORY") - begin) == rows) << seen;
     testing::internal::CaptureStdout();
     mem_scanmemory_ifc();
     EXPECT_EQ(testing::internal::GetCapturedStdout().find("Address  End"), 0U);
