@@ -230,6 +230,7 @@ TEST(DriveFigures, AskOnceAndTellOfARefusal) {
     asked = 0;
     mem_GetWindowsDriveInfo none, unknown(test::no_drive_root.c_str());
     EXPECT_EQ(none.GetType(), 0U);
+    EXPECT_GT(none.GetTotalSpaceMbytes(), 0U) << "the working folder's";
     EXPECT_FALSE(none.IsValid() || none.GetErrors().GetErrors(3).pop().IsValid());
 
     PlayedSystem system;
