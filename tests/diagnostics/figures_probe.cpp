@@ -1,6 +1,7 @@
-// Started by the tests: uses its address space up.
+// Started by the tests: reads its first figures, and uses its address space up.
 #include "KXMBasMem.h"
 #include "own_view.h"
+#include "played_system.h"
 
 #include <cstdio>
 #include <cstdlib>
@@ -19,6 +20,33 @@ bool allocates(std::size_t megabytes) {
 
 const char* outcome(std::size_t megabytes) {
     return allocates(megabytes) ? "allocated" : "refused";
+}
+
+const char* figure() {
+    return KXMBasMemInfo::Physical() == 0 ? "none" : "some";
+}
+
+void first_object() {
+    const char* const before = figure();
+    test::PlayedSystem system;
+    const auto load = system->module_load;
+    const auto older = system->older_machine_memory;
+    const auto refuse = [&] {
+        system->module_load = [](const char*) -> os::Module { return nullptr; };
+        system->older_machine_memory = [](os::OlderMachineMemory& figures) {
+            figures.length = UINT32_MAX;
+        };
+    };
+    refuse();
+    const KXMBasMemInfo failing;
+    const char* const refused = figure();
+    system->module_load = load;
+    system->older_machine_memory = older;
+    const KXMBasMemInfo retrying;
+    const char* const retried = figure();
+    refuse();
+    const KXMBasMemInfo later; // reads nothing anew
+    std::printf("%s, %s, %s, %s\n", before, refused, retried, figure());
 }
 
 void restrict_memory() {
@@ -50,7 +78,10 @@ void limited() {
 } // namespace
 
 int main(int, char** arguments) {
-    if (std::string(arguments[1]) == "restrict") {
+    const std::string mode = arguments[1];
+    if (mode == "first") {
+        first_object();
+    } else if (mode == "restrict") {
         restrict_memory();
     } else {
         limited();

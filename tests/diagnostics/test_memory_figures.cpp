@@ -25,6 +25,7 @@ void expect_close(std::uint64_t figure, std::uint64_t bytes, std::uint64_t toler
 
 TEST(MachineFigures, AreTheMachines) {
     KXMBasMemInfo info;
+    EXPECT_TRUE(info.Initialize());
     expect_close(KXMBasMemInfo::Physical(), test::physical_bytes(), 1);
     expect_close(info.Virtual(), test::address_space_bytes(), 1);
     EXPECT_EQ(KXMBasMemInfo::Accessible(), std::min(KXMBasMemInfo::Physical(), info.Virtual()));
@@ -150,6 +151,7 @@ TEST(MachineFigures, FallBackToTheOlderFunctionStepByStep) {
         EXPECT_EQ(figures.length, 56U);
         figures = older;
     };
+    released = 0;
     system->module_release = [](os::Module) { ++released; };
     // Low 32 bits of the kibibytes, rounded down: 4 TiB and 5.9 MiB are 5.
     older = {56, 44, 2 * gib + mib - 1, gib + 1, 0, 0, (gib * 4096) + 6 * mib - kib, mib - 1};
@@ -285,6 +287,10 @@ TEST(RestrictMemory, ReservesInStepsUntilTheMarginOrARefusal) {
 
 test::ChildResult probe(std::vector<std::string> arguments) {
     return test::run_child({test::sibling_program("figures_probe"), std::move(arguments), {}});
+}
+
+TEST(MachineFigures, AreReadByTheFirstObjectThatSucceeds) {
+    EXPECT_EQ(probe({"first"}).out, "none, none, some, some\n");
 }
 
 TEST(RestrictMemory, TakesAddressSpaceAndNoMemory) {

@@ -62,6 +62,20 @@ template <class Print> Totals walk(std::uint64_t scan_limit, Print print) {
     return totals;
 }
 
+struct Name {
+    std::uint32_t value;
+    const char* text;
+};
+
+const char* name_of(int value, const Name (&names)[3], const char* other) {
+    for (const Name& name : names) {
+        if (static_cast<std::uint32_t>(value) == name.value) {
+            return name.text;
+        }
+    }
+    return other;
+}
+
 void print_state(const os::Region& region) {
     mem_MemState state(static_cast<int>(region.state));
     writemem_MemState(stdout, state);
@@ -165,37 +179,15 @@ void mem_Scan_SummaryOnly(std::uint64_t scanLimit) {
 }
 
 void writemem_MemState(FILE* file, mem_MemState& state) {
-    const char* text = "UNKN MEM STA";
-    switch (static_cast<std::uint32_t>(state.getState())) {
-    case os::state_commit:
-        text = "MEM_COMMIT";
-        break;
-    case os::state_reserve:
-        text = "MEM_RESERVE";
-        break;
-    case os::state_free:
-        text = "MEM_FREE";
-        break;
-    default:
-        break;
-    }
-    std::fprintf(file, "%-12s", text);
+    constexpr Name names[] = {{os::state_commit, "MEM_COMMIT"},
+                              {os::state_reserve, "MEM_RESERVE"},
+                              {os::state_free, "MEM_FREE"}};
+    std::fprintf(file, "%-12s", name_of(state.getState(), names, "UNKN MEM STA"));
 }
 
 void writemem_MemType(FILE* file, mem_MemType& type) {
-    const char* text = "NONE";
-    switch (static_cast<std::uint32_t>(type.getType())) {
-    case os::type_private:
-        text = "MEM_PRIVATE";
-        break;
-    case os::type_mapped:
-        text = "MEM_MAPPED";
-        break;
-    case os::type_image:
-        text = "MEM_IMAGE";
-        break;
-    default:
-        break;
-    }
-    std::fprintf(file, "%-11s", text);
+    constexpr Name names[] = {{os::type_private, "MEM_PRIVATE"},
+                              {os::type_mapped, "MEM_MAPPED"},
+                              {os::type_image, "MEM_IMAGE"}};
+    std::fprintf(file, "%-11s", name_of(type.getType(), names, "NONE"));
 }
