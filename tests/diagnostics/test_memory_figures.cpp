@@ -96,13 +96,20 @@ TEST(MachineFigures, AreRoundedByTheirRules) {
         return true;
     };
     // Up from one kibibyte too many on, but not from less.
-    played = {
-        64, 33, 8 * gib, 4 * gib + kib, 0, 0, 2 * gib + kib - 1, gib, 3 * mib + 512 * kib + 1};
+    played = {64,
+              33,
+              8 * gib,
+              4 * gib + kib,
+              0,
+              0,
+              2 * gib + kib - 1,
+              gib + kib,
+              3 * mib + 512 * kib + 1};
     const mem_GetWindowsMemory memory;
     EXPECT_EQ(memory.GetTotalPhysMemoryMbytes(), 8192);
     EXPECT_EQ(memory.GetAvailPhysMemoryMbytes(), 4097);
     EXPECT_EQ(memory.GetTotalVirtMemoryMbytes(), 2048);
-    EXPECT_EQ(memory.GetAvailVirtMemoryMbytes(), 1024);
+    EXPECT_EQ(memory.GetAvailVirtMemoryMbytes(), 1025);
     EXPECT_EQ(memory.GetAvailExtendedMemoryMbytes(), 3.5F);
     EXPECT_EQ(memory.GetMemoryLoad(), 33U);
     KXMBasMemInfo info;
