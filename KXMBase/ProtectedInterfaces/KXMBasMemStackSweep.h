@@ -27,9 +27,9 @@ public:
     explicit KXMBasMemStackSweep(int levels);
     ~KXMBasMemStackSweep();
 
-private:
-    std::int32_t first; // 0; neither is read
-    std::int32_t levels;
+protected:               // a compiler would call them unused if they were private
+    std::int32_t first;  // 0; nothing reads it
+    std::int32_t levels; // nor this
 };
 
 // Where the stack begins and how deep it is: not found out, always 0.

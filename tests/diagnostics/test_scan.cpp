@@ -163,13 +163,13 @@ TEST(ScanMemory, NamesStatesAndTypes) {
 constexpr std::uint64_t mark = 0x5354'4143'4b21'0001;
 constexpr std::size_t words = 65536;
 
-// Half a mebibyte below the caller; the address of it.
-KXM_NO_SANITIZE std::uintptr_t leave_marks() {
+// Half a mebibyte below the caller, and where it was.
+KXM_NO_SANITIZE void leave_marks(std::uintptr_t& where) {
     volatile std::uint64_t array[words];
     for (volatile std::uint64_t& word : array) {
         word = mark;
     }
-    return reinterpret_cast<std::uintptr_t>(&array[0]);
+    where = reinterpret_cast<std::uintptr_t>(&array[0]);
 }
 
 // Away from the near end, which any call writes over.
@@ -183,12 +183,13 @@ KXM_NO_SANITIZE std::size_t marks_left(std::uintptr_t array) {
 }
 
 TEST(StackSweep, ZeroesTheStackBelow) {
+    std::uintptr_t array = 0;
     for (const int levels : {0, -1, INT32_MIN}) {
-        const std::uintptr_t array = leave_marks();
+        leave_marks(array);
         { const KXMBasMemStackSweep nothing(levels); }
         EXPECT_EQ(marks_left(array), words / 2) << levels;
     }
-    const std::uintptr_t array = leave_marks();
+    leave_marks(array);
     { const KXMBasMemStackSweep sweep(1); }
     EXPECT_EQ(marks_left(array), 0U);
     EXPECT_EQ(mem_ClearStackLevels(1), 0);
