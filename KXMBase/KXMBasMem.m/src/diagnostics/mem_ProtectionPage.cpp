@@ -5,19 +5,23 @@
 
 namespace {
 
-void announce(const char* what, void* address, std::uint64_t size) {
-    std::printf("%s a protection page at address 0x%08x, size %d\n", what,
-                static_cast<std::uint32_t>(reinterpret_cast<std::uintptr_t>(address)),
-                static_cast<std::int32_t>(static_cast<std::uint32_t>(size)));
+std::uint32_t low(std::uint64_t value) {
+    return static_cast<std::uint32_t>(value);
+}
+
+std::uint32_t low(void* pointer) {
+    return low(std::uint64_t{reinterpret_cast<std::uintptr_t>(pointer)});
 }
 
 } // namespace
 
 mem_ProtectionPage::mem_ProtectionPage(void* where, std::uint64_t bytes) {
-    announce("Creating", where, bytes);
+    std::printf("Creating a protection page at address 0x%08x, size %d\n", low(where),
+                static_cast<std::int32_t>(low(bytes)));
 }
 
 mem_ProtectionPage::~mem_ProtectionPage() {
-    std::fputs("DESTROYING a PROTECTION PAGE ...\n", stdout);
-    announce("Destroying", address, size);
+    std::printf("DESTROYING a PROTECTION PAGE ...\n");
+    std::printf("Destroying a protection page at address 0x%08x, size %d\n", low(address),
+                static_cast<std::int32_t>(low(size)));
 }

@@ -86,6 +86,7 @@ void print_type(const os::Region& region) {
     writemem_MemType(stdout, type);
 }
 
+// The whole number on both systems; the reference's own "%lu" has 32 bits.
 void print_amount(const char* label, int width, std::uint64_t amount, const char* unit) {
     std::printf("%s%*" PRIu64 "%s", label, width, amount, unit);
 }

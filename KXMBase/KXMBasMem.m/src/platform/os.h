@@ -127,9 +127,8 @@ struct ProcessMemory {
 };
 bool process_memory(ProcessMemory& figures);
 
-/// The figures of the system's newer memory function, MEMORYSTATUSEX. Bytes. A debug-help style
-/// look-up finds that function too: "GlobalMemoryStatusEx" in memory_module, an
-/// int(MachineMemory*) that answers 0 when it fails.
+/// The record of the system's newer memory function, MEMORYSTATUSEX. Bytes. That function is also
+/// found by name, "GlobalMemoryStatusEx" in memory_module: an int(MachineMemory*), 0 when it fails.
 struct MachineMemory {
     std::uint32_t length = 64; ///< of this record
     std::uint32_t load_percent = 0;
