@@ -15,6 +15,7 @@ module kxmbasmem
     public :: mem_tballocator, mem_tbthreadlock, newdeletetinyblock, mem_smallalloc, mem_smallfree
     public :: mem_tracker_enterphase, mem_tracker_exitphase, mem_tracker_printtransaction
     public :: mem_trackerc_currtransactionid
+    public :: mem_scanmemory_ifc, kxmbasmemclearstack
     public :: mem_aligned_malloc, mem_aligned_realloc, mem_aligned_free, mem_alignedalloc
 
     ! Statistics of the heap: bytes, but for the count ordblks.
@@ -179,6 +180,14 @@ module kxmbasmem
             import :: c_ptr
             type(c_ptr), intent(inout) :: ptr
         end subroutine mem_smallfree
+
+        ! The detailed report of the first 2 GiB of the address space, on the C standard output.
+        subroutine mem_scanmemory_ifc() bind(c)
+        end subroutine mem_scanmemory_ifc
+
+        ! Zeroes 4 mebibytes of the stack below the caller, which must be there.
+        subroutine kxmbasmemclearstack() bind(c, name="KXMBasMemClearStack")
+        end subroutine kxmbasmemclearstack
 
         ! The aligned back end. Fortran does not tell mem_malign from mem_Malign, so these carry
         ! names of their own here.

@@ -11,6 +11,7 @@ program test_entries
     call small_blocks_are_packed()
     call refusal_is_null()
     call figures_answer()
+    call reports_are_printed()
     print '(a)', 'all Fortran checks passed'
 
 contains
@@ -139,4 +140,9 @@ contains
         call check(info%arena == 0 .and. info%keepcost == 0, 'mem_DLMallinfo')
         call mem_releasememorylock()
     end subroutine figures_answer
+
+    subroutine reports_are_printed()
+        call mem_scanmemory_ifc()
+        call kxmbasmemclearstack()
+    end subroutine reports_are_printed
 end program test_entries

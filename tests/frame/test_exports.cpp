@@ -87,6 +87,8 @@ constexpr const char* plain_names[] = {"KXMBasAlloc_initializeC",
                                        "KXMBasErrorCategory",
                                        "KXMBasErrorStackReactivate",
                                        "KXMBasErrorStackDeactivate",
+                                       "KXMBasMemClearStack",
+                                       "mem_scanmemory_ifc",
                                        "memcheck_debug_printf"};
 
 TEST(Exports, ArePlainForTheLoader) {

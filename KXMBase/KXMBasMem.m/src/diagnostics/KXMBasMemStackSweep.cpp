@@ -1,0 +1,42 @@
+// See KXMBasMemStackSweep.h.
+#include "KXMBasMemStackSweep.h"
+
+#include "platform/compiler.h"
+
+namespace {
+
+// Apart from the question whether to go on, which must not cost the stack of one more level. The words
+// are volatile, so that all are written although only one is read, and that one is read after the deeper
+// call, so that every frame is alive while the deepest is.
+KXM_NO_SANITIZE int wipe(int levels) {
+    volatile std::uint64_t level[1048576 / sizeof(std::uint64_t)];
+    for (volatile std::uint64_t& word : level) {
+        word = 0;
+    }
+    const int deeper = mem_ClearStackLevels(levels - 1);
+    return deeper + static_cast<int>(level[0]);
+}
+
+} // namespace
+
+KXM_NEVER_INLINE int mem_ClearStackLevels(int levels) {
+    return levels < 1 ? 0 : wipe(levels);
+}
+
+void KXMBasMemClearStack() {
+    mem_ClearStackLevels(4);
+}
+
+KXMBasMemStackSweep::KXMBasMemStackSweep(int wanted) : first(0), levels(wanted) {
+    mem_ClearStackLevels(wanted);
+}
+
+KXMBasMemStackSweep::~KXMBasMemStackSweep() {}
+
+std::uint64_t mem_getStackTop() {
+    return 0;
+}
+
+std::uint64_t mem_getStackDepth() {
+    return 0;
+}
