@@ -22,12 +22,9 @@
 #include "KXMBasMemAllocator.h"
 #include "KXMBasMemCacheManager.h"
 #include "KXMBasMemDebug.h"
-<<<<<<< HEAD
 #include "KXMBasMemFixedPoolAllocator.h"
 #include "KXMBasMemNamedPools.h"
-=======
 #include "KXMBasMemInfo.h"
->>>>>>> diag1
 #include "KXMBasMemPool.h"
 #include "KXMBasMemRegionAllocator.h"
 #include "KXMBasMemSmallBlockAllocator.h"
