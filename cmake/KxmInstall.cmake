@@ -18,7 +18,8 @@ install(FILES KX0CORE/KX0CORE.h bindings/kxm_utf8_names.h DESTINATION ${CMAKE_IN
 install(FILES ${PROJECT_BINARY_DIR}/modules/kxmbasmem.mod
         DESTINATION ${CMAKE_INSTALL_LIBDIR}/fortran/modules)
 # Module files are one compiler's own; another one makes them from the source.
-install(FILES bindings/kxmbasmem.f90 DESTINATION ${CMAKE_INSTALL_DATADIR}/kxmbasmem)
+install(FILES bindings/kxmbasmem.f90 bindings/kxm_unit7.f90 bindings/kxm_unit7_binding.cpp
+        DESTINATION ${CMAKE_INSTALL_DATADIR}/kxmbasmem)
 if(KXM_RUNTIME_DLLS)
   install(FILES ${KXM_RUNTIME_DLLS} DESTINATION ${CMAKE_INSTALL_BINDIR})
 endif()

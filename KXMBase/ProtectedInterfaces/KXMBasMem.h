@@ -6,6 +6,7 @@
 #include "KXMBasAlloc.h"
 #include "KXMBasErrorStack.h"
 #include "KXMBasMemoryCheck.h"
+#include "KXMBasWriteMsg.h"
 #include "mem_BoundFunctions.h"
 #include "mem_Interface.h"
 #include "mem_Mallinfo.h"
@@ -33,6 +34,7 @@
 #include "mem_ToOs.h"
 #include "mem_Tracker.h"
 #include "mem_Tracker_Interface.h"
+#include "omi_FloatingPoint.h"
 #include "omi_SingletonBase.h"
 #endif
 

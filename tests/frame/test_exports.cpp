@@ -87,7 +87,17 @@ constexpr const char* plain_names[] = {"KXMBasAlloc_initializeC",
                                        "KXMBasErrorCategory",
                                        "KXMBasErrorStackReactivate",
                                        "KXMBasErrorStackDeactivate",
-                                       "memcheck_debug_printf"};
+                                       "memcheck_debug_printf",
+                                       "KXMBasMemoryCheckVarDP",
+                                       "KXMBasMemoryCheckVarSP",
+                                       "KXMBasMemoryCheckVarINT",
+                                       "KXMBasMemoryCheckVarINT64",
+                                       "KXMBasMemoryCheckArrayI",
+                                       "KXMBasMemoryCheckArrayP",
+                                       "KXMBasMemoryCheckArrayR",
+                                       "KXMBasMemoryCheckArrayD",
+                                       "KXMBasMemorySink",
+                                       "KXMBasWriteMsg"};
 
 TEST(Exports, ArePlainForTheLoader) {
     mem_Free(mem_Malloc(1)); // keeps the library loaded
