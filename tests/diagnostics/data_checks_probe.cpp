@@ -3,6 +3,7 @@
 #include "KXMBasMem.h"
 
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -21,6 +22,28 @@ void fill() {
     KXMBasMemoryInit(&text[32], wide, 7);
     KXMBasMemoryInit(&text[32], narrow, 0);
     std::puts(text.c_str());
+}
+
+// More than caches hold: 256 MiB and a word, from an odd address on, by bytes around its ends.
+void fill_large() {
+    if (MC_RESULT == nullptr) {
+        return;
+    }
+    constexpr std::size_t bytes = (std::size_t{256} << 20) + 8;
+    auto* const memory = static_cast<unsigned char*>(std::calloc(bytes + 16, 1)) + 3;
+    KXMBasMemoryInit(memory, 0x01020304, bytes + 3);
+    std::uint64_t wrong = memory[-1];
+    for (std::size_t i = 0; i < bytes; ++i) {
+        wrong += memory[i] != 4 - i % 4;
+    }
+    wrong += memory[bytes];
+    KXMBasMemoryInit(memory, std::uint64_t{0x0807060504030201}, bytes + 7);
+    for (std::size_t i = 0; i < bytes; ++i) {
+        wrong += memory[i] != 1 + i % 8;
+    }
+    wrong += memory[bytes];
+    std::printf("%d\n", static_cast<int>(wrong));
+    std::free(memory - 3);
 }
 
 // Read back while the file is open, because every line is flushed.
@@ -52,6 +75,7 @@ int main(int, char** arguments) {
     const std::string mode = arguments[1];
     if (mode == "fill") {
         fill();
+        fill_large();
     } else if (mode == "message") {
         message(arguments[2]);
     } else if (mode == "use") {

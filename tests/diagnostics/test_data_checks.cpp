@@ -180,7 +180,7 @@ TEST(Fill, ActsOnWholeWordsAndOnlyWithTheVariable) {
     request.environment = {{"MC_RESULT", std::nullopt}};
     EXPECT_EQ(test::run_child(request).out, "................ .............. ..........\n");
     request.environment = {{"MC_RESULT", ""}};
-    EXPECT_EQ(test::run_child(request).out, "abcdefghabcdefgh ABCDABCDABCD.. ..........\n");
+    EXPECT_EQ(test::run_child(request).out, "abcdefghabcdefgh ABCDABCDABCD.. ..........\n0\n");
 }
 
 TEST(Message, GoesToAFileOfTheUnitWhereThereIsNoFortran) {
