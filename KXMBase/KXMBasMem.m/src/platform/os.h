@@ -127,18 +127,41 @@ struct ProcessMemory {
 };
 bool process_memory(ProcessMemory& figures);
 
+/// The figures of the system's newer memory function, MEMORYSTATUSEX. Bytes. A debug-help style
+/// look-up finds that function too: "GlobalMemoryStatusEx" in memory_module, an
+/// int(MachineMemory*) that answers 0 when it fails.
 struct MachineMemory {
-    std::uint64_t total_physical, available_physical;
-    std::uint64_t total_virtual, available_virtual;
-    std::uint64_t available_extended_virtual;
-    std::uint32_t load_percent;
+    std::uint32_t length = 64; ///< of this record
+    std::uint32_t load_percent = 0;
+    std::uint64_t total_physical = 0, available_physical = 0;
+    std::uint64_t total_page_file = 0, available_page_file = 0; ///< what may be committed
+    std::uint64_t total_virtual = 0, available_virtual = 0;     ///< the process's address space
+    std::uint64_t available_extended_virtual = 0;
 };
-bool machine_memory(MachineMemory& figures);
+static_assert(sizeof(MachineMemory) == 64);
+inline constexpr const char* memory_module = "kernel32.dll";
+bool machine_memory(MachineMemory& figures); ///< figures untouched when it fails
+
+/// The same from the older function, MEMORYSTATUS, which cannot fail: what it cannot tell it fills
+/// with ones.
+struct OlderMachineMemory {
+    std::uint32_t length = 56; ///< of this record
+    std::uint32_t load_percent = 0;
+    std::uint64_t total_physical = 0, available_physical = 0;
+    std::uint64_t total_page_file = 0, available_page_file = 0;
+    std::uint64_t total_virtual = 0, available_virtual = 0;
+};
+static_assert(sizeof(OlderMachineMemory) == 56);
+void older_machine_memory(OlderMachineMemory& figures);
 
 std::uint32_t process_id();
 
+// Drives. `root` is what the system takes: the root of a drive on Windows, any path on Linux, where the
+// answer is that of the file system it lies on. For the space, null is the working folder's.
+
 /// Kind of drive that holds `root`, in the reference system's numbers: 0 unknown, 1 no such root,
-/// 2 removable, 3 fixed, 4 remote, 5 optical, 6 memory disk.
+/// 2 removable, 3 fixed, 4 remote, 5 optical, 6 memory disk. Linux tells none from fixed that is
+/// removable.
 std::uint32_t drive_type(const char* root);
 
 struct DriveSpace {
@@ -202,6 +225,7 @@ bool file_close(File file);
 using Module = void*;
 Module module_load(const char* file_name); ///< null when there is no such module
 void* module_symbol(Module module, const char* name);
+void module_release(Module module); ///< gives one module_load back
 
 /// Where the debug-help library is sought: in the folders of PATH if `in_path`, then under each of
 /// `places`, whose end is marked by null. And whether its functions serve one thread at a time.

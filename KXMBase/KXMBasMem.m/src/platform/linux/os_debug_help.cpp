@@ -1,5 +1,5 @@
 // Debug help on Linux: the reference system's functions, by their names, over the unwinder
-// (stack_walk) and the reader of debug information (symbols). Handles of processes and threads mean
+// (stack_walk) and the reader of debug information (symbols), and what else is bound by name. Handles of processes and threads mean
 // nothing here: the calling process is the only one.
 #include "platform/linux/stack_walk.h"
 #include "platform/linux/symbols.h"
@@ -11,6 +11,7 @@
 #include <cerrno>
 #include <cstring>
 #include <dlfcn.h>
+#include <iterator>
 #include <link.h>
 #include <unistd.h>
 
@@ -129,6 +130,10 @@ int line_from_address(void*, std::uint64_t address, std::uint32_t* displacement,
     return 1;
 }
 
+int memory_status(MachineMemory* figures) {
+    return machine_memory(*figures) ? 1 : 0;
+}
+
 struct Binding {
     const char* name;
     void* function;
@@ -138,7 +143,7 @@ template <class Function> void* place_of(Function* function) {
     return reinterpret_cast<void*>(function);
 }
 
-char own_module; // what both modules' names load
+char own_module; // what all modules' names load
 
 constexpr const char* well_known[] = {"dbghelp.dll", nullptr};
 constexpr DebugHelp help{"dbghelp.dll", false, well_known, false};
@@ -146,8 +151,10 @@ constexpr DebugHelp help{"dbghelp.dll", false, well_known, false};
 } // namespace
 
 Module module_load(const char* file_name) {
-    const bool known =
-        std::strcmp(file_name, help.file_name) == 0 || std::strcmp(file_name, "PSAPI.DLL") == 0;
+    const char* const names[] = {help.file_name, "PSAPI.DLL", memory_module};
+    const bool known = std::any_of(std::begin(names), std::end(names), [&](const char* name) {
+        return std::strcmp(file_name, name) == 0;
+    });
     return known ? &own_module : nullptr;
 }
 
@@ -162,6 +169,7 @@ void* module_symbol(Module module, const char* name) {
         {"SymGetSymFromAddr64", place_of(symbol_from_address)},
         {"SymGetLineFromAddr64", place_of(line_from_address)},
         {"GetModuleBaseNameW", place_of(module_base_name)},
+        {"GlobalMemoryStatusEx", place_of(memory_status)},
     };
     for (const Binding& binding : bindings) {
         if (module == &own_module && std::strcmp(binding.name, name) == 0) {
@@ -170,6 +178,8 @@ void* module_symbol(Module module, const char* name) {
     }
     return nullptr;
 }
+
+void module_release(Module) {}
 
 const DebugHelp& debug_help() {
     return help;

@@ -56,6 +56,19 @@ std::uint64_t address_space_limit() {
     return user_space_bytes;
 }
 
+// All of it where the process's size cannot be read.
+std::uint64_t address_space_left() {
+    const std::uint64_t limit = address_space_limit();
+    char text[16384];
+    const std::uint64_t used =
+        read_file("/proc/self/status", text) ? kilobytes_of(text, "\nVmSize:") : 0;
+    return limit > used ? limit - used : 0;
+}
+
+std::uint32_t percent_used(std::uint64_t total, std::uint64_t available) {
+    return static_cast<std::uint32_t>(100 - 100 * available / total);
+}
+
 } // namespace
 
 // Private bytes are the writable private mappings (VmData), touched or not, which is what the
@@ -87,21 +100,37 @@ bool machine_memory(MachineMemory& figures) {
         return false;
     }
     // The first line has no newline before it.
-    figures.total_physical = kilobytes_of(text, "MemTotal:");
-    figures.available_physical = kilobytes_of(text, "\nMemAvailable:");
-    if (figures.total_physical == 0) {
+    const std::uint64_t total = kilobytes_of(text, "MemTotal:");
+    const std::uint64_t available = std::min(kilobytes_of(text, "\nMemAvailable:"), total);
+    if (total == 0) {
         return false;
     }
-    figures.available_physical = std::min(figures.available_physical, figures.total_physical);
-    figures.load_percent =
-        static_cast<std::uint32_t>(100 - 100 * figures.available_physical / figures.total_physical);
+    figures.total_physical = total;
+    figures.available_physical = available;
+    figures.load_percent = percent_used(total, available);
+    figures.total_page_file = total + kilobytes_of(text, "\nSwapTotal:");
+    figures.available_page_file = available + kilobytes_of(text, "\nSwapFree:");
     figures.total_virtual = address_space_limit();
-    char status[16384];
-    const std::uint64_t used =
-        read_file("/proc/self/status", status) ? kilobytes_of(status, "\nVmSize:") : 0;
-    figures.available_virtual = figures.total_virtual > used ? figures.total_virtual - used : 0;
+    figures.available_virtual = address_space_left();
     figures.available_extended_virtual = 0;
     return true;
+}
+
+// Needs no /proc. Memory that the kernel would give up its caches for does not count as available.
+void older_machine_memory(OlderMachineMemory& figures) {
+    struct sysinfo info {};
+    if (sysinfo(&info) != 0 || info.totalram == 0) {
+        figures.total_physical = figures.available_physical = ~std::uint64_t{0};
+        return;
+    }
+    const std::uint64_t unit = info.mem_unit;
+    figures.total_physical = info.totalram * unit;
+    figures.available_physical = (info.freeram + info.bufferram) * unit;
+    figures.load_percent = percent_used(figures.total_physical, figures.available_physical);
+    figures.total_page_file = figures.total_physical + info.totalswap * unit;
+    figures.available_page_file = figures.available_physical + info.freeswap * unit;
+    figures.total_virtual = address_space_limit();
+    figures.available_virtual = address_space_left();
 }
 
 std::uint32_t process_id() {
@@ -116,22 +145,30 @@ std::uint32_t drive_type(const char* root) {
     switch (static_cast<unsigned long>(figures.f_type)) {
     case NFS_SUPER_MAGIC:
     case SMB_SUPER_MAGIC:
-    case 0xff534d42UL: // cifs
-    case 0xfe534d42UL: // smb2
+    case CIFS_SUPER_MAGIC:
+    case SMB2_SUPER_MAGIC:
+    case AFS_SUPER_MAGIC:
+    case CODA_SUPER_MAGIC:
+    case CEPH_SUPER_MAGIC:
+    case V9FS_MAGIC:
+    case 0x0bd00bd0: // the parallel file systems of large machines, which no header names
+    case 0x47504653:
+    case 0x19830326:
         return 4;
     case ISOFS_SUPER_MAGIC:
+    case UDF_SUPER_MAGIC:
         return 5;
     case TMPFS_MAGIC:
     case RAMFS_MAGIC:
         return 6;
     default:
-        return 3;
+        return figures.f_blocks == 0 ? 0 : 3; // the kernel's own, such as /proc, are no drive
     }
 }
 
 bool drive_space(const char* root, DriveSpace& space) {
     struct statvfs figures {};
-    if (statvfs(root, &figures) != 0) {
+    if (statvfs(root != nullptr ? root : ".", &figures) != 0) {
         return false;
     }
     space.sectors_per_cluster = 1; // the system counts in fragments alone

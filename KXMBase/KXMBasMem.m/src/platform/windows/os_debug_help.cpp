@@ -109,6 +109,10 @@ void* module_symbol(Module module, const char* name) {
     return function;
 }
 
+void module_release(Module module) {
+    FreeLibrary(static_cast<HMODULE>(module));
+}
+
 const DebugHelp& debug_help() {
     return help;
 }

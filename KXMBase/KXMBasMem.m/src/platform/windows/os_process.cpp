@@ -3,6 +3,8 @@
 
 #include <algorithm>
 #include <atomic>
+#include <bit>
+#include <cstddef>
 #include <windows.h>
 
 #include <psapi.h>
@@ -10,7 +12,11 @@
 namespace os {
 
 static_assert(sizeof(PROCESS_MEMORY_COUNTERS_EX) == 80);
-static_assert(sizeof(MEMORYSTATUSEX) == 64);
+static_assert(sizeof(MachineMemory) == sizeof(MEMORYSTATUSEX));
+static_assert(offsetof(MachineMemory, total_virtual) == offsetof(MEMORYSTATUSEX, ullTotalVirtual));
+static_assert(sizeof(OlderMachineMemory) == sizeof(MEMORYSTATUS));
+static_assert(offsetof(OlderMachineMemory, total_virtual) ==
+              offsetof(MEMORYSTATUS, dwTotalVirtual));
 
 namespace {
 
@@ -56,13 +62,15 @@ bool machine_memory(MachineMemory& figures) {
     if (GlobalMemoryStatusEx(&status) == 0) {
         return false;
     }
-    figures.total_physical = status.ullTotalPhys;
-    figures.available_physical = status.ullAvailPhys;
-    figures.total_virtual = status.ullTotalVirtual;
-    figures.available_virtual = status.ullAvailVirtual;
-    figures.available_extended_virtual = status.ullAvailExtendedVirtual;
-    figures.load_percent = status.dwMemoryLoad;
+    figures = std::bit_cast<MachineMemory>(status);
     return true;
+}
+
+void older_machine_memory(OlderMachineMemory& figures) {
+    MEMORYSTATUS status{};
+    status.dwLength = sizeof status;
+    GlobalMemoryStatus(&status);
+    figures = std::bit_cast<OlderMachineMemory>(status);
 }
 
 std::uint32_t process_id() {
