@@ -14,6 +14,7 @@
 #include "mem_ScanMemory.h"
 #include "mem_TinyBlocks.h"
 #include "mem_TrackerC.h"
+#include "mem_violations.h"
 
 #ifdef __cplusplus
 #include "KXMBasCallStack.h"

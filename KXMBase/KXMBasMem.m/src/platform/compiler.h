@@ -51,6 +51,16 @@
 #define KXM_WIDE_UNITS __declspec(noinline)
 #endif
 
+/// Where the frame of the function that called this one begins, and a block in this function's own
+/// frame, at the end where its callees' frames begin. For functions that damage frames on purpose.
+#if defined(__GNUC__)
+#define KXM_CALLERS_FRAME() (static_cast<char*>(__builtin_dwarf_cfa()))
+#define KXM_STACK_BLOCK(size) __builtin_alloca(size)
+#else
+#define KXM_CALLERS_FRAME() (static_cast<char*>(_AddressOfReturnAddress()) + 8)
+#define KXM_STACK_BLOCK(size) _alloca(size)
+#endif
+
 /// Around static_asserts on the layout of a class with virtual functions, which every compiler here
 /// lays out as such asserts expect and some warn about.
 #if defined(__GNUC__)
