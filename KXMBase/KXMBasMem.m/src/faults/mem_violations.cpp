@@ -11,6 +11,7 @@
 
 using faults::decide_by;
 using faults::hidden;
+using faults::stay;
 using faults::words;
 
 namespace {
@@ -19,16 +20,21 @@ std::int32_t s_zeroed;    // in zero-initialised storage
 std::int32_t s_set = 777; // in initialised storage
 constexpr std::size_t word = sizeof(std::int32_t);
 
+KXM_ALWAYS_INLINE void release(void* block) {
+    std::free(hidden(block));
+    stay();
+}
+
 KXM_ALWAYS_INLINE void read_at(std::size_t index) {
     void* const block = std::malloc(word);
     decide_by(words(block)[index]);
-    std::free(hidden(block));
+    release(block);
 }
 
 KXM_ALWAYS_INLINE void write_at(std::ptrdiff_t index, std::int32_t value) {
     void* const block = std::malloc(word);
     words(block)[index] = value;
-    std::free(hidden(block));
+    release(block);
 }
 
 // A zeroed integer that was set and deleted.
@@ -86,32 +92,32 @@ KXM_NO_SANITIZE void mem_stack_umr1() {
 
 KXM_NO_SANITIZE void mem_stack_free() {
     std::int32_t local = 0;
-    std::free(hidden(&local));
+    release(&local);
 }
 
 KXM_NO_SANITIZE void mem_bss_free() {
-    std::free(hidden(&s_zeroed));
+    release(&s_zeroed);
 }
 
 KXM_NO_SANITIZE void mem_static_free() {
-    std::free(hidden(&s_set));
+    release(&s_set);
 }
 
 KXM_NO_SANITIZE void mem_double_free() {
     void* const block = hidden(std::malloc(800));
-    std::free(hidden(block));
-    std::free(hidden(block));
+    release(block);
+    release(block);
 }
 
 KXM_NO_SANITIZE void mem_misaligned_realloc() {
     auto* const block = static_cast<char*>(std::malloc(256));
-    std::free(hidden(std::realloc(hidden(block + 8), 1024)));
+    release(std::realloc(hidden(block + 8), 1024));
 }
 
 KXM_NO_SANITIZE void mem_malloc_fim1() {
     auto* const block = static_cast<char*>(hidden(std::malloc(word)));
-    std::free(hidden(block + 4));
-    std::free(hidden(block));
+    release(block + 4);
+    release(block);
 }
 
 KXM_NO_SANITIZE void mem_new_fmr1() {
@@ -126,10 +132,11 @@ KXM_NO_SANITIZE void mem_new_ffm1() {
     auto* const object = hidden(new std::int32_t);
     delete object;
     delete hidden(object);
+    stay();
 }
 
 KXM_NO_SANITIZE void mem_new_fmm1() {
-    std::free(hidden(new std::int32_t));
+    release(new std::int32_t);
 }
 
 KXM_NO_SANITIZE void mem_leak1() {
@@ -139,11 +146,11 @@ KXM_NO_SANITIZE void mem_leak1() {
 // Allocation and copies --------------------------------------------------------------------------
 
 KXM_NO_SANITIZE void mem_malloc_maf1() {
-    std::free(hidden(std::malloc(1073741824)));
+    release(std::malloc(1073741824));
 }
 
 KXM_NO_SANITIZE void mem_malloc_nsa1() {
-    std::free(hidden(std::malloc(0)));
+    release(std::malloc(0));
 }
 
 KXM_NO_SANITIZE void mem_overlap_bcopy() {
@@ -151,6 +158,7 @@ KXM_NO_SANITIZE void mem_overlap_bcopy() {
     // The function itself, which a checker watches, and not the compiler's own copy of eight bytes.
     void* (*volatile copy)(void*, const void*, std::size_t) = std::memcpy;
     copy(hidden(buffer), hidden(buffer) + 2, 8);
+    stay();
 }
 
 KXM_NO_SANITIZE void mem_resize_to_zero() {

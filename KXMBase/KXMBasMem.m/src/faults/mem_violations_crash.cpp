@@ -62,4 +62,5 @@ KXM_NO_SANITIZE void mem_deliberateAbort() {
 
 KXM_NO_SANITIZE void mem_mismatch_par(int, const char* text) {
     std::printf("# argument %s\n", text);
+    faults::stay();
 }
