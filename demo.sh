@@ -9,7 +9,7 @@ no_arguments "$@"
 
 mkdir -p build demo-output
 need_build_packages
-build linux elasticity elasticity_demo_mesh memtrack
+build linux elasticity elasticity_demo_mesh memtrack kxmdiag
 
 program=build/linux/bin/elasticity
 mesh=build/linux/examples/elasticity/beam.msh
@@ -98,6 +98,13 @@ KXA_MEM_TRACK=1 KXA_MEM_OUTPUTDIR=demo-output "$program" --backend heap --tracki
     grep '^Tracking'
 build/linux/bin/memtrack demo-output/beam
 echo "Every event, a line each: build/linux/bin/memtrack events demo-output/beam"
+
+echo
+echo "== kxmdiag: what the library finds on this machine, and a deliberate fault"
+KXQ_DLALLOCATOR=1 build/linux/bin/kxmdiag settings | sed -n '1,5p'
+build/linux/bin/kxmdiag memory
+build/linux/bin/kxmdiag fault mem_stack_overwrite2
+echo "All of them, and which tool catches which: build/linux/bin/kxmdiag faults, docs/faults.md"
 
 echo
 echo "All containers, operators new and Fortran work arrays of these runs drew on the library."

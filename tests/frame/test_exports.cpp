@@ -97,7 +97,12 @@ constexpr const char* plain_names[] = {"KXMBasAlloc_initializeC",
                                        "KXMBasMemoryCheckArrayR",
                                        "KXMBasMemoryCheckArrayD",
                                        "KXMBasMemorySink",
-                                       "KXMBasWriteMsg"};
+                                       "KXMBasWriteMsg",
+                                       "mem_deliberateAbort",
+                                       "mem_stack_overwrite_frame",
+                                       "mem_stack_fill",
+                                       "mem_mismatch_par",
+                                       "mem_fp_division"};
 
 TEST(Exports, ArePlainForTheLoader) {
     mem_Free(mem_Malloc(1)); // keeps the library loaded

@@ -59,13 +59,10 @@ Section machine() {
 
 Section back_end() {
     const mem_DLMallinfoType info = mem_DLMallinfo();
-    Section section{
-        "Back end",
-        {{"bound", std::string(bound_back_end())},
-         {"memory limit", std::uint64_t{mem_MemoryLimit()}, "bytes"},
-         {"footprint", std::uint64_t{mem_Footprint()}, "KiB"},
-         {"tiny block pool", std::string(mem_tinyBlocksOn ? "on" : "off")},
-         {"tracking", std::string(mem_TrackerC_CurrTransactionId() != 0 ? "on" : "off")}}};
+    Section section{"Back end",
+                    {{"bound", std::string(bound_back_end())},
+                     {"memory limit", std::uint64_t{mem_MemoryLimit()}, "bytes"},
+                     {"footprint", std::uint64_t{mem_Footprint()}, "KiB"}}};
     if (mem_usingDL() != 0) {
         section.facts.push_back({"heap in use", info.uordblks, "bytes"});
         section.facts.push_back({"heap free", info.fordblks, "bytes"});
@@ -79,10 +76,9 @@ Section versions() {
              {"library", library_file()},
              {"system", system_name()},
 #if defined(__VERSION__)
-             {"compiler", std::string(__VERSION__)},
+             {"compiler", std::string(__VERSION__)}
 #endif
-             {"foundation library",
-              std::string("KX0CORE, whose KXTFatalError ends a process by its own rules")}}};
+            }};
 }
 
 std::string quoted(const std::string& text) {
@@ -102,6 +98,12 @@ std::string quoted(const std::string& text) {
     return result + '"';
 }
 
+std::string json_name(std::string text) {
+    text.erase(std::remove(text.begin(), text.end(), ','), text.end());
+    std::replace(text.begin(), text.end(), ' ', '_');
+    return text;
+}
+
 void print(const Section& section) {
     std::printf("%s\n", section.title.c_str());
     for (const Fact& fact : section.facts) {
@@ -118,9 +120,7 @@ void print(const Section& section) {
 void print_json_members(const Section& section, int indent) {
     for (std::size_t i = 0; i < section.facts.size(); ++i) {
         const Fact& fact = section.facts[i];
-        std::string name = fact.name + (fact.unit.empty() ? "" : " " + fact.unit);
-        name.erase(std::remove(name.begin(), name.end(), ','), name.end());
-        std::replace(name.begin(), name.end(), ' ', '_');
+        const std::string name = json_name(fact.name + (fact.unit.empty() ? "" : " " + fact.unit));
         const auto* const number = std::get_if<std::uint64_t>(&fact.value);
         std::printf("%s\n%*s%s: %s", i == 0 ? "" : ",", indent, "", quoted(name).c_str(),
                     number != nullptr ? std::to_string(*number).c_str()

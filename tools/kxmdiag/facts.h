@@ -25,6 +25,7 @@ Section back_end(); ///< which one is bound, and its figures
 Section versions();
 
 std::string quoted(const std::string& text); ///< a JSON string; bytes that are not ASCII stay
+std::string json_name(std::string text);     ///< without commas, with underscores for blanks
 void print(const Section& section);          ///< as text
 void print_json_members(const Section& section, int indent); ///< the members of one JSON object
 

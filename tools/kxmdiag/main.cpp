@@ -29,7 +29,8 @@ void print_json(const std::vector<Section>& sections) {
         print_json_members(sections[0], 2);
     } else {
         for (std::size_t i = 0; i < sections.size(); ++i) {
-            std::printf("%s\n  %s: {", i == 0 ? "" : ",", quoted(sections[i].title).c_str());
+            std::printf("%s\n  %s: {", i == 0 ? "" : ",",
+                        quoted(json_name(sections[i].title)).c_str());
             print_json_members(sections[i], 4);
             std::printf("\n  }");
         }

@@ -13,9 +13,9 @@ struct Setting {
     std::string effect;
     std::string read; ///< when the library reads it
     bool set = false;
-    std::string value;
+    std::string value = {};
     bool valid = true;
-    std::string remark; ///< why not, or what may surprise
+    std::string remark = {}; ///< why not, or what may surprise
 };
 
 /// All documented ones, in the document's order, with this process's values.
