@@ -46,8 +46,8 @@ std::vector<std::string> names_in(const std::string& cell) {
 
 bool is_number(const std::string& text) {
     char* end = nullptr;
-    const long value = std::strtol(text.c_str(), &end, 10);
-    return !text.empty() && *end == '\0' && value >= -2147483647L && value <= 2147483647L;
+    const long long value = std::strtoll(text.c_str(), &end, 10);
+    return !text.empty() && *end == '\0' && value >= -2147483647 && value <= 2147483647;
 }
 
 bool is_set(const char* name) {
