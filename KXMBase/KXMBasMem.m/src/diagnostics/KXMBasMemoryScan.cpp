@@ -6,7 +6,6 @@
 #include "omi_FloatingPoint.h"
 
 #include <bit>
-#include <cinttypes>
 #include <cstddef>
 #include <cstdio>
 #include <cstring>
@@ -88,8 +87,8 @@ template <typename Word>
 void scan_for_pattern(const void* memory, Word pattern, std::uint64_t byte_count) {
     const auto shown = static_cast<std::uint32_t>(pattern); // the low half of a wide one
     scan(memory, byte_count / sizeof pattern, Equal<Word>{pattern}, [shown](std::size_t index) {
-        std::fprintf(stderr, "*** PATTERN FOUND at mem[%" PRIu64 "]: %x\n",
-                     static_cast<std::uint64_t>(index), shown);
+        std::fprintf(stderr, "*** PATTERN FOUND at mem[%llu]: %x\n",
+                     static_cast<unsigned long long>(index), shown);
     });
 }
 
@@ -135,8 +134,8 @@ void KXMBasMemoryScan(char const* name, double const* values, std::uint64_t coun
     }
     scan(values, count, Exponent_full{}, [=](std::size_t index) {
         if (omi_isnan(values[index])) {
-            std::printf("*** NAN found at %s[%" PRIu64 "]: %12.2E at %s, line %d\n", name,
-                        static_cast<std::uint64_t>(index), values[index], file, line);
+            std::printf("*** NAN found at %s[%llu]: %12.2E at %s, line %d\n", name,
+                        static_cast<unsigned long long>(index), values[index], file, line);
         }
     });
 }
