@@ -10,7 +10,7 @@ no_arguments "$@"
 
 mkdir -p build demo-output
 need_build_packages
-build linux elasticity elasticity_demo_mesh memtrack
+build linux elasticity elasticity_demo_mesh memtrack kxmdiag
 
 program=build/linux/bin/elasticity
 mesh=build/linux/examples/elasticity/beam.msh
@@ -109,6 +109,13 @@ echo "A forgotten array, with the vectors on the tracking allocator:"
 echo "A read of what nobody wrote, with KXA_UMR_PRINT=1 (words of 32 bits in a block of 400 bytes):"
 (cd demo-output && KXA_UMR_PRINT=1 "../$program" --backend heap --quiet --uninitialised-read \
     "../$small")
+
+echo
+echo "== kxmdiag: what the library finds on this machine, and a deliberate fault"
+KXQ_DLALLOCATOR=1 build/linux/bin/kxmdiag settings | sed -n '1,5p'
+build/linux/bin/kxmdiag memory
+build/linux/bin/kxmdiag fault mem_stack_overwrite2
+echo "All of them, and which tool catches which: build/linux/bin/kxmdiag faults, docs/faults.md"
 
 echo
 echo "All containers, operators new and Fortran work arrays of these runs drew on the library."

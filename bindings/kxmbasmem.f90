@@ -16,6 +16,7 @@ module kxmbasmem
     public :: mem_tracker_enterphase, mem_tracker_exitphase, mem_tracker_printtransaction
     public :: mem_trackerc_currtransactionid
     public :: mem_scanmemory_ifc, kxmbasmemclearstack
+    public :: kxmbaswritemsg
     public :: mem_aligned_malloc, mem_aligned_realloc, mem_aligned_free, mem_alignedalloc
 
     ! Statistics of the heap: bytes, but for the count ordblks.
@@ -212,4 +213,24 @@ module kxmbasmem
             integer(c_size_t), value :: size, alignment
         end function mem_alignedalloc
     end interface
+
+contains
+
+    ! A line with the first `length` characters of the text to unit 7, which is flushed; an empty line
+    ! for 0 and below. Goes to the unit as the program has it open, in order with its own output.
+    subroutine kxmbaswritemsg(text, length)
+        character(len=*, kind=c_char), intent(in) :: text
+        integer(c_int64_t), intent(in) :: length
+
+        interface
+            subroutine write_msg(text, length, hidden) bind(c, name="KXMBasWriteMsg")
+                import :: c_char, c_int64_t, c_size_t
+                character(kind=c_char), intent(in) :: text(*)
+                integer(c_int64_t), intent(in) :: length
+                integer(c_size_t), value :: hidden
+            end subroutine write_msg
+        end interface
+
+        call write_msg(text, length, len(text, c_size_t))
+    end subroutine kxmbaswritemsg
 end module kxmbasmem

@@ -10,7 +10,7 @@ endif()
 
 install(TARGETS ${kxm_targets} EXPORT KXMBasMemTargets
         OBJECTS DESTINATION ${CMAKE_INSTALL_LIBDIR}/kxmbasmem)
-install(TARGETS memtrack RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+install(TARGETS memtrack kxmdiag RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
 install(EXPORT KXMBasMemTargets NAMESPACE KXMBasMem:: DESTINATION ${kxm_cmake_dir})
 install(DIRECTORY KXMBase/ProtectedInterfaces/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}
         FILES_MATCHING PATTERN "*.h")
@@ -20,7 +20,8 @@ install(FILES KX0CORE/KX0CORE.h bindings/kxm_allocator.h bindings/kxm_cache_pool
 install(FILES ${PROJECT_BINARY_DIR}/modules/kxmbasmem.mod
         DESTINATION ${CMAKE_INSTALL_LIBDIR}/fortran/modules)
 # Module files are one compiler's own; another one makes them from the source.
-install(FILES bindings/kxmbasmem.f90 DESTINATION ${CMAKE_INSTALL_DATADIR}/kxmbasmem)
+install(FILES bindings/kxmbasmem.f90 bindings/kxm_unit7.f90 bindings/kxm_unit7_binding.cpp
+        DESTINATION ${CMAKE_INSTALL_DATADIR}/kxmbasmem)
 if(KXM_RUNTIME_DLLS)
   install(FILES ${KXM_RUNTIME_DLLS} DESTINATION ${CMAKE_INSTALL_BINDIR})
 endif()

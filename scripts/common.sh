@@ -50,12 +50,12 @@ need_packages() {
 }
 
 need_build_packages() {
-    need_packages g++ gfortran cmake ninja-build
+    need_packages g++ gfortran cmake ninja-build libcli11-dev
 }
 
 need_test_packages() {
     need_build_packages
-    need_packages googletest pkgconf
+    need_packages googletest pkgconf valgrind
 }
 
 need_windows_packages() {

@@ -7,12 +7,14 @@
 #include "KXMBasErrorStack.h"
 #include "KXMBasMemStackSweep.h"
 #include "KXMBasMemoryCheck.h"
+#include "KXMBasWriteMsg.h"
 #include "mem_BoundFunctions.h"
 #include "mem_Interface.h"
 #include "mem_Mallinfo.h"
 #include "mem_ScanMemory.h"
 #include "mem_TinyBlocks.h"
 #include "mem_TrackerC.h"
+#include "mem_violations.h"
 
 #ifdef __cplusplus
 #include "KXMBasAllocator.h"
@@ -55,6 +57,7 @@
 #include "mem_ToOs.h"
 #include "mem_Tracker.h"
 #include "mem_Tracker_Interface.h"
+#include "omi_FloatingPoint.h"
 #include "omi_SingletonBase.h"
 #endif
 

@@ -12,6 +12,7 @@ program test_entries
     call refusal_is_null()
     call figures_answer()
     call reports_are_printed()
+    call lines_reach_unit_7()
     print '(a)', 'all Fortran checks passed'
 
 contains
@@ -145,4 +146,28 @@ contains
         call mem_scanmemory_ifc()
         call kxmbasmemclearstack()
     end subroutine reports_are_printed
+
+    ! In order with the program's own.
+    subroutine lines_reach_unit_7()
+        character(*), parameter :: name = 'test_entries.unit7', lines(5) = &
+            [character(10) :: 'before', 'from it', '', 'abcdefghij', 'after']
+        character(20) :: text
+        integer :: i, unit
+
+        open (7, file=name, status='replace', action='write')
+        write (7, '(a)') 'before'
+        call kxmbaswritemsg('from it, cut', 7_c_int64_t)
+        call kxmbaswritemsg('negative', -1_c_int64_t)
+        call kxmbaswritemsg('abcdefghij', 10_c_int64_t)
+        write (7, '(a)') 'after'
+        close (7)
+        open (newunit=unit, file=name, status='old', action='read')
+        do i = 1, size(lines)
+            read (unit, '(a)') text
+            call check(text == lines(i), 'a line of unit 7')
+        end do
+        read (unit, '(a)', iostat=i) text
+        call check(i < 0, 'the end of unit 7')
+        close (unit, status='delete')
+    end subroutine lines_reach_unit_7
 end program test_entries

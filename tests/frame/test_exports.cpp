@@ -89,7 +89,22 @@ constexpr const char* plain_names[] = {"KXMBasAlloc_initializeC",
                                        "KXMBasErrorStackDeactivate",
                                        "KXMBasMemClearStack",
                                        "mem_scanmemory_ifc",
-                                       "memcheck_debug_printf"};
+                                       "memcheck_debug_printf",
+                                       "KXMBasMemoryCheckVarDP",
+                                       "KXMBasMemoryCheckVarSP",
+                                       "KXMBasMemoryCheckVarINT",
+                                       "KXMBasMemoryCheckVarINT64",
+                                       "KXMBasMemoryCheckArrayI",
+                                       "KXMBasMemoryCheckArrayP",
+                                       "KXMBasMemoryCheckArrayR",
+                                       "KXMBasMemoryCheckArrayD",
+                                       "KXMBasMemorySink",
+                                       "KXMBasWriteMsg",
+                                       "mem_deliberateAbort",
+                                       "mem_stack_overwrite_frame",
+                                       "mem_stack_fill",
+                                       "mem_mismatch_par",
+                                       "mem_fp_division"};
 
 TEST(Exports, ArePlainForTheLoader) {
     mem_Free(mem_Malloc(1)); // keeps the library loaded

@@ -43,6 +43,24 @@
 #define KXM_NEVER_INLINE __declspec(noinline)
 #endif
 
+/// For a function whose loops may use the processor's units of 32 bytes. Call it only where
+/// os::has_wide_units() says so; where a compiler has no such choice, they answer no.
+#if defined(__GNUC__)
+#define KXM_WIDE_UNITS __attribute__((noinline, target("avx2")))
+#else
+#define KXM_WIDE_UNITS __declspec(noinline)
+#endif
+
+/// Where the frame of the function that called this one begins, and a block in this function's own
+/// frame, at the end where its callees' frames begin. For functions that damage frames on purpose.
+#if defined(__GNUC__)
+#define KXM_CALLERS_FRAME() (static_cast<char*>(__builtin_dwarf_cfa()))
+#define KXM_STACK_BLOCK(size) __builtin_alloca(size)
+#else
+#define KXM_CALLERS_FRAME() (static_cast<char*>(_AddressOfReturnAddress()) + 8)
+#define KXM_STACK_BLOCK(size) _alloca(size)
+#endif
+
 /// Around static_asserts on the layout of a class with virtual functions, which every compiler here
 /// lays out as such asserts expect and some warn about.
 #if defined(__GNUC__)
@@ -62,6 +80,15 @@ inline void spin_pause() {
     __builtin_ia32_pause();
 #else
     _mm_pause();
+#endif
+}
+
+/// Whether the processor has units of 32 bytes (AVX2), and the system keeps their registers.
+inline bool has_wide_units() {
+#if defined(__GNUC__)
+    return __builtin_cpu_supports("avx2") != 0;
+#else
+    return false;
 #endif
 }
 

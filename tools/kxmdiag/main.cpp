@@ -1,0 +1,260 @@
+// kxmdiag: shows what an installation of the library finds on a machine, and commits a deliberate fault on
+// request, so that tools and crash handlers can be tried there.
+#include "facts.h"
+#include "mem_ScanMemory.h"
+#include "settings.h"
+#include "violations.h"
+
+#include <CLI/CLI.hpp>
+
+#include <cstdio>
+#include <functional>
+#include <map>
+#include <memory>
+#include <string>
+
+namespace {
+
+using namespace kxmdiag;
+
+constexpr int done = 0, problem_found = 1, wrong_usage = 2;
+
+/// What the chosen command does; returns the exit status.
+using Run = std::function<int()>;
+
+/// One object of the sections' members, or of each section under its title when there are several.
+void print_json(const std::vector<Section>& sections) {
+    std::printf("{");
+    if (sections.size() == 1) {
+        print_json_members(sections[0], 2);
+    } else {
+        for (std::size_t i = 0; i < sections.size(); ++i) {
+            std::printf("%s\n  %s: {", i == 0 ? "" : ",",
+                        quoted(json_name(sections[i].title)).c_str());
+            print_json_members(sections[i], 4);
+            std::printf("\n  }");
+        }
+    }
+    std::printf("\n}\n");
+}
+
+void add_facts(CLI::App& app, Run& run, const char* name, const char* help,
+               const std::function<std::vector<Section>()>& sections) {
+    CLI::App* const command = app.add_subcommand(name, help);
+    const auto json = std::make_shared<bool>(false);
+    command->add_flag("--json", *json, "Write JSON");
+    command->callback([&run, json, sections] {
+        run = [json, sections] {
+            if (*json) {
+                print_json(sections());
+            } else {
+                for (const Section& section : sections()) {
+                    print(section);
+                }
+            }
+            return done;
+        };
+    });
+}
+
+void print_setting(const Setting& setting, bool with_effect) {
+    if (setting.set) {
+        std::printf("  %-26s \"%s\"%s\n", setting.name.c_str(), setting.value.c_str(),
+                    setting.valid ? "" : "  NOT VALID");
+    } else {
+        std::printf("  %-26s not set\n", setting.name.c_str());
+    }
+    if (!setting.remark.empty()) {
+        std::printf("      > %s\n", setting.remark.c_str());
+    }
+    if (with_effect) {
+        std::printf("      %s.%s%s Read %s.\n", setting.effect.c_str(),
+                    setting.standard.empty() ? "" : " Default: ",
+                    setting.standard.empty() ? "" : (setting.standard + ".").c_str(),
+                    setting.read.c_str());
+    }
+}
+
+void print_settings_json(const std::vector<Setting>& all, const std::vector<std::string>& unknown) {
+    std::printf("{\n  \"settings\": [");
+    const char* comma = "";
+    for (const Setting& setting : all) {
+        std::printf("%s\n    {\"name\": %s, \"value\": %s, \"valid\": %s, \"remark\": %s,\n"
+                    "     \"default\": %s, \"effect\": %s, \"read\": %s}",
+                    comma, quoted(setting.name).c_str(),
+                    setting.set ? quoted(setting.value).c_str() : "null",
+                    setting.valid ? "true" : "false", quoted(setting.remark).c_str(),
+                    quoted(setting.standard).c_str(), quoted(setting.effect).c_str(),
+                    quoted(setting.read).c_str());
+        comma = ",";
+    }
+    std::printf("\n  ],\n  \"unknown\": [");
+    comma = "";
+    for (const std::string& name : unknown) {
+        std::printf("%s%s", comma, quoted(name).c_str());
+        comma = ", ";
+    }
+    std::printf("]\n}\n");
+}
+
+/// With `all`, every variable with its effect; otherwise those that are set. 1 when a value is not valid.
+int show_settings(bool all, bool json) {
+    const std::vector<Setting> known = settings();
+    const std::vector<std::string> unknown = unknown_variables(known);
+    const auto wrong = std::find_if(known.begin(), known.end(),
+                                    [](const Setting& setting) { return !setting.valid; });
+    const int status = wrong == known.end() ? done : problem_found;
+    if (json) {
+        print_settings_json(known, unknown);
+        return status;
+    }
+    std::printf("Settings\n");
+    std::size_t shown = 0;
+    for (const Setting& setting : known) {
+        if (all || (setting.set && setting.name != "PATH")) {
+            print_setting(setting, all);
+            ++shown;
+        }
+    }
+    if (shown == 0) {
+        std::printf("  none is set; kxmdiag settings lists them all\n");
+    }
+    for (const std::string& name : unknown) {
+        std::printf("  %-26s is set, and means nothing to the library\n", name.c_str());
+    }
+    return status;
+}
+
+void add_settings(CLI::App& app, Run& run) {
+    CLI::App* const command = app.add_subcommand(
+        "settings", "Every environment variable: its value, whether that is valid, what it does");
+    const auto json = std::make_shared<bool>(false);
+    command->add_flag("--json", *json, "Write JSON");
+    command->callback([&run, json] { run = [json] { return show_settings(true, *json); }; });
+}
+
+void add_space(CLI::App& app, Run& run) {
+    struct Options {
+        std::string level = "summary";
+        std::uint64_t limit = 2147483647;
+    };
+    const std::map<std::string, MEM_SCAN_LEVEL_ENM> levels{{"detailed", MEM_SCAN_DETAILED},
+                                                           {"free", MEM_SCAN_FREE_ONLY},
+                                                           {"summary", MEM_SCAN_SUMMARY_ONLY}};
+    CLI::App* const command = app.add_subcommand(
+        "space", "The library's reports of the first 2 GiB of the address space");
+    const auto options = std::make_shared<Options>();
+    command->add_option("--level", options->level, "detailed, free or summary")
+        ->check(CLI::IsMember(levels))
+        ->capture_default_str();
+    command->add_option("--limit", options->limit, "The address to stop at")->capture_default_str();
+    command->callback([&run, options, levels] {
+        run = [options, levels] {
+            mem_ScanMemory(levels.at(options->level), options->limit);
+            return done;
+        };
+    });
+}
+
+void list_faults(std::FILE* file) {
+    for (const Violation& violation : violations()) {
+        std::fprintf(file, "  %-24s %s\n", violation.name, violation.what);
+    }
+}
+
+void add_faults(CLI::App& app, Run& run) {
+    CLI::App* const command = app.add_subcommand("faults", "The deliberate faults, by name");
+    const auto json = std::make_shared<bool>(false);
+    command->add_flag("--json", *json, "Write JSON");
+    command->callback([&run, json] {
+        run = [json] {
+            if (*json) {
+                const char* comma = "";
+                std::printf("{");
+                for (const Violation& violation : violations()) {
+                    std::printf("%s\n  %s: %s", comma, quoted(violation.name).c_str(),
+                                quoted(violation.what).c_str());
+                    comma = ",";
+                }
+                std::printf("\n}\n");
+            } else {
+                list_faults(stdout);
+            }
+            return done;
+        };
+    });
+}
+
+int commit(const std::string& name) {
+    const Violation* const violation = find_violation(name);
+    if (violation == nullptr) {
+        std::fprintf(stderr, "kxmdiag: there is no fault \"%s\". There are:\n", name.c_str());
+        list_faults(stderr);
+        return wrong_usage;
+    }
+    std::fprintf(stderr, "kxmdiag: %s: %s\n", violation->name, violation->what);
+    violation->commit();
+    std::fflush(stdout);
+    std::fprintf(stderr, "kxmdiag: the process goes on\n");
+    return done;
+}
+
+void add_fault(CLI::App& app, Run& run) {
+    CLI::App* const command = app.add_subcommand(
+        "fault", "Commits one of them in this process, which may not survive it");
+    const auto name = std::make_shared<std::string>();
+    command->add_option("NAME", *name, "As kxmdiag faults lists it")->required();
+    command->callback([&run, name] { run = [name] { return commit(*name); }; });
+}
+
+/// What there is without a command.
+int show_all() {
+    print(versions());
+    std::printf("\n");
+    print(back_end());
+    std::printf("\n");
+    const int status = show_settings(false, false);
+    std::printf("\n");
+    print(machine());
+    std::fflush(stdout);
+    mem_ScanMemory(MEM_SCAN_SUMMARY_ONLY, 2147483647);
+    return status;
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+    CLI::App app("Shows what the memory library KXMBasMem finds on this machine.", "kxmdiag");
+    app.set_version_flag("-V,--version", "kxmdiag " KXMDIAG_VERSION);
+    app.require_subcommand(0, 1);
+    app.set_help_all_flag("--help-all", "Help of all commands");
+    app.footer(
+        "Without a command: versions, back end, settings, machine, address space.\n"
+        "Exit status: 0 done; 1 a setting is not valid; 2 usage. A fault may end the process.");
+    Run run = show_all;
+    add_facts(app, run, "memory", "Memory of the machine and of this process, in mebibytes",
+              [] { return std::vector{machine()}; });
+    add_space(app, run);
+    add_settings(app, run);
+    add_facts(app, run, "backend", "The back end that the settings bind",
+              [] { return std::vector{back_end()}; });
+    add_facts(app, run, "versions", "Of this command, the library, the system",
+              [] { return std::vector{versions()}; });
+    add_facts(app, run, "report", "Versions, back end and machine together, for a problem report",
+              [] {
+                  return std::vector{versions(), back_end(), machine()};
+              });
+    add_faults(app, run);
+    add_fault(app, run);
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError& error) {
+        return app.exit(error) == 0 ? done : wrong_usage; // prints help, version or what is wrong
+    }
+    const int status = run();
+    if (std::fflush(stdout) != 0) {
+        std::fprintf(stderr, "kxmdiag: cannot write the output\n");
+        return problem_found;
+    }
+    return status;
+}
