@@ -127,9 +127,10 @@ module kxmbasmem
         end function mem_dlmallinfo
 
         ! Phases of the calling thread, for memory tracking. The text is given with its length, at most
-        ! 118: call mem_tracker_enterphase(0_c_int, 'assembly', 8_c_int). A print flag other than 0
-        ! tells of it on standard error. With tracking off they do nothing, but the first call of any
-        ! of these makes the tracker, over twenty megabytes.
+        ! 118, with tracking off too, beyond which the process ends:
+        ! call mem_tracker_enterphase(0_c_int, 'assembly', 8_c_int). A print flag other than 0 tells of
+        ! it on standard error. With tracking off they do nothing, but the first call of any of these
+        ! makes the tracker, over twenty megabytes.
         subroutine mem_tracker_enterphase(print, text, length) bind(c)
             import :: c_char, c_int
             integer(c_int), intent(in) :: print

@@ -92,8 +92,8 @@ public:
     void SetOutputName(const char* name);
     void SetRank(int rank); ///< for messages; -1 until then
 
-    /// The calling thread's phase, nested in those it is in. `print` not 0: told on standard error. A
-    /// thread numbered 64 or above gets a fatal error.
+    /// The calling thread's phase, nested in those it is in. `name` has at most 127 characters. `print`
+    /// not 0: told on standard error. A longer name, or a thread numbered 64 or above, is a fatal error.
     void EnterPhase(const char* name, int print);
     void ExitPhase(int print);
 

@@ -19,8 +19,8 @@ KXMBASMEM_API int mem_TrackerC_EnterPhase(const char* name);
 KXMBASMEM_API int mem_TrackerC_ExitPhase(void);
 
 /** For numerical code: arguments by reference, texts of `length` characters without a terminator,
-    at most 118; a longer one is a fatal error. `*print` not 0: told on standard error. They create the
-    tracker in any case, and do nothing more while tracking is off. */
+    at most 118; a longer one is a fatal error, with tracking off too. `*print` not 0: told on standard
+    error. They create the tracker in any case, and do nothing more while tracking is off. */
 KXMBASMEM_API void mem_tracker_enterphase(const int* print, const char* text, int length);
 KXMBASMEM_API void mem_tracker_exitphase(const int* print);
 KXMBASMEM_API void mem_tracker_printtransaction(const char* text, int length);
