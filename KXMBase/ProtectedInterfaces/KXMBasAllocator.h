@@ -31,6 +31,9 @@ struct AllocatorAccess;
 class KXMBASMEM_API KXMBasAllocatorBase : public mem_AllocationOperators {
 public:
     KXMBasAllocatorBase() : mRefCount(0) {}
+    // The count belongs to the object: a copy of it has no handles yet.
+    KXMBasAllocatorBase(const KXMBasAllocatorBase&) : mem_AllocationOperators(), mRefCount(0) {}
+    KXMBasAllocatorBase& operator=(const KXMBasAllocatorBase&) { return *this; }
     virtual ~KXMBasAllocatorBase();
 
     /// A block of `size` bytes, and in `actualSize` how many of them may be used.

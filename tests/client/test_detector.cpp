@@ -38,7 +38,7 @@ std::string all_lines(int id, int size, const std::string& tag = " ") {
 TEST(Detector, TellsRunsUpToTheLimitAndWatchesTheFirstBlockUnlessToldOtherwise) {
     const std::string folder = test::scratch_folder("detector");
     const ChildResult one = test::run_probe({"detector", folder}, {{"KXA_UMR_PRINT", "1"}});
-    EXPECT_EQ(one.out, "first numbered\nsmall filled 8\n");
+    EXPECT_EQ(one.out, "first numbered\nsmall filled 8 of 44\n");
     const std::string told = all_lines(0, 120, "(watched)") + line(1, 120, 12, 16) +
                              line(2, 124, 12, 16) + line(6, 120, 13, 14);
     EXPECT_EQ(one.err, told);
@@ -59,7 +59,7 @@ TEST(Detector, IsOffUnlessTheNumberIsPositive) {
          {Variables{}, Variables{{"KXA_UMR_PRINT", "-1"}}, Variables{{"KXA_UMR_PRINT", "on"}}}) {
         const std::string folder = test::scratch_folder("detector_off");
         const ChildResult result = test::run_probe({"detector", folder}, set);
-        EXPECT_EQ(result.out, "first plain\nsmall plain 0\n");
+        EXPECT_EQ(result.out, "first plain\nsmall plain 0 of 16\n");
         EXPECT_EQ(result.err, "");
         EXPECT_FALSE(std::filesystem::exists(folder + "KXMBas_UMR_Print.txt"));
     }

@@ -55,12 +55,14 @@ TEST(Handle, CountsItsCopiesAndGoesWithTheLast) {
             EXPECT_EQ(AllocatorAccess::count(*one), 2);
         }
         EXPECT_EQ(AllocatorAccess::count(*one), 1);
+        const Witness twin(*one); // of the allocator, which has no handles yet
+        EXPECT_EQ(AllocatorAccess::count(twin), 0);
         second = first;
         EXPECT_EQ(two_told, "gone ");
         EXPECT_EQ(AllocatorAccess::count(*one), 2);
         EXPECT_EQ(one_told, "");
     }
-    EXPECT_EQ(one_told, "gone ");
+    EXPECT_EQ(one_told, "gone gone "); // the twin, and once itself
 }
 
 TEST(Handle, SetsTheCountWhenABaseIsWrappedAgain) {

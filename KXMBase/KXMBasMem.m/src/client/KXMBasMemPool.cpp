@@ -9,6 +9,7 @@
 #include "platform/relaxed_word.h"
 
 using os::relaxed_read;
+using os::relaxed_write;
 
 void operator_pool_seam::activate() {
     operatorNewPool.Activate();
@@ -23,12 +24,14 @@ KXMBasMemPool::KXMBasMemPool(int id, const char* name, KXMBasMemCacheManager* ma
 }
 
 void KXMBasMemPool::Activate() {
-    m_active = true;
+    relaxed_write(m_active, true); // again at each start of the library, while others allocate
 }
 
 void* KXMBasMemPool::Alloc(std::size_t size) {
     void* const ptr = mem_Malloc(size);
-    UpdateMemoryInUse(increase, AllocSize(ptr));
+    if (relaxed_read(m_active)) {
+        UpdateMemoryInUse(increase, AllocSize(ptr));
+    }
     return ptr;
 }
 
@@ -36,7 +39,7 @@ std::size_t KXMBasMemPool::Free(void* ptr) {
     if (ptr == nullptr) {
         return 0;
     }
-    if (!m_active) {
+    if (!relaxed_read(m_active)) {
         mem_Free(ptr);
         return 0;
     }
@@ -69,6 +72,6 @@ std::size_t KXMBasMemPool::MemoryPeak() {
 }
 
 void KXMBasMemPool::UpdateMemoryInUse(IncreaseDecrease how, std::size_t size) {
-    pool_account::update(m_active, how != increase, size, m_memoryCurrent, m_memoryHighWater,
-                         m_memoryPeak);
+    pool_account::update(relaxed_read(m_active), how != increase, size, m_memoryCurrent,
+                         m_memoryHighWater, m_memoryPeak);
 }

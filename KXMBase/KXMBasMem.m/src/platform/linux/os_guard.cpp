@@ -62,10 +62,8 @@ void on_fault(int number, siginfo_t* information, void* context) {
 }
 
 // Counts a guarded call in or out; the first puts the handlers up, the last takes them down.
+// pre: all signals are blocked.
 void change(bool enter) {
-    sigset_t all, mask;
-    sigfillset(&all);
-    pthread_sigmask(SIG_SETMASK, &all, &mask);
     while (changing.test_and_set(std::memory_order_acquire)) {
         spin_pause();
     }
@@ -79,15 +77,18 @@ void change(bool enter) {
     } else if (!enter && --running == 0) {
         for (std::size_t i = 0; i < fault_count; ++i) {
             struct sigaction now;
-            sigaction(faults[i], nullptr, &now);
-            if ((now.sa_flags & SA_SIGINFO) != 0 && now.sa_sigaction == on_fault) {
-                sigaction(faults[i], &previous[i], nullptr);
-            } // else somebody has put up another since, which stays
+            sigaction(faults[i], &previous[i], &now);
+            if ((now.sa_flags & SA_SIGINFO) == 0 || now.sa_sigaction != on_fault) {
+                sigaction(faults[i], &now, nullptr); // somebody's since, which stays
+            }
         }
     }
     changing.clear(std::memory_order_release);
-    pthread_sigmask(SIG_SETMASK, &mask, nullptr);
 }
+
+// One stack is the process's, so that a guarded call need not map one; whoever finds it in use does.
+alignas(16) unsigned char process_stack[stack_bytes];
+std::atomic_flag process_stack_used = ATOMIC_FLAG_INIT;
 
 // A stack for the handler, unless the thread has one. Without memory there is none, and an overflow
 // of the thread's stack ends the process as it would have without a guard.
@@ -98,8 +99,7 @@ public:
         if (sigaltstack(nullptr, &now) != 0 || (now.ss_flags & SS_DISABLE) == 0) {
             return;
         }
-        memory_ =
-            mmap(nullptr, stack_bytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+        memory_ = take();
         if (memory_ != MAP_FAILED) {
             stack_t ours = {};
             ours.ss_sp = memory_;
@@ -108,10 +108,15 @@ public:
         }
     }
     ~HandlerStack() {
-        if (memory_ != MAP_FAILED) {
-            stack_t none = {};
-            none.ss_flags = SS_DISABLE;
-            sigaltstack(&none, nullptr);
+        if (memory_ == MAP_FAILED) {
+            return;
+        }
+        stack_t none = {};
+        none.ss_flags = SS_DISABLE;
+        sigaltstack(&none, nullptr);
+        if (memory_ == process_stack) {
+            process_stack_used.clear(std::memory_order_release);
+        } else {
             munmap(memory_, stack_bytes);
         }
     }
@@ -119,6 +124,14 @@ public:
     HandlerStack& operator=(const HandlerStack&) = delete;
 
 private:
+    static void* take() {
+        if (!process_stack_used.test_and_set(std::memory_order_acquire)) {
+            return process_stack;
+        }
+        return mmap(nullptr, stack_bytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1,
+                    0);
+    }
+
     void* memory_ = MAP_FAILED;
 };
 
@@ -140,17 +153,20 @@ KXM_NEVER_INLINE bool run(void (*work)(void*), void* argument) {
 
 bool guarded_call(void (*work)(void*), void* argument) {
     const HandlerStack stack;
+    sigset_t all, mask;
+    sigfillset(&all);
+    pthread_sigmask(SIG_SETMASK, &all, &mask);
     change(true);
     // Inside a handler of such a fault the signal is blocked, and a second one would end the process.
-    sigset_t unblock, mask;
-    sigemptyset(&unblock);
+    sigset_t inside = mask;
     for (const int fault : faults) {
-        sigaddset(&unblock, fault);
+        sigdelset(&inside, fault);
     }
-    pthread_sigmask(SIG_UNBLOCK, &unblock, &mask);
+    pthread_sigmask(SIG_SETMASK, &inside, nullptr);
     const bool done = run(work, argument);
-    pthread_sigmask(SIG_SETMASK, &mask, nullptr); // also after the jump out of the handler
+    pthread_sigmask(SIG_SETMASK, &all, nullptr); // also after the jump out of the handler
     change(false);
+    pthread_sigmask(SIG_SETMASK, &mask, nullptr);
     return done;
 }
 
