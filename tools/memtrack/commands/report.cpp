@@ -1,0 +1,255 @@
+// memtrack report: the whole of a run, or of a job's ranks, on a page.
+#include "lists.h"
+
+#include <algorithm>
+#include <cinttypes>
+
+namespace memtrack {
+
+namespace {
+
+struct Metric {
+    const char* name; ///< in JSON
+    const char* label;
+    bool bytes;
+    std::uint64_t (*get)(const Figures&);
+};
+constexpr Metric metrics[] = {
+    {"peak_bytes", "peak", true, [](const Figures& f) { return f.peak.bytes; }},
+    {"left_bytes", "not released", true, [](const Figures& f) { return f.left.bytes; }},
+    {"allocated_bytes", "allocated", true, [](const Figures& f) { return f.allocated.bytes; }},
+    {"events", "events", false, [](const Figures& f) { return f.events; }},
+    {"temporary", "temporary", false, [](const Figures& f) { return f.temporary; }},
+    {"failed", "failed", false, [](const Figures& f) { return f.failed; }},
+};
+
+struct Range { // of a bucket of sizes
+    std::uint64_t from, to;
+};
+Range bucket_range(std::size_t bucket) {
+    if (bucket == 0) {
+        return {0, 0};
+    }
+    const std::uint64_t from = std::uint64_t{1} << (bucket - 1);
+    return {from, from + (from - 1)};
+}
+
+// --- as text ---
+
+void write_heading(Output& output, const std::vector<Figures>& ranks, const Figures& all) {
+    if (ranks.size() == 1) {
+        output.print("%s: ", ranks[0].base.c_str());
+    } else {
+        output.print("%zu ranks: ", ranks.size());
+    }
+    output.print("%s event%s in %" PRId32 " file%s, %zu thread%s, %zu phase%s\n",
+                 grouped(all.events).c_str(), plural(all.events), all.files,
+                 plural(static_cast<std::uint64_t>(all.files)), all.threads.size(),
+                 plural(all.threads.size()), all.phases.size(), plural(all.phases.size()));
+}
+
+void write_types(Output& output, const Figures& all) {
+    for (std::size_t i = 0; i < type_count; ++i) {
+        if (all.by_type[i] != 0) {
+            output.print("  %-8s %16s\n", type_name(static_cast<Type>(i)),
+                         grouped(all.by_type[i]).c_str());
+        }
+    }
+}
+
+void write_totals(Output& output, const Figures& all) {
+    output.print("Allocated: %s over the run\n", amount_text(all.allocated).c_str());
+    output.print("Temporary: %s of these blocks (%s) were freed before anything else was "
+                 "allocated\n",
+                 grouped(all.temporary).c_str(),
+                 percent(all.temporary, all.allocated.blocks).c_str());
+    output.print("Failed: %s request%s\n", grouped(all.failed).c_str(), plural(all.failed));
+    if (all.unknown_releases != 0) {
+        output.print("Released without being held: %s\n", grouped(all.unknown_releases).c_str());
+    }
+    if (all.lost_releases != 0) {
+        output.print("Addresses given out again while held: %s\n",
+                     grouped(all.lost_releases).c_str());
+    }
+}
+
+void write_sizes(Output& output, const SizeFigures& sizes) {
+    std::uint64_t most = 1;
+    for (const Amount& bucket : sizes.requests) {
+        most = std::max(most, bucket.blocks);
+    }
+    output.print("\nSizes of requests, in bytes:\n");
+    for (std::size_t i = 0; i < SizeFigures::buckets; ++i) {
+        const Amount& bucket = sizes.requests[i];
+        if (bucket.blocks == 0) {
+            continue;
+        }
+        const Range range = bucket_range(i);
+        const auto bar = static_cast<std::size_t>(30.0 * static_cast<double>(bucket.blocks) /
+                                                  static_cast<double>(most));
+        output.print("  %14s - %-14s %12s  %12s  %s\n", grouped(range.from).c_str(),
+                     grouped(range.to).c_str(), grouped(bucket.blocks).c_str(),
+                     human_bytes(bucket.bytes).c_str(), std::string(bar, '#').c_str());
+    }
+}
+
+void write_threads(Output& output, const CommonOptions& options, const Figures& all) {
+    std::vector<const ThreadFigures*> order;
+    for (const ThreadFigures& thread : all.threads) {
+        order.push_back(&thread);
+    }
+    std::stable_sort(order.begin(), order.end(), [](const auto* a, const auto* b) {
+        return a->allocated.bytes > b->allocated.bytes;
+    });
+    output.print("\nBy thread:\n  thread       events    allocated   temporary  failed      at peak  not "
+                 "released  frees others' blocks\n");
+    const std::size_t shown = rows_shown(options, order.size());
+    for (std::size_t i = 0; i < shown; ++i) {
+        const ThreadFigures& thread = *order[i];
+        output.print("  %6" PRId32 " %12s %12s %11s %7s %12s %13s %21s\n", thread.thread,
+                     grouped(thread.events).c_str(), human_bytes(thread.allocated.bytes).c_str(),
+                     grouped(thread.temporary).c_str(), grouped(thread.failed).c_str(),
+                     human_bytes(thread.at_peak.bytes).c_str(),
+                     human_bytes(thread.left.bytes).c_str(),
+                     grouped(thread.released_foreign).c_str());
+    }
+    write_rest(output, shown, order.size());
+}
+
+void write_ranks(Output& output, const std::vector<Figures>& ranks) {
+    output.print("\nOver %zu ranks:    minimum             mean          maximum  of rank\n",
+                 ranks.size());
+    for (const Metric& metric : metrics) {
+        const Spread range = spread(ranks, metric.get);
+        const auto text = [&](std::uint64_t value) {
+            return metric.bytes ? human_bytes(value) : grouped(value);
+        };
+        output.print("  %-12s %12s %16s %16s  %s\n", metric.label, text(range.low).c_str(),
+                     text(static_cast<std::uint64_t>(range.mean)).c_str(),
+                     text(range.high).c_str(), ranks[range.high_rank].base.c_str());
+    }
+}
+
+void write_text(Output& output, const CommonOptions& options, const std::vector<Figures>& ranks,
+                const Figures& all, const Problems& problems) {
+    write_incomplete(output, problems);
+    write_heading(output, ranks, all);
+    write_types(output, all);
+    write_totals(output, all);
+    output.print("\n");
+    write_peak_line(output, ranks, all);
+    write_phase_list(output, options, all, &ShareFigures::at_peak, all.peak.bytes);
+    output.print("\nNot released: %s\n", amount_text(all.left).c_str());
+    write_phase_list(output, options, all, &ShareFigures::left, all.left.bytes);
+    write_sizes(output, all.sizes);
+    write_threads(output, options, all);
+    if (ranks.size() > 1) {
+        write_ranks(output, ranks);
+    }
+}
+
+// --- as JSON ---
+
+void write_share(Json& json, const ShareFigures& share) {
+    json.member("events", share.events);
+    write_amount(json, "allocated", share.allocated);
+    json.member("temporary", share.temporary).member("failed", share.failed);
+    write_amount(json, "at_peak", share.at_peak);
+    write_amount(json, "left", share.left);
+    json.member("high_bytes", share.high);
+}
+
+void write_figures(Json& json, const Figures& all, bool merged) {
+    json.member("files", all.files).member("events", all.events);
+    json.key("events_by_type").object();
+    for (std::size_t i = 0; i < type_count; ++i) {
+        json.member(type_name(static_cast<Type>(i)), all.by_type[i]);
+    }
+    json.end();
+    write_amount(json, "allocated", all.allocated);
+    json.member("temporary", all.temporary).member("failed", all.failed);
+    json.member("unknown_releases", all.unknown_releases);
+    json.member("lost_releases", all.lost_releases);
+    json.key("peak").object().member("bytes", all.peak.bytes).member("blocks", all.peak.blocks);
+    if (!merged && all.peak.blocks != 0) {
+        const Figures::PeakEvent& at = all.peak_event;
+        json.member("event", at.number).member("type", type_name(at.type)).member("size", at.size);
+        json.member("thread", at.thread).member("phase", at.phase);
+    }
+    json.end();
+    write_amount(json, "left", all.left);
+    json.key("sizes").array();
+    for (std::size_t i = 0; i < SizeFigures::buckets; ++i) {
+        if (all.sizes.requests[i].blocks != 0) {
+            const Range range = bucket_range(i);
+            json.compact().object().member("from", range.from).member("to", range.to);
+            json.member("blocks", all.sizes.requests[i].blocks);
+            json.member("bytes", all.sizes.requests[i].bytes).end();
+        }
+    }
+    json.end().key("phases").array();
+    for (const PhaseFigures& phase : all.phases) {
+        json.compact().object().member("phase", phase.path);
+        write_share(json, phase);
+        json.end();
+    }
+    json.end().key("threads").array();
+    for (const ThreadFigures& thread : all.threads) {
+        json.compact().object().member("thread", thread.thread);
+        write_share(json, thread);
+        json.member("released", thread.released);
+        json.member("released_foreign", thread.released_foreign).end();
+    }
+    json.end();
+}
+
+void write_json(Output& output, const std::vector<Figures>& ranks, const Figures& all,
+                const Problems& problems) {
+    Json json(output);
+    json.object();
+    write_problems(json, problems);
+    write_figures(json, all, ranks.size() > 1);
+    json.key("ranks").array();
+    for (const Figures& rank : ranks) {
+        json.compact().object().member("base", rank.base).member("complete", rank.complete);
+        for (const Metric& metric : metrics) {
+            json.member(metric.name, metric.get(rank));
+        }
+        json.end();
+    }
+    json.end().key("over_ranks").object();
+    for (const Metric& metric : metrics) {
+        const Spread range = spread(ranks, metric.get);
+        json.key(metric.name).compact().object().member("minimum", range.low);
+        json.member("mean", range.mean).member("maximum", range.high);
+        json.member("minimum_of", ranks[range.low_rank].base);
+        json.member("maximum_of", ranks[range.high_rank].base).end();
+    }
+    json.end().end();
+}
+
+int report(const CommonOptions& options) {
+    Output output(options.output, options.force);
+    Problems problems;
+    const std::vector<Figures> ranks = take_each(options, problems, take_figures);
+    const Figures all = merge(ranks);
+    if (options.json) {
+        write_json(output, ranks, all, problems);
+    } else {
+        write_text(output, options, ranks, all, problems);
+    }
+    output.finish(options.quiet);
+    return tell_problems(problems);
+}
+
+} // namespace
+
+void add_report(CLI::App& parent, Run& run) {
+    CLI::App* const command = parent.add_subcommand(
+        "report", "Events, the peak and what held it, what was not released, sizes, threads, ranks");
+    const auto options = std::make_shared<CommonOptions>();
+    options->add_all(*command);
+    command->callback([options, &run] { run = [options] { return report(*options); }; });
+}
+
+} // namespace memtrack
