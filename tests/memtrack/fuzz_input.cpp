@@ -59,14 +59,14 @@ void write_files(const std::string& base, Input& input) {
             write_bytes(base + ".phaseStack", phase_table(input));
             break;
         case 1:
-            write_bytes(base + ".phase_thr1_" + number, input.some(input.byte() * 8));
+            write_bytes(base + ".phase_thr1_" + number, input.some(4 + input.byte() * 8));
             break;
         default:
             if (which == 255) { // a whole file, so that one behind it is read
                 write_transactions(base + ".memT0", memtrack::full_file,
                                    Events(memtrack::full_file));
             } else {
-                write_bytes(base + ".memT" + number, input.some(input.byte() * 8));
+                write_bytes(base + ".memT" + number, input.some(4 + input.byte() * 8));
             }
         }
     }
