@@ -203,7 +203,7 @@ TEST_F(Damaged, PhaseEventsAreToldToo) {
     }
 }
 
-// What the fuzzer once failed on.
+// What the fuzzer begins with, and what it once failed on.
 TEST(FuzzInputs, AreReadWithoutHarm) {
     const std::string folder = test::scratch_folder("fuzz_inputs");
     for (const auto& input : std::filesystem::directory_iterator(MEMTRACK_INPUTS)) {
