@@ -1,91 +1,98 @@
 // See history.h.
 #include "history.h"
 
+#include <cinttypes>
+#include <cstdio>
+
 namespace memtrack {
 
-void History::enter(const Transaction& transaction) {
-    if (transaction.pointer == 0) {
-        ++refused_;
-        return;
-    }
-    const auto [place, fresh] = held_.try_emplace(transaction.pointer);
-    if (!fresh) {
-        ++lost_releases_;
-        held_bytes_ -= place->second.size;
-        moved_[transaction.pointer] = {events_, transaction.thread};
-    }
-    place->second = {transaction.size, transaction.id, transaction.thread, transaction.stack};
-    held_bytes_ += transaction.size;
-    bytes_asked_ += transaction.size;
-    if (held_bytes_ > peak_.bytes) {
-        peak_ = {held_bytes_, held_.size(), transaction};
-    }
+namespace {
+
+std::string hexadecimal(std::uint64_t address) {
+    char text[24];
+    std::snprintf(text, sizeof text, "0x%" PRIx64, address);
+    return text;
 }
 
-void History::remove(std::uint64_t pointer) {
-    if (pointer == 0) {
-        return;
+std::string counted(std::uint64_t count, const char* one, const char* many) {
+    return count == 1 ? one : "the first of " + std::to_string(count) + " " + many;
+}
+
+} // namespace
+
+std::vector<std::string> History::phase_paths(const PhaseTable& table) const {
+    std::vector<std::string> paths;
+    for (std::uint32_t i = 0; i < phases_.size(); ++i) {
+        paths.push_back(table.path(phases_.id(i)));
     }
-    const auto found = held_.find(pointer);
-    if (found == held_.end()) {
-        ++unknown_releases_;
-        return;
+    return paths;
+}
+
+History::Place History::place_of(const Event& event, std::uint64_t address) const {
+    const std::uint64_t index = event.number - batch_->first;
+    return {batch_->file, batch_->offset + index * sizeof(Transaction), event.number, address};
+}
+
+// The address of a block is given out again: its release is lost, or a resize's record is late.
+void History::note_moved(const Event& event) {
+    const std::uint64_t address = event.record.pointer;
+    if (moved_.size() == most_moved) {
+        for (const auto& [unused, moved] : moved_) {
+            give_up_moved(moved);
+        }
+        moved_.clear();
     }
-    held_bytes_ -= found->second.size;
-    held_.erase(found);
+    const auto [place, fresh] = moved_.try_emplace(address);
+    if (!fresh) {
+        give_up_moved(place->second);
+    }
+    place->second = {place_of(event, address), events_, event.thread};
+}
+
+void History::give_up_moved(const Moved& moved) {
+    if (lost_.count++ == 0 || moved.place.number < lost_.first.number) {
+        lost_.first = moved.place;
+    }
 }
 
 // Whether this resize left its old address before another thread was given it, which was recorded
 // first: then nothing of the resizing thread was recorded in between.
-bool History::was_moved_before(const Transaction& resize) {
-    const auto found = moved_.find(resize.old_pointer);
+bool History::was_moved_before(const Event& resize) {
+    const auto found = moved_.find(resize.record.old_pointer);
     if (found == moved_.end()) {
         return false;
     }
-    const Moved moved = found->second;
+    const Moved& moved = found->second;
     if (resize.thread == moved.by_thread || last_event_[resize.thread] > moved.at) {
         return false;
     }
-    moved_.erase(found);
-    --lost_releases_; // this is its record
+    moved_.erase(found); // this is its record
     return true;
 }
 
-void History::resize(const Transaction& transaction) {
-    if (transaction.pointer == 0 && transaction.size != 0) {
-        ++refused_; // the old block stays
-        return;
+void History::tell(const EventReader& reader, Problems& problems) const {
+    Oddity lost = lost_;
+    for (const auto& [unused, moved] : moved_) {
+        if (lost.count++ == 0 || moved.place.number < lost.first.number) {
+            lost.first = moved.place;
+        }
     }
-    if (!was_moved_before(transaction)) {
-        remove(transaction.old_pointer);
-    }
-    if (transaction.pointer != 0) {
-        enter(transaction);
-    }
-}
-
-void History::add(const Transaction& transaction) {
-    ++events_;
-    ++by_type_[static_cast<std::size_t>(transaction.type)];
-    switch (transaction.type) {
-    case Type::malloc_:
-    case Type::new_:
-    case Type::calloc_:
-    case Type::valloc_:
-        enter(transaction);
-        break;
-    case Type::free_:
-    case Type::delete_:
-        remove(transaction.pointer);
-        break;
-    case Type::realloc_:
-        resize(transaction);
-        break;
-    case Type::release: // marks, which change nothing
-    case Type::acquire:
-        break;
-    }
-    last_event_[transaction.thread] = events_;
+    const auto add = [&](const Oddity& oddity, const std::string& text) {
+        if (oddity.count != 0) {
+            const Place& at = oddity.first;
+            problems.push_back({reader.file_name(at.file), at.offset,
+                                "event " + std::to_string(at.number) + text});
+        }
+    };
+    add(unknown_, " releases " + hexadecimal(unknown_.first.address) +
+                      ", which is not held: released twice, or made or resized while nothing was "
+                      "recorded (" +
+                      counted(unknown_.count, "the only one", "such releases") + ")");
+    add(lost, " is given " + hexadecimal(lost.first.address) +
+                  ", which is still held: its release was not recorded (" +
+                  counted(lost.count, "the only one", "such events") + ")");
+    add(impossible_, " has a size that no block can have, and is taken as 0 bytes (" +
+                         counted(impossible_.count, "the only one", "such events") + ")");
 }
 
 } // namespace memtrack

@@ -2,32 +2,27 @@
 #include "tracking_files.h"
 
 #include <algorithm>
-#include <bit>
-#include <cctype>
+#include <charconv>
+#include <cstdio>
 #include <cstring>
 #include <filesystem>
+#include <memory>
 #include <system_error>
 
 namespace memtrack {
 
 namespace {
 
-constexpr std::int32_t full_file = 131072;   // transactions in every file but the last
-constexpr std::int32_t full_phase_file = 50; // phase events
+constexpr std::int32_t full_phase_file = 50; // phase events in every file but a thread's last
 constexpr std::size_t phase_event_bytes = 128, phase_name_bytes = 120;
 constexpr std::size_t path_bytes = 131072; // of one path in the table of phases
-constexpr std::int32_t most_paths = 3992;  // that a run can have
+constexpr std::size_t path_record = 4 + path_bytes;
+constexpr std::int32_t most_paths = 3992; // that a run can have
 
-template <class Word> Word word_at(const unsigned char* bytes) {
-    Word value = 0;
-    for (std::size_t i = sizeof(Word); i-- > 0;) {
-        value = static_cast<Word>(value << 8 | bytes[i]);
-    }
-    return value;
-}
-
-std::int32_t signed_word_at(const unsigned char* bytes) {
-    return std::bit_cast<std::int32_t>(word_at<std::uint32_t>(bytes));
+std::int32_t word_at(const char* bytes) {
+    std::int32_t word = 0;
+    std::memcpy(&word, bytes, sizeof word);
+    return word;
 }
 
 // The text up to its terminator, which need not be there.
@@ -35,17 +30,93 @@ std::string text_in(const char* bytes, std::size_t size) {
     return {bytes, static_cast<std::size_t>(std::find(bytes, bytes + size, '\0') - bytes)};
 }
 
-bool ends_in_number_after(const std::string& text, const std::string& mark, std::size_t& at) {
-    at = text.rfind(mark);
-    if (at == std::string::npos || at + mark.size() == text.size()) {
-        return false;
+// The number that is the whole of `digits`, or -1.
+std::int32_t number_in(std::string_view digits) {
+    std::int32_t number = -1;
+    if (digits.empty() || digits[0] == '-' || (digits.size() > 1 && digits[0] == '0')) {
+        return -1; // the recorder writes no leading zeros
     }
-    return std::all_of(text.begin() + static_cast<std::ptrdiff_t>(at + mark.size()), text.end(),
-                       [](unsigned char c) { return std::isdigit(c) != 0; });
+    const auto result = std::from_chars(digits.data(), digits.data() + digits.size(), number);
+    return result.ec == std::errc() && result.ptr == digits.data() + digits.size() ? number : -1;
 }
 
-std::filesystem::path path_of(const std::string& name) {
-    return {name};
+// A file of one of the smaller formats: it begins with a count and holds records of one size.
+class RecordFile {
+public:
+    explicit RecordFile(const std::string& name) : file_(std::fopen(name.c_str(), "rb")) {
+        std::error_code error;
+        size_ = std::filesystem::file_size(name, error);
+        if (error) {
+            size_ = 0;
+        }
+    }
+    bool is_open() const { return file_ != nullptr; }
+
+    // How many whole records there are, at most the count. What is wrong is told; -1 when nothing can be
+    // read.
+    std::int32_t records(const std::string& name, std::int32_t least, std::int32_t most,
+                         std::size_t record, const std::string& what, Problems& problems) {
+        char bytes[count_bytes];
+        if (!read(bytes, sizeof bytes)) {
+            problems.push_back({name, 0, "too short for its count of records"});
+            return -1;
+        }
+        const std::int32_t count = word_at(bytes);
+        if (count < least || count > most) {
+            problems.push_back({name, 0,
+                                "begins with the number " + std::to_string(count) +
+                                    ", which is no count of " + what + " (" +
+                                    std::to_string(least) + " to " + std::to_string(most) +
+                                    "): not such a file"});
+            return -1;
+        }
+        const std::uint64_t whole =
+            (std::max(size_, std::uint64_t{count_bytes}) - count_bytes) / record;
+        if (whole < static_cast<std::uint64_t>(count)) {
+            problems.push_back({name, count_bytes + whole * record,
+                                "the file ends here, after " + std::to_string(whole) +
+                                    " whole records of the " + std::to_string(count) +
+                                    " that it claims"});
+            return static_cast<std::int32_t>(whole);
+        }
+        if (size_ > count_bytes + static_cast<std::uint64_t>(count) * record) {
+            problems.push_back({name, count_bytes + static_cast<std::uint64_t>(count) * record,
+                                "the file goes on behind the " + std::to_string(count) +
+                                    " records that it claims; that rest is not read"});
+        }
+        return count;
+    }
+    bool read(char* data, std::size_t size) {
+        return std::fread(data, 1, size, file_.get()) == size;
+    }
+    bool go_to(std::uint64_t offset) {
+        // A table of phases has at most 3992 times 131076 bytes, which fits a long everywhere.
+        return std::fseek(file_.get(), static_cast<long>(offset), SEEK_SET) == 0;
+    }
+
+private:
+    struct Close {
+        void operator()(std::FILE* file) const { std::fclose(file); }
+    };
+    std::unique_ptr<std::FILE, Close> file_;
+    std::uint64_t size_ = 0;
+};
+
+// What follows `base` and `mark` in the names of files.
+std::vector<std::string> endings_of_files(const std::string& base, const std::string& mark) {
+    const std::filesystem::path path = base;
+    const std::filesystem::path folder = path.has_parent_path() ? path.parent_path() : ".";
+    const std::string start = path.filename().string() + mark;
+    std::vector<std::string> found;
+    std::error_code error;
+    for (std::filesystem::directory_iterator entry(folder, error), end; !error && entry != end;
+         entry.increment(error)) {
+        const std::string name = entry->path().filename().string();
+        if (name.starts_with(start)) {
+            found.push_back(name.substr(start.size()));
+        }
+    }
+    return found;
 }
 
 } // namespace
@@ -57,9 +128,18 @@ const char* type_name(Type type) {
 }
 
 std::string base_name(const std::string& argument) {
-    std::size_t at = 0;
-    if (ends_in_number_after(argument, ".memT", at)) {
+    const std::string_view name = argument;
+    if (const std::size_t at = name.rfind(".memT");
+        at != std::string::npos && number_in(name.substr(at + 5)) >= 0) {
         return argument.substr(0, at);
+    }
+    if (const std::size_t at = name.rfind(".phase_thr"); at != std::string::npos) {
+        const std::string_view tail = name.substr(at + 10);
+        const std::size_t bar = tail.find('_');
+        if (bar != std::string::npos && number_in(tail.substr(0, bar)) >= 0 &&
+            number_in(tail.substr(bar + 1)) >= 0) {
+            return argument.substr(0, at);
+        }
     }
     const std::string table = ".phaseStack";
     if (argument.size() > table.size() && argument.ends_with(table)) {
@@ -68,235 +148,120 @@ std::string base_name(const std::string& argument) {
     return argument;
 }
 
-// ---------------------------------------------------------------------------------------------
-
-InputFile::InputFile(const std::string& name) : file_(std::fopen(name.c_str(), "rb")) {}
-
-std::size_t InputFile::read(void* data, std::size_t size) {
-    return std::fread(data, 1, size, file_.get());
-}
-
-bool InputFile::read_word(std::int32_t& value) {
-    unsigned char bytes[4];
-    if (read(bytes, sizeof bytes) != sizeof bytes) {
-        return false;
+std::vector<std::int32_t> numbered_files(const std::string& base, const std::string& mark) {
+    std::vector<std::int32_t> numbers;
+    for (const std::string& ending : endings_of_files(base, mark)) {
+        if (const std::int32_t number = number_in(ending); number >= 0) {
+            numbers.push_back(number);
+        }
     }
-    value = signed_word_at(bytes);
-    return true;
-}
-
-bool InputFile::skip(long bytes) {
-    return std::fseek(file_.get(), bytes, SEEK_CUR) == 0;
-}
-
-bool InputFile::at_end() {
-    const int next = std::fgetc(file_.get());
-    if (next == EOF) {
-        return true;
-    }
-    std::ungetc(next, file_.get());
-    return false;
+    std::sort(numbers.begin(), numbers.end());
+    return numbers;
 }
 
 // ---------------------------------------------------------------------------------------------
 
-TransactionReader::TransactionReader(std::string base, Notes& notes)
-    : base_(std::move(base)), notes_(notes), file_(base_ + ".memT0") {
-    name_ = base_ + ".memT0";
-    if (!file_.is_open()) {
-        note("cannot be opened");
-        note_files_left();
-        ended_ = true;
-    }
-}
-
-void TransactionReader::note(const std::string& text) {
-    notes_.push_back(name_ + ": " + text);
-}
-
-// What lies behind the last file that was read, if anything.
-void TransactionReader::note_files_left() {
-    const std::filesystem::path base = path_of(base_);
-    const std::filesystem::path folder = base.has_parent_path() ? base.parent_path() : ".";
-    const std::string start = base.filename().string() + ".memT";
-    std::size_t left = 0;
-    std::error_code error;
-    for (std::filesystem::directory_iterator entry(folder, error), end; !error && entry != end;
-         entry.increment(error)) {
-        const std::string name = entry->path().filename().string();
-        std::size_t at = 0;
-        if (name.starts_with(start) && ends_in_number_after(name, ".memT", at) &&
-            name.size() < start.size() + 10 && std::stol(name.substr(start.size())) >= files_) {
-            ++left;
-        }
-    }
-    if (left != 0) {
-        notes_.push_back(
-            std::to_string(left) + " more file" + (left == 1 ? "" : "s") + " named " + base_ +
-            ".memT... are not read: they do not follow on what was read, and belong to "
-            "another run, or a file between is missing");
-    }
-}
-
-bool TransactionReader::open_next_file() {
-    if (files_ != 0) {
-        if (!last_file_was_full_) {
-            note_files_left();
-            return false; // only the last file of a run is not full
-        }
-        name_ = base_ + ".memT" + std::to_string(files_);
-        file_ = InputFile(name_);
-        if (!file_.is_open()) {
-            note_files_left();
-            return false;
-        }
-    }
-    ++files_;
-    read_in_file_ = 0;
-    last_file_was_full_ = false;
-    if (!file_.read_word(expected_in_file_)) {
-        note("too short for its count of records: the run was cut off there");
-        expected_in_file_ = 0;
-    } else if (expected_in_file_ < 1 || expected_in_file_ > full_file) {
-        note("claims " + std::to_string(expected_in_file_) +
-             " records, as no tracking file does: not read");
-        expected_in_file_ = 0;
-    }
-    return true;
-}
-
-bool TransactionReader::fill_chunk() {
-    while (read_in_file_ == expected_in_file_) {
-        if (read_in_file_ != 0) {
-            last_file_was_full_ = expected_in_file_ == full_file;
-            if (!file_.at_end()) {
-                note("longer than its count of records says; the rest is not read");
-            }
-        }
-        if (!open_next_file()) {
-            return false;
-        }
-    }
-    const auto wanted =
-        std::min(static_cast<std::size_t>(expected_in_file_ - read_in_file_), chunk_records);
-    chunk_at_ = 0;
-    chunk_end_ = file_.read(chunk_.data(), wanted * record_bytes) / record_bytes;
-    read_in_file_ += static_cast<std::int32_t>(chunk_end_);
-    if (chunk_end_ < wanted) {
-        note("holds " + std::to_string(read_in_file_) + " whole records of " +
-             std::to_string(expected_in_file_) + ": the run was cut off there, as by a full disk");
-        expected_in_file_ = read_in_file_;
-    }
-    return chunk_end_ != 0 || fill_chunk();
-}
-
-bool TransactionReader::decode(const unsigned char* bytes, Transaction& transaction) {
-    transaction.pointer = word_at<std::uint64_t>(bytes);
-    transaction.old_pointer = word_at<std::uint64_t>(bytes + 8);
-    const std::int32_t type = signed_word_at(bytes + 16);
-    transaction.id = signed_word_at(bytes + 20);
-    transaction.size = word_at<std::uint64_t>(bytes + 24);
-    transaction.thread = signed_word_at(bytes + 32);
-    transaction.stack = signed_word_at(bytes + 36);
-    const auto id = static_cast<std::uint32_t>(transaction.id);
-    if (id != next_id_ && !ids_told_) {
-        ids_told_ = true;
-        note("transaction " + std::to_string(next_id_) + " is missing, " + std::to_string(id) +
-             " stands in its place; further gaps are not told");
-    }
-    next_id_ = id + 1;
-    if (type < 0 || type >= type_count) {
-        if (!types_told_) {
-            types_told_ = true;
-            note("transaction " + std::to_string(id) + " has the unknown type " +
-                 std::to_string(type) + "; such records are left out");
-        }
-        return false;
-    }
-    transaction.type = static_cast<Type>(type);
-    return true;
-}
-
-bool TransactionReader::next(Transaction& transaction) {
-    while (!ended_) {
-        if (chunk_at_ == chunk_end_ && !fill_chunk()) {
-            ended_ = true;
-            break;
-        }
-        if (decode(&chunk_[record_bytes * chunk_at_++], transaction)) {
-            return true;
-        }
-    }
-    return false;
-}
-
-// ---------------------------------------------------------------------------------------------
-
-PhaseTable::PhaseTable(const std::string& base, Notes& notes) {
+PhaseTable::PhaseTable(const std::string& base, Problems& problems) {
     const std::string name = base + ".phaseStack";
-    InputFile file(name);
+    RecordFile file(name);
     if (!file.is_open()) {
-        notes.push_back(name + ": cannot be opened, so phases have numbers and no names; the run "
-                               "did not end its tracking");
+        problems.push_back({name, 0,
+                            "cannot be opened, so phases have numbers and no names; a run writes "
+                            "it when it ends its tracking"});
         return;
     }
-    std::int32_t count = 0;
-    if (!file.read_word(count) || count < 0 || count > most_paths) {
-        notes.push_back(name + ": does not begin with a count of phases; not read");
-        return;
-    }
-    std::vector<char> path(path_bytes);
+    const std::int32_t count = file.records(name, 0, most_paths, path_record, "phases", problems);
+    // Paths are short and their places long: a first piece tells nearly all of them.
+    constexpr std::size_t piece = 1020;
+    std::vector<char> bytes(path_record);
     for (std::int32_t i = 0; i < count; ++i) {
-        std::int32_t stack = 0;
-        if (!file.read_word(stack) || file.read(path.data(), path_bytes) != path_bytes) {
-            notes.push_back(name + ": holds " + std::to_string(i) + " whole records of " +
-                            std::to_string(count));
+        const std::uint64_t offset = count_bytes + static_cast<std::uint64_t>(i) * path_record;
+        bool good = file.go_to(offset) && file.read(bytes.data(), 4 + piece);
+        std::string path = text_in(bytes.data() + 4, piece);
+        if (good && path.size() == piece) {
+            good = file.read(bytes.data() + 4 + piece, path_bytes - piece);
+            path = text_in(bytes.data() + 4, path_bytes);
+        }
+        if (!good) {
+            problems.push_back({name, offset, "cannot be read from here on"});
             return;
         }
-        paths_[stack] = text_in(path.data(), path_bytes);
+        paths_[word_at(bytes.data())] = path;
     }
 }
 
 std::string PhaseTable::path(std::int32_t stack) const {
+    if (stack < 0) {
+        return "(no phase)";
+    }
     const auto found = paths_.find(stack);
     return found != paths_.end() ? found->second : "phase " + std::to_string(stack);
 }
 
 // ---------------------------------------------------------------------------------------------
 
-bool read_phase_events(const std::string& base, int thread, Notes& notes,
-                       const std::function<void(const PhaseEvent&)>& each) {
-    for (int number = 0;; ++number) {
-        const std::string name =
-            base + ".phase_thr" + std::to_string(thread) + "_" + std::to_string(number);
-        InputFile file(name);
-        if (!file.is_open()) {
-            return number != 0;
+std::vector<std::int32_t> threads_with_phase_events(const std::string& base) {
+    std::vector<std::int32_t> threads;
+    for (const std::string& ending : endings_of_files(base, ".phase_thr")) {
+        const std::size_t bar = ending.find('_');
+        if (bar == std::string::npos || number_in(std::string_view(ending).substr(bar + 1)) < 0) {
+            continue;
         }
-        std::int32_t count = 0;
-        if (!file.read_word(count) || count < 1 || count > full_phase_file) {
-            notes.push_back(name + ": does not begin with a count of events; not read");
-            return true;
-        }
-        for (std::int32_t i = 0; i < count; ++i) {
-            unsigned char bytes[phase_event_bytes];
-            if (file.read(bytes, sizeof bytes) != sizeof bytes) {
-                notes.push_back(name + ": holds " + std::to_string(i) + " whole records of " +
-                                std::to_string(count));
-                return true;
-            }
-            char text[phase_name_bytes];
-            std::memcpy(text, bytes, sizeof text);
-            PhaseEvent event;
-            event.transaction = signed_word_at(bytes + phase_name_bytes);
-            event.entering = bytes[phase_name_bytes + 4] != 0;
-            event.name = event.entering ? text_in(text, sizeof text) : "";
-            each(event);
-        }
-        if (count < full_phase_file) {
-            return true;
+        if (const std::int32_t thread = number_in(std::string_view(ending).substr(0, bar));
+            thread >= 0) {
+            threads.push_back(thread);
         }
     }
+    std::sort(threads.begin(), threads.end());
+    threads.erase(std::unique(threads.begin(), threads.end()), threads.end());
+    return threads;
+}
+
+bool read_phase_events(const std::string& base, std::int32_t thread, Problems& problems,
+                       const std::function<void(const PhaseEvent&)>& each) {
+    const std::string start = base + ".phase_thr" + std::to_string(thread) + "_";
+    const std::vector<std::int32_t> numbers =
+        numbered_files(base, ".phase_thr" + std::to_string(thread) + "_");
+    std::int32_t expected = 0;
+    for (const std::int32_t number : numbers) {
+        const std::string name = start + std::to_string(number);
+        if (number != expected) {
+            problems.push_back({start + std::to_string(expected), 0,
+                                "the file is missing before .phase_thr" + std::to_string(thread) +
+                                    "_" + std::to_string(number)});
+        }
+        expected = number + 1;
+        RecordFile file(name);
+        if (!file.is_open()) {
+            problems.push_back({name, 0, "cannot be opened"});
+            continue;
+        }
+        const std::int32_t count =
+            file.records(name, 1, full_phase_file, phase_event_bytes, "phase events", problems);
+        for (std::int32_t i = 0; i < count; ++i) {
+            char bytes[phase_event_bytes];
+            if (!file.read(bytes, sizeof bytes)) {
+                problems.push_back({name,
+                                    count_bytes + static_cast<std::uint64_t>(i) * phase_event_bytes,
+                                    "cannot be read from here on"});
+                return true;
+            }
+            PhaseEvent event;
+            event.transaction = word_at(bytes + phase_name_bytes);
+            event.entering = bytes[phase_name_bytes + 4] != 0;
+            event.name = event.entering ? text_in(bytes, phase_name_bytes) : "";
+            each(event);
+        }
+        if (count >= 0 && count < full_phase_file) {
+            if (number != numbers.back()) {
+                problems.push_back({start + std::to_string(expected), 0,
+                                    "not read, nor are others behind it: the file before is not "
+                                    "full and so the run's last"});
+            }
+            break;
+        }
+    }
+    return !numbers.empty();
 }
 
 } // namespace memtrack
