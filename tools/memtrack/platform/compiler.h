@@ -2,11 +2,11 @@
 #pragma once
 
 #if defined(__clang__)
-#define MEMTRACK_PRINTF(format, first) __attribute__((format(printf, format, first)))
+#define MEMTRACK_PRINTF(text, first) __attribute__((format(printf, text, first)))
 #elif defined(__GNUC__)
-#define MEMTRACK_PRINTF(format, first) __attribute__((format(gnu_printf, format, first)))
+#define MEMTRACK_PRINTF(text, first) __attribute__((format(gnu_printf, text, first)))
 #else
-#define MEMTRACK_PRINTF(format, first)
+#define MEMTRACK_PRINTF(text, first)
 #endif
 
 namespace memtrack::platform {
