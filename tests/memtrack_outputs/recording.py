@@ -84,8 +84,9 @@ class Held:
                 amount[1] -= 1
 
 
-def mixed(count, phases, seed=1):
-    """Random events of three threads, which hold most about two thirds through the run."""
+def mixed(count, phases, strays=0.0, seed=1):
+    """Random events of three threads, which hold most about two thirds through the run; of them a part of
+    strays, which release what is not known."""
     dice = random.Random(seed)
     held, events, next_address = [], [], 0x10000
     for i in range(count):
@@ -94,7 +95,7 @@ def mixed(count, phases, seed=1):
         size = dice.choice((0, 8, 24, 100, 4096, 70000, 300000))
         if dice.random() < 0.02:
             events.append(Event(MALLOC, 0, 10**9, thread=thread, phase=phase))
-        elif dice.random() < 0.02:
+        elif dice.random() < strays:
             events.append(Event(FREE, 0xDEAD0000 + i, thread=thread))
         elif not held or dice.random() < grow:
             kind = dice.choice((MALLOC, NEW, CALLOC, VALLOC, REALLOC))
