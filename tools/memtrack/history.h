@@ -154,7 +154,7 @@ template <class W> void History::enter(const Event& event, W& watcher, Gone befo
     held_bytes_ += block.size;
     watcher.made(event, block);
     if (held_bytes_ > peak_.bytes) {
-        peak_ = {held_bytes_,         held_.size(), event.number, event.record.type,
+        peak_ = {held_bytes_,       held_.size(), event.number, event.record.type,
                  event.record.size, event.thread, event.phase};
         watcher.peaked(event);
     }
@@ -236,9 +236,8 @@ template <class W> void History::replay(const Batch& batch, W& watcher) {
         if (thread == last_event_.size()) {
             last_event_.push_back(0);
         }
-        const std::uint32_t phase = record.type == Type::free_
-                                        ? no_phase
-                                        : phases_.index(std::max(record.stack, -1));
+        const std::uint32_t phase =
+            record.type == Type::free_ ? no_phase : phases_.index(std::max(record.stack, -1));
         add(Event{record, batch.first + i, thread, phase}, watcher);
     }
     batch_ = nullptr;

@@ -67,9 +67,7 @@ public:
     }
 
     /// Fetches what a coming search for this address will look at.
-    void prefetch(std::uint64_t address) const {
-        platform::prefetch(&entries_[home_of(address)]);
-    }
+    void prefetch(std::uint64_t address) const { platform::prefetch(&entries_[home_of(address)]); }
 
     template <class Each> void for_each(Each&& each) const {
         for (const Block& block : entries_) {
