@@ -60,16 +60,16 @@ def check_mixed():
 
 def check_footprints():
     """64 blocks of 1 MiB: the heap maps 1088 KiB for each. A limit refuses some, and the replay goes on."""
-    found = by_name(replay("large", "--on", "heap", "--on", "heap:limit=32M", "--on", "heap:granularity=4M,map=never",
+    found = by_name(replay("large", "--on", "heap", "--on", "heap:limit=32MiB", "--on", "heap:granularity=4MiB,map=never",
                            "--on", "crt"))
     first = 64 * KIB  # the first segment
     same(found["heap"]["heap_high_water_bytes"], 64 * 1088 * KIB + first, "high water")
     assert 1.0 <= found["crt"]["fragmentation"] < 1.05, found["crt"]
-    limited = found["heap:limit=32M"]
+    limited = found["heap:limit=32MiB"]
     fit = (32 * MIB - first) // (1088 * KIB)
     same((limited["refused"], limited["held_bytes"]), (64 - fit, fit * MIB), "limited")
     assert limited["heap_high_water_bytes"] < 32 * MIB, limited
-    same(found["heap:granularity=4M,map=never"]["heap_high_water_bytes"] % (4 * MIB), 0, "granularity")
+    same(found["heap:granularity=4MiB,map=never"]["heap_high_water_bytes"] % (4 * MIB), 0, "granularity")
     if not ON_WINDOWS:  # there private bytes are another system's, as the emulator tells them
         near(found["heap"]["at_peak"]["footprint_bytes"], 64 * 1088 * KIB, MIB, "footprint")
     untouched = by_name(replay("large", "--on", "crt", "--no-touch"))["crt"]

@@ -13,12 +13,15 @@ using exporting::Table;
 
 enum class Format { massif, dhat, heaptrack, pprof, perfetto, speedscope, collapsed, csv, json };
 
-const std::map<std::string, Format> formats = {
-    {"massif", Format::massif},       {"dhat", Format::dhat},
-    {"heaptrack", Format::heaptrack}, {"pprof", Format::pprof},
-    {"perfetto", Format::perfetto},   {"speedscope", Format::speedscope},
-    {"collapsed", Format::collapsed}, {"csv", Format::csv},
-    {"json", Format::json}};
+const std::map<std::string, Format> formats = {{"massif", Format::massif},
+                                               {"dhat", Format::dhat},
+                                               {"heaptrack", Format::heaptrack},
+                                               {"pprof", Format::pprof},
+                                               {"perfetto", Format::perfetto},
+                                               {"speedscope", Format::speedscope},
+                                               {"collapsed", Format::collapsed},
+                                               {"csv", Format::csv},
+                                               {"json", Format::json}};
 const std::map<std::string, exporting::ShareAmount> amounts = {
     {"peak", &Share::at_peak}, {"left", &Share::held}, {"allocated", &Share::allocated}};
 const std::map<std::string, Table> tables = {
@@ -28,7 +31,8 @@ struct ExportOptions : CommonOptions {
     std::string format, amount = "peak", table = "phases";
 };
 
-void write(Output& output, const ExportOptions& options, const Ranks& ranks, const Problems& problems) {
+void write(Output& output, const ExportOptions& options, const Ranks& ranks,
+           const Problems& problems) {
     switch (formats.at(options.format)) {
     case Format::massif:
         return exporting::write_massif(output, ranks.front());
@@ -54,7 +58,8 @@ void write(Output& output, const ExportOptions& options, const Ranks& ranks, con
 int run_export(const ExportOptions& options) {
     const Format format = formats.at(options.format);
     if (options.bases.size() > 1 && (format == Format::massif || format == Format::heaptrack)) {
-        throw UsageError("a file of the format " + options.format + " holds one run: give one BASE");
+        throw UsageError("a file of the format " + options.format +
+                         " holds one run: give one BASE");
     }
     Output output(options.output, options.force);
     Problems problems;
@@ -81,7 +86,8 @@ template <class Values> std::vector<std::string> names_of(const Values& values) 
 
 void add_export(CLI::App& parent, Run& run) {
     const auto options = std::make_shared<ExportOptions>();
-    CLI::App* const command = parent.add_subcommand("export", "Write a file that others' viewers open");
+    CLI::App* const command =
+        parent.add_subcommand("export", "Write a file that others' viewers open");
     options->add_bases(*command);
     command->add_option("--format", options->format, "What the file is to be")
         ->required()
@@ -93,9 +99,12 @@ void add_export(CLI::App& parent, Run& run) {
         ->check(CLI::IsMember(names_of(tables)))
         ->capture_default_str();
     options->add_output(*command);
-    command->footer("massif: ms_print, massif-visualizer. dhat: Valgrind's dh_view.html. heaptrack: heaptrack_print,\n"
-                    "heaptrack_gui. pprof: go tool pprof. perfetto: ui.perfetto.dev, chrome://tracing. speedscope:\n"
-                    "speedscope.app. collapsed: flame graph tools. Time is counted in transactions.");
+    command->footer(
+        "massif: ms_print, massif-visualizer. dhat: Valgrind's dh_view.html. heaptrack: "
+        "heaptrack_print,\n"
+        "heaptrack_gui. pprof: go tool pprof. perfetto: ui.perfetto.dev, chrome://tracing. "
+        "speedscope:\n"
+        "speedscope.app. collapsed: flame graph tools. Time is counted in transactions.");
     command->callback([options, &run] { run = [options] { return run_export(*options); }; });
 }
 

@@ -112,11 +112,12 @@ std::vector<Candidate> candidates_of(const ReplayOptions& options) {
 }
 
 void write_recording(Output& output, const Recording& recording) {
-    output.print("%s: %s event%s of %s thread%s, replayed on one thread in the order of their ids; %s held "
-                 "at the peak\n",
-                 recording.base.c_str(), grouped(recording.events).c_str(), plural(recording.events),
-                 grouped(recording.threads).c_str(), plural(recording.threads),
-                 human_bytes(recording.peak.bytes).c_str());
+    output.print(
+        "%s: %s event%s of %s thread%s, replayed on one thread in the order of their ids; %s held "
+        "at the peak\n",
+        recording.base.c_str(), grouped(recording.events).c_str(), plural(recording.events),
+        grouped(recording.threads).c_str(), plural(recording.threads),
+        human_bytes(recording.peak.bytes).c_str());
     const auto line = [&](std::uint64_t count, const char* one, const char* many) {
         if (count != 0) {
             output.print("  %s %s\n", grouped(count).c_str(), count == 1 ? one : many);
@@ -130,15 +131,15 @@ void write_recording(Output& output, const Recording& recording) {
          "blocks are released where their addresses were given out again");
 }
 
-void write_text(Output& output, const ReplayOptions& options, const std::vector<Recording>& recordings,
-                const std::vector<Row>& rows) {
+void write_text(Output& output, const ReplayOptions& options,
+                const std::vector<Recording>& recordings, const std::vector<Row>& rows) {
     std::uint64_t ops = 0;
     for (const Recording& recording : recordings) {
         write_recording(output, recording);
         ops += recording.ops;
     }
-    output.print("Each replay in a new process; medians of %u; pages of blocks %s%s\n\n", options.repetitions,
-                 options.untouched ? "not touched" : "touched",
+    output.print("Each replay in a new process; medians of %u; pages of blocks %s%s\n\n",
+                 options.repetitions, options.untouched ? "not touched" : "touched",
                  recordings.size() > 1 ? "; sums over the ranks" : "");
     std::size_t width = 10;
     for (const Row& row : rows) {
@@ -153,8 +154,8 @@ void write_text(Output& output, const ReplayOptions& options, const std::vector<
             continue;
         }
         const double nanoseconds = static_cast<double>(row.sum.nanoseconds);
-        output.print("%-*s %12.3f %9.1f %14s %14s", name_width, row.candidate.name.c_str(), nanoseconds / 1e6,
-                     ops != 0 ? nanoseconds / static_cast<double>(ops) : 0.0,
+        output.print("%-*s %12.3f %9.1f %14s %14s", name_width, row.candidate.name.c_str(),
+                     nanoseconds / 1e6, ops != 0 ? nanoseconds / static_cast<double>(ops) : 0.0,
                      human_bytes(row.sum.footprint).c_str(), human_bytes(row.sum.resident).c_str());
         if (row.sum.live_then != 0) {
             output.print(" %13.3f %14.3f", row.fragmentation(), row.resident_ratio());
@@ -163,7 +164,8 @@ void write_text(Output& output, const ReplayOptions& options, const std::vector<
         }
         output.print(" %9s\n", grouped(row.sum.refused).c_str());
     }
-    output.print("\nFootprint: most private bytes that the process took for it; resident: most bytes in main "
+    output.print("\nFootprint: most private bytes that the process took for it; resident: most "
+                 "bytes in main "
                  "memory.\nFragmentation: footprint over bytes held, at the recording's peak.\n");
     for (const Row& row : rows) {
         if (row.good() && row.candidate.is_heap) {
@@ -187,8 +189,9 @@ void write_run(Json& json, const replay::Run& run) {
     json.member("resident_bytes", run.resident_then).end();
 }
 
-void write_json(Output& output, const ReplayOptions& options, const std::vector<Recording>& recordings,
-                const std::vector<Row>& rows, const Problems& problems) {
+void write_json(Output& output, const ReplayOptions& options,
+                const std::vector<Recording>& recordings, const std::vector<Row>& rows,
+                const Problems& problems) {
     Json json(output);
     json.object().member("repetitions", options.repetitions).member("touched", !options.untouched);
     json.key("recordings").array();
@@ -196,7 +199,9 @@ void write_json(Output& output, const ReplayOptions& options, const std::vector<
         json.object().member("base", recording.base).member("events", recording.events);
         json.member("replayed", recording.ops).member("threads", recording.threads);
         json.member("peak_bytes", recording.peak.bytes).member("refused", recording.refused);
-        json.member("unknown_releases", recording.unknown).member("lost_releases", recording.lost).end();
+        json.member("unknown_releases", recording.unknown)
+            .member("lost_releases", recording.lost)
+            .end();
     }
     json.end().key("allocators").array();
     for (const Row& row : rows) {
@@ -240,7 +245,8 @@ int run_replay(const ReplayOptions& options) {
         write_text(output, options, recordings, rows);
     }
     output.finish(options.quiet);
-    const bool all_good = std::all_of(rows.begin(), rows.end(), [](const Row& row) { return row.good(); });
+    const bool all_good =
+        std::all_of(rows.begin(), rows.end(), [](const Row& row) { return row.good(); });
     return std::max(tell_problems(problems), all_good ? done : damaged);
 }
 
@@ -249,14 +255,16 @@ int run_replay(const ReplayOptions& options) {
 void add_replay(CLI::App& parent, Run& run) {
     const auto options = std::make_shared<ReplayOptions>();
     CLI::App* const command = parent.add_subcommand(
-        "replay", "Repeat a run with other back ends, options and allocators, and compare what each takes");
+        "replay",
+        "Repeat a run with other back ends, options and allocators, and compare what each takes");
     options->add_bases(*command);
     command
-        ->add_option("--on", options->back_ends,
-                     "Back end: crt, guarded, aligned, or heap with options behind a colon:\n"
-                     "heap:tiny,granularity=SIZE,trim=SIZE,map=SIZE,limit=SIZE, where SIZE is\n"
-                     "64K, 64M, 2G or never. May be repeated; crt, heap, heap:tiny, aligned and\n"
-                     "guarded if not given")
+        ->add_option(
+            "--on", options->back_ends,
+            "Back end: crt, guarded, aligned, or heap with options behind a colon:\n"
+            "heap:tiny,granularity=SIZE,trim=SIZE,map=SIZE,limit=SIZE, where SIZE is\n"
+            "64KiB, 64MiB, 2GiB or never. May be repeated; crt, heap, heap:tiny, aligned and\n"
+            "guarded if not given")
         ->type_name("BACKEND")
         ->expected(1)
         ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);

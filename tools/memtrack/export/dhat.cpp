@@ -18,7 +18,10 @@ void write_dhat(Output& output, const Ranks& ranks) {
         bases += (bases.empty() ? "" : " ") + run.base;
     }
     Json json(output);
-    json.object().member("dhatFileVersion", 2).member("mode", "memtrack").member("verb", "Allocated");
+    json.object()
+        .member("dhatFileVersion", 2)
+        .member("mode", "memtrack")
+        .member("verb", "Allocated");
     json.member("bklt", true).member("bkacc", false);
     json.member("tu", "transactions").member("Mtu", "Mtrans").member("tuth", 1);
     json.member("cmd", bases).member("pid", 0).member("te", end).member("tg", peak);

@@ -27,7 +27,8 @@ enum class Table { phases, threads, curve };
 void write_csv(Output& output, const Ranks& ranks, Table table);
 
 /// Reads the run itself: the format has every event.
-void write_heaptrack(Output& output, const std::string& base, Problems& problems, ByteCounter* counter);
+void write_heaptrack(Output& output, const std::string& base, Problems& problems,
+                     ByteCounter* counter);
 
 // ---------------------------------------------------------------------------------------------
 

@@ -53,7 +53,8 @@ private:
     };
     struct Hash {
         std::size_t operator()(const Key& key) const {
-            return static_cast<std::size_t>((key.size * 4099 + key.phase) * 0x9E3779B97F4A7C15U >> 8);
+            return static_cast<std::size_t>((key.size * 4099 + key.phase) * 0x9E3779B97F4A7C15U >>
+                                            8);
         }
     };
 
@@ -128,7 +129,8 @@ private:
 
 } // namespace
 
-void write_heaptrack(Output& output, const std::string& base, Problems& problems, ByteCounter* counter) {
+void write_heaptrack(Output& output, const std::string& base, Problems& problems,
+                     ByteCounter* counter) {
     const PhaseTable table(base, problems);
     EventReader reader(base, problems, counter);
     History history;

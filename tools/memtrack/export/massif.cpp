@@ -42,7 +42,8 @@ private:
         std::size_t node; // PhaseNode::none: what the phase above holds itself
     };
 
-    void line(std::size_t depth, std::size_t children, std::uint64_t bytes, const std::string& label) {
+    void line(std::size_t depth, std::size_t children, std::uint64_t bytes,
+              const std::string& label) {
         output_.print("%*sn%zu: %" PRIu64 " %s\n", static_cast<int>(depth - 1), "", children, bytes,
                       label.c_str());
     }
@@ -102,9 +103,10 @@ void write_massif(Output& output, const Survey& run) {
         points.begin(), points.end(),
         [](const CurvePoint& a, const CurvePoint& b) { return a.held.bytes < b.held.bytes; });
     for (auto point = points.begin(); point != points.end(); ++point) {
-        output.print("#-----------\nsnapshot=%zu\n#-----------\ntime=%" PRIu64 "\nmem_heap_B=%" PRIu64
-                     "\nmem_heap_extra_B=0\nmem_stacks_B=0\nheap_tree=",
-                     static_cast<std::size_t>(point - points.begin()), point->number, point->held.bytes);
+        output.print("#-----------\nsnapshot=%zu\n#-----------\ntime=%" PRIu64
+                     "\nmem_heap_B=%" PRIu64 "\nmem_heap_extra_B=0\nmem_stacks_B=0\nheap_tree=",
+                     static_cast<std::size_t>(point - points.begin()), point->number,
+                     point->held.bytes);
         if (point == peak) {
             output.write("peak\n");
             TreeWriter(output, run, &Share::at_peak);

@@ -5,7 +5,8 @@
 
 namespace memtrack::exporting {
 
-std::string line_text(std::string_view name, std::string_view reserved, char instead, std::size_t most) {
+std::string line_text(std::string_view name, std::string_view reserved, char instead,
+                      std::size_t most) {
     std::string text;
     while (!name.empty()) {
         const std::size_t length = utf8_length(name);

@@ -9,8 +9,11 @@ namespace memtrack::exporting {
 namespace {
 
 Json& begin_event(Json& json, std::string_view name, const char* type, std::size_t rank) {
-    return json.compact().object().member("name", name).member("ph", type).member(
-        "pid", static_cast<std::uint64_t>(rank + 1));
+    return json.compact()
+        .object()
+        .member("name", name)
+        .member("ph", type)
+        .member("pid", static_cast<std::uint64_t>(rank + 1));
 }
 
 std::uint32_t thread_number(const Survey& run, std::uint32_t thread) {

@@ -78,7 +78,16 @@ void write_gzip(Output& output, std::string_view data) {
 }
 
 // Fields of a Profile.
-enum : unsigned { sample_type = 1, sample, mapping, location, function, string_table, comment = 13, default_type };
+enum : unsigned {
+    sample_type = 1,
+    sample,
+    mapping,
+    location,
+    function,
+    string_table,
+    comment = 13,
+    default_type
+};
 
 class Profile {
 public:

@@ -1,5 +1,6 @@
 // Figures for programs: JSON of all, and CSV of one table, with quotes as RFC 4180 has them.
 #include "formats.h"
+#include "lists.h"
 
 #include <iterator>
 
@@ -57,9 +58,7 @@ std::string head(const char* key, std::size_t shown) {
 
 void write_amounts(Json& json, const Share& share, std::size_t shown) {
     for (std::size_t i = 0; i < shown; ++i) {
-        const Amount& amount = share.*columns[i].amount;
-        json.key(columns[i].name).object();
-        json.member("bytes", amount.bytes).member("blocks", amount.blocks).end();
+        write_amount(json, columns[i].name, share.*columns[i].amount);
     }
 }
 
@@ -67,12 +66,10 @@ constexpr std::size_t for_phases = std::size(columns), for_threads = for_phases 
 
 void write_run(Json& json, const Survey& run) {
     json.object().member("base", run.base).member("events", run.events);
-    json.key("allocated").compact().object().member("bytes", run.allocated.bytes);
-    json.member("blocks", run.allocated.blocks).end();
+    write_amount(json, "allocated", run.allocated);
     json.key("peak").compact().object().member("bytes", run.peak.bytes);
     json.member("blocks", run.peak.blocks).member("transaction", run.peak.number).end();
-    json.key("left").compact().object().member("bytes", run.left.bytes);
-    json.member("blocks", run.left.blocks).end();
+    write_amount(json, "left", run.left);
     json.key("phases").array();
     for (const Share& share : run.by_phase) {
         json.compact().object().member("path", run.phases[share.phase]);
@@ -107,7 +104,8 @@ void write_csv(Output& output, const Ranks& ranks, Table table) {
             }
         } else if (table == Table::threads) {
             for (const Share& share : by_thread(run)) {
-                write_row(output, rank, std::to_string(run.threads[share.thread]), share, for_threads);
+                write_row(output, rank, std::to_string(run.threads[share.thread]), share,
+                          for_threads);
             }
         } else {
             for (const CurvePoint& point : run.curve) {

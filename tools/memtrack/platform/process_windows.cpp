@@ -111,7 +111,7 @@ bool Process::write(const void* data, std::size_t size) {
 std::size_t Process::read(void* data, std::size_t size) {
     DWORD got = 0;
     return ReadFile(state_->from.get(), data, static_cast<DWORD>(size), &got, nullptr) != 0 ? got
-                                                                                           : 0;
+                                                                                            : 0;
 }
 
 ProcessEnd Process::wait() {

@@ -57,9 +57,7 @@ public:
 
     // Nanoseconds.
     std::uint64_t run(const Op* ops, std::uint32_t count);
-    void look() {
-        figures_.peak_private = std::max(figures_.peak_private, private_bytes());
-    }
+    void look() { figures_.peak_private = std::max(figures_.peak_private, private_bytes()); }
     const Figures& figures() const { return figures_; }
 
 private:

@@ -4,9 +4,9 @@
 #include "output.h"
 #include "plan.h"
 #include "platform/process.h"
+#include "ranges.h"
 
 #include <algorithm>
-#include <charconv>
 #include <cstring>
 #include <limits>
 #include <map>
@@ -36,21 +36,10 @@ void set(Candidate& candidate, const char* variable, const std::string& value) {
     }
 }
 
-// Bytes, with K, M or G behind for 1024 and so on; "never" is what no request reaches.
-std::uint64_t size_in(std::string_view text, const std::string& whole) {
-    constexpr std::uint64_t most = std::numeric_limits<std::uint64_t>::max();
-    if (text == "never") {
-        return most;
-    }
-    std::uint64_t number = 0;
-    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
-    const std::string_view unit(end, static_cast<std::size_t>(text.data() + text.size() - end));
-    const int shift = unit.empty() ? 0 : unit == "K" ? 10 : unit == "M" ? 20 : unit == "G" ? 30 : -1;
-    if (error != std::errc() || shift < 0 || number > (most >> shift)) {
-        throw UsageError("'" + std::string(text) + "' in '" + whole +
-                         "' is no size: write bytes, or 64K, 64M, 2G, or never");
-    }
-    return number << shift;
+// "never" is what no request reaches.
+std::uint64_t size_in(std::string_view text) {
+    return text == "never" ? std::numeric_limits<std::uint64_t>::max()
+                           : parse_number(std::string(text));
 }
 
 void add_heap_option(Candidate& candidate, std::string_view option) {
@@ -61,13 +50,14 @@ void add_heap_option(Candidate& candidate, std::string_view option) {
     const std::size_t equals = std::min(option.find('='), option.size());
     const std::string_view name = option.substr(0, equals);
     constexpr std::string_view known[] = {"granularity", "trim", "map", "limit"};
-    if (equals == option.size() || std::find(std::begin(known), std::end(known), name) == std::end(known)) {
+    if (equals == option.size() ||
+        std::find(std::begin(known), std::end(known), name) == std::end(known)) {
         throw UsageError("'" + std::string(option) + "' in '" + candidate.name +
                          "' is no option of the heap: there are tiny, granularity=SIZE, trim=SIZE, "
                          "map=SIZE and limit=SIZE");
     }
     candidate.arguments.push_back(std::string(name) + "=" +
-                                  std::to_string(size_in(option.substr(equals + 1), candidate.name)));
+                                  std::to_string(size_in(option.substr(equals + 1))));
 }
 
 } // namespace
@@ -85,7 +75,8 @@ Candidate back_end(const std::string& text) {
         set(candidate, "KXQ_USE_ALIGNED_MEMORY", "1");
         candidate.arguments.emplace_back("aligned");
     } else if (kind != "crt") {
-        throw UsageError("'" + text + "' is no back end: there are crt, guarded, aligned, and heap with "
+        throw UsageError("'" + text +
+                         "' is no back end: there are crt, guarded, aligned, and heap with "
                          "options behind a colon");
     }
     if (colon < text.size() && !candidate.is_heap) {
@@ -189,7 +180,8 @@ struct Runner::Told {
 
 Runner::Told Runner::start(const Recording& recording, const Candidate& candidate,
                            ByteCounter* counter) const {
-    platform::ProcessRequest request{program_, {std::to_string(recording.slots)}, candidate.environment};
+    platform::ProcessRequest request{
+        program_, {std::to_string(recording.slots)}, candidate.environment};
     request.arguments.insert(request.arguments.end(), candidate.arguments.begin(),
                              candidate.arguments.end());
     if (recording.threads > 1) {
@@ -218,9 +210,11 @@ Runner::Told Runner::start(const Recording& recording, const Candidate& candidat
     }
     const platform::ProcessEnd end = process.wait();
     Told told;
-    for (std::size_t at = 0, line = 0; (line = text.find('\n', at)) != std::string::npos; at = line + 1) {
+    for (std::size_t at = 0, line = 0; (line = text.find('\n', at)) != std::string::npos;
+         at = line + 1) {
         const std::size_t blank = std::min(text.find(' ', at), line);
-        told.lines[text.substr(at, blank - at)] = text.substr(std::min(blank + 1, line), line - std::min(blank + 1, line));
+        told.lines[text.substr(at, blank - at)] =
+            text.substr(std::min(blank + 1, line), line - std::min(blank + 1, line));
     }
     if (end.crashed) {
         told.failure = "ended by a fault or signal, number " + std::to_string(end.status);
@@ -233,7 +227,8 @@ Runner::Told Runner::start(const Recording& recording, const Candidate& candidat
 }
 
 Runner::Runner(bool touch)
-    : program_(platform::program_folder() + "memtrack-replay" + platform::program_suffix), touch_(touch) {
+    : program_(platform::program_folder() + "memtrack-replay" + platform::program_suffix),
+      touch_(touch) {
     const Told empty = start({}, back_end("crt"), nullptr);
     if (!empty.failure.empty()) {
         throw std::runtime_error(program_ + ": " + empty.failure);

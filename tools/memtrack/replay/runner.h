@@ -40,15 +40,16 @@ Recording survey(const std::string& base, Problems& problems, ByteCounter* count
 /// What one process told. Bytes are above those of a process on the C runtime that allocated nothing.
 struct Run {
     std::uint64_t nanoseconds = 0, refused = 0;
-    std::uint64_t live = 0, footprint = 0, resident = 0; ///< the most
+    std::uint64_t live = 0, footprint = 0, resident = 0;                ///< the most
     std::uint64_t live_then = 0, footprint_then = 0, resident_then = 0; ///< at the recording's peak
     std::uint64_t heap_high_water = 0;
 
     static const std::array<std::uint64_t Run::*, 9> figures; ///< all of these
 };
 inline constexpr std::array<std::uint64_t Run::*, 9> Run::figures = {
-    &Run::nanoseconds, &Run::refused,        &Run::live,          &Run::footprint,      &Run::resident,
-    &Run::live_then,   &Run::footprint_then, &Run::resident_then, &Run::heap_high_water};
+    &Run::nanoseconds,    &Run::refused,       &Run::live,
+    &Run::footprint,      &Run::resident,      &Run::live_then,
+    &Run::footprint_then, &Run::resident_then, &Run::heap_high_water};
 
 class Runner {
 public:
