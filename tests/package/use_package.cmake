@@ -44,6 +44,13 @@ if(NOT out MATCHES "^Usage: memtrack")
   message(FATAL_ERROR "memtrack printed '${out}'")
 endif()
 
+# Its helper finds the library that it replays with, and has nothing to read here.
+execute_process(COMMAND ${EMULATOR} ${WORK}/prefix/bin/memtrack-replay${suffix} INPUT_FILE /dev/null
+                OUTPUT_QUIET ERROR_VARIABLE err)
+if(NOT err MATCHES "started by memtrack replay")
+  message(FATAL_ERROR "memtrack-replay printed '${err}'")
+endif()
+
 find_program(PKG_CONFIG NAMES pkg-config pkgconf)
 if(PKG_CONFIG AND NOT TOOLCHAIN)
   set(environment PKG_CONFIG_PATH=${WORK}/prefix/${LIBDIR}/pkgconfig)
