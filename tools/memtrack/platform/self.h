@@ -20,6 +20,7 @@ void forget_peak_resident();
 
 /// Reads exactly `size` bytes from standard input; false at its end.
 bool read_input(void* data, std::size_t size);
+/// At most 4096 bytes.
 bool write_output(const void* data, std::size_t size);
 void use_binary_streams();
 
