@@ -69,7 +69,10 @@ void write_collapsed(Output& output, const Ranks& ranks, ShareAmount amount) {
         for (const Share& share : ranks[rank].by_phase) {
             std::string stack;
             for (const std::string& frame : frames_of(ranks, rank, share)) {
-                stack += (stack.empty() ? "" : ";") + line_text(frame, ";", ':');
+                if (!stack.empty()) {
+                    stack += ';';
+                }
+                stack += line_text(frame, ";", ':');
             }
             if ((share.*amount).bytes != 0) {
                 lines[stack] += (share.*amount).bytes;
