@@ -126,7 +126,14 @@ private:
     void note_moved(const Event& event);
     void give_up_moved(const Moved& moved);
     Place place_of(const Event& event, std::uint64_t address) const;
-    Block block_of(const Event& event);
+    Block block_of(const Event& event) {
+        std::uint64_t size = event.record.size;
+        if (size >= impossible_size) {
+            impossible_.add(place_of(event, event.record.pointer));
+            size = 0;
+        }
+        return {event.record.pointer, size, event.number, event.phase, event.thread};
+    }
 
     LiveBlocks held_;
     std::uint64_t held_bytes_ = 0;
