@@ -10,7 +10,7 @@ endif()
 
 install(TARGETS ${kxm_targets} EXPORT KXMBasMemTargets
         OBJECTS DESTINATION ${CMAKE_INSTALL_LIBDIR}/kxmbasmem)
-install(TARGETS memtrack kxmdiag RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+install(TARGETS memtrack memtrack-replay kxmdiag RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
 install(EXPORT KXMBasMemTargets NAMESPACE KXMBasMem:: DESTINATION ${kxm_cmake_dir})
 install(DIRECTORY KXMBase/ProtectedInterfaces/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}
         FILES_MATCHING PATTERN "*.h")

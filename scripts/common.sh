@@ -55,7 +55,10 @@ need_build_packages() {
 
 need_test_packages() {
     need_build_packages
-    need_packages googletest pkgconf valgrind
+    need_packages googletest pkgconf
+    # What opens memtrack's exports, and allocators that its replay compares with.
+    need_packages python3 python3-jsonschema valgrind heaptrack protobuf-compiler nodejs
+    need_packages libjemalloc2 libmimalloc2.0 libtcmalloc-minimal4
 }
 
 need_windows_packages() {

@@ -51,6 +51,12 @@ run(COMMAND ${EMULATOR} ${WORK}/prefix/bin/kxmdiag${suffix} OUTPUT out ENVIRONME
 if(NOT out MATCHES "Versions.*Back end.*MEMORY USE SUMMARY" OR NOT out MATCHES "prefix.[a-z0-9]+.(lib)?KXMBasMem[.]")
   message(FATAL_ERROR "kxmdiag printed '${out}'")
 endif()
+# Its helper finds the library that it replays with, and has nothing to read here.
+execute_process(COMMAND ${EMULATOR} ${WORK}/prefix/bin/memtrack-replay${suffix} INPUT_FILE /dev/null
+                OUTPUT_QUIET ERROR_VARIABLE err)
+if(NOT err MATCHES "started by memtrack replay")
+  message(FATAL_ERROR "memtrack-replay printed '${err}'")
+endif()
 
 find_program(PKG_CONFIG NAMES pkg-config pkgconf)
 if(PKG_CONFIG AND NOT TOOLCHAIN)

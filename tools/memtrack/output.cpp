@@ -65,10 +65,7 @@ void Output::finish(bool quiet) {
 
 // ---------------------------------------------------------------------------------------------
 
-namespace {
-
-// Bytes of the UTF-8 sequence at the beginning of `text`, 0 if there is none.
-std::size_t sequence_length(std::string_view text) {
+std::size_t utf8_length(std::string_view text) {
     const auto byte = [&](std::size_t i) { return static_cast<unsigned char>(text[i]); };
     const unsigned char first = byte(0);
     const std::size_t length = first < 0x80   ? 1
@@ -90,12 +87,10 @@ std::size_t sequence_length(std::string_view text) {
     return overlong || outside ? 0 : length;
 }
 
-} // namespace
-
 std::string json_quoted(std::string_view text) {
     std::string quoted = "\"";
     while (!text.empty()) {
-        const std::size_t length = sequence_length(text);
+        const std::size_t length = utf8_length(text);
         const auto byte = static_cast<unsigned char>(text[0]);
         if (length == 0) {
             quoted += "\xEF\xBF\xBD"; // the replacement character

@@ -86,6 +86,8 @@ private:
 };
 
 std::string json_quoted(std::string_view text);
+/// Bytes of the UTF-8 sequence that `text`, which is not empty, begins with; 0 if there is none.
+std::size_t utf8_length(std::string_view text);
 
 /// Members "complete" and "problems" of the object that is open.
 void write_problems(Json& json, const Problems& problems);
