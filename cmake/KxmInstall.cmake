@@ -35,5 +35,7 @@ install(FILES ${PROJECT_BINARY_DIR}/KXMBasMemConfig.cmake
 
 # The file tells its own prefix, so that an installed tree can be moved.
 file(RELATIVE_PATH KXM_PC_TO_PREFIX /${CMAKE_INSTALL_LIBDIR}/pkgconfig /)
-configure_file(cmake/kxmbasmem.pc.in ${PROJECT_BINARY_DIR}/kxmbasmem.pc @ONLY)
-install(FILES ${PROJECT_BINARY_DIR}/kxmbasmem.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+foreach(name kxmbasmem kxmbasmem-fortran)
+  configure_file(cmake/${name}.pc.in ${PROJECT_BINARY_DIR}/${name}.pc @ONLY)
+  install(FILES ${PROJECT_BINARY_DIR}/${name}.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+endforeach()

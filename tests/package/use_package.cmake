@@ -73,4 +73,13 @@ if(PKG_CONFIG AND NOT TOOLCHAIN)
   if(NOT out STREQUAL "42")
     message(FATAL_ERROR "by_pkg_config printed '${out}'")
   endif()
+  # By Fortran's compiler alone, which brings no C++ runtime.
+  run(COMMAND ${PKG_CONFIG} --cflags --libs kxmbasmem-fortran OUTPUT flags ENVIRONMENT ${environment})
+  separate_arguments(flags UNIX_COMMAND "${flags}")
+  run(COMMAND ${FC} ${CLIENT}/fortran_client.f90 -o ${WORK}/fortran_by_pkg_config ${flags}
+              -Wl,-rpath,${WORK}/prefix/${LIBDIR})
+  run(COMMAND ${WORK}/fortran_by_pkg_config OUTPUT out)
+  if(NOT out STREQUAL "42")
+    message(FATAL_ERROR "fortran_by_pkg_config printed '${out}'")
+  endif()
 endif()

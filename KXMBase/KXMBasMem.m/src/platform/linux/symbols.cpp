@@ -119,13 +119,14 @@ bool is_mangled(const char* name) {
 
 Found look_up(backtrace_state* state, std::uint64_t address) {
     Found found;
-    // The innermost of the functions that were put into one another comes first, the one that is
-    // called last. A line table knows the innermost line alone.
     backtrace_pcinfo(
         state, address,
         [](void* argument, std::uintptr_t, const char* file, int line, const char* function) {
             Found& result = *static_cast<Found*>(argument);
-            if (result.file == nullptr) {
+            // Of calls that were inlined the innermost comes first. The last is of the function that
+            // the address belongs to: name and line are of one function, and seldom of a header. A
+            // line table alone knows the innermost.
+            if (file != nullptr) {
                 result.file = file;
                 result.line = line;
             }
