@@ -56,8 +56,10 @@ private:
         return end_ - (size + 31) / 16 * 16;
     }
     void give_back(const Held& held) {
-        const std::size_t bin =
-            held.size <= 64 ? 0 : held.size <= 512 ? 1 : held.size <= 4096 ? 2 : 3;
+        const std::size_t bin = held.size <= 64     ? 0
+                                : held.size <= 512  ? 1
+                                : held.size <= 4096 ? 2
+                                                    : 3;
         if (free_addresses_[bin].size() < 4096) {
             free_addresses_[bin].push_back(held.address);
         }
@@ -86,7 +88,9 @@ private:
             held.address = 0;
         } else {
             const std::uint64_t kind = (chance >> 40) % 64;
-            held.size = kind < 50 ? 16 + (chance >> 48) % 240 : kind < 62 ? 256 + (chance >> 48) % 8192 : 65536 + (chance >> 48) % 1000000;
+            held.size = kind < 50   ? 16 + (chance >> 48) % 240
+                        : kind < 62 ? 256 + (chance >> 48) % 8192
+                                    : 65536 + (chance >> 48) % 1000000;
             held.address = address_for(held.size);
             record(held.address, 0, kind == 63 ? calloc_ : malloc_, held.size, thread);
         }
@@ -117,8 +121,8 @@ private:
 
     void write_file(const std::string& name) {
         std::FILE* const file = std::fopen(name.c_str(), "wb");
-        const bool good = file != nullptr &&
-                          std::fwrite(bytes_.data(), 1, bytes_.size(), file) == bytes_.size();
+        const bool good =
+            file != nullptr && std::fwrite(bytes_.data(), 1, bytes_.size(), file) == bytes_.size();
         if (file == nullptr || std::fclose(file) != 0 || !good) {
             throw std::runtime_error(name + " cannot be written");
         }
@@ -135,16 +139,15 @@ private:
     }
 
     void write_phases() {
-        static const char* const paths[phases] = {
-            "ROOT",
-            "ROOT->read",
-            "ROOT->read->mesh",
-            "ROOT->assemble",
-            "ROOT->assemble->elements",
-            "ROOT->assemble->elements->stiffness",
-            "ROOT->solve",
-            "ROOT->solve->precondition",
-            "ROOT->results"};
+        static const char* const paths[phases] = {"ROOT",
+                                                  "ROOT->read",
+                                                  "ROOT->read->mesh",
+                                                  "ROOT->assemble",
+                                                  "ROOT->assemble->elements",
+                                                  "ROOT->assemble->elements->stiffness",
+                                                  "ROOT->solve",
+                                                  "ROOT->solve->precondition",
+                                                  "ROOT->results"};
         put(std::int32_t{phases});
         for (std::int32_t i = 0; i < phases; ++i) {
             put(i);

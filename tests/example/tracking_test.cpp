@@ -1,7 +1,6 @@
 // The job's tracking files, replayed, against the job's own count of what it asked for and held.
 #include "child.h"
-#include "history.h"
-#include "tracking_files.h"
+#include "figures.h"
 
 #include <gtest/gtest.h>
 
@@ -35,24 +34,18 @@ TEST(Tracking, FilesTellWhatTheJobHolds) {
                   4)
             << run.out << run.err;
 
-        memtrack::Notes notes;
-        const memtrack::PhaseTable phases(base, notes);
-        memtrack::TransactionReader reader(base, notes);
-        memtrack::History history;
+        memtrack::Problems problems;
+        const memtrack::Figures figures = memtrack::take_figures(base, problems);
+        EXPECT_TRUE(problems.empty()) << problems[0].sentence();
+        EXPECT_EQ(figures.left.bytes, live);
+        EXPECT_EQ(figures.peak.bytes, peak);
+        EXPECT_EQ(figures.events - figures.by_type[std::size_t(memtrack::Type::free_)], requests);
         std::set<std::string> seen;
-        for (memtrack::Transaction next; reader.next(next);) {
-            history.add(next);
-            if (next.has_stack())
-                seen.insert(phases.path(next.stack));
-        }
-        EXPECT_TRUE(notes.empty()) << notes[0];
-        EXPECT_EQ(history.held_bytes(), live);
-        EXPECT_EQ(history.peak().bytes, peak);
-        EXPECT_EQ(history.events() - history.events(memtrack::Type::free_), requests);
-        EXPECT_EQ(history.unknown_releases() + history.lost_releases(), 0U);
         std::uint64_t blocks = 0;
-        for (const auto& [address, block] : history.held())
-            blocks += phases.path(block.stack) == "ROOT->kept" ? 1U : 0U;
+        for (const memtrack::PhaseFigures& phase : figures.phases) {
+            seen.insert(phase.path);
+            blocks += phase.path == "ROOT->kept" ? phase.left.blocks : 0U;
+        }
         EXPECT_GE(blocks, kept); // their contents, and the list of them
         for (const char* step : {"read", "assemble", "solve", "stress"})
             EXPECT_TRUE(seen.contains(std::string("ROOT->") + step)) << step;
@@ -66,13 +59,9 @@ TEST(Tracking, OutlivesARefusalOfMemory) {
                                            std::string(EXAMPLE_MESHES) + "/cantilever-41.msh"},
                                           "KXQ_DLALLOCATOR");
     EXPECT_EQ(run.exit_code, 4) << run.err;
-    memtrack::Notes notes;
-    memtrack::TransactionReader reader(base, notes);
-    memtrack::History history;
-    for (memtrack::Transaction next; reader.next(next);)
-        history.add(next);
-    EXPECT_GT(history.refused(), 0U);
-    EXPECT_TRUE(notes.empty());
+    memtrack::Problems problems;
+    EXPECT_GT(memtrack::take_figures(base, problems).failed, 0U);
+    EXPECT_TRUE(problems.empty());
 }
 
 } // namespace

@@ -134,15 +134,15 @@ TEST_F(PathTable, TakesItsStateWordsAsPaths) {
     const std::string base = test::scratch_folder("paths") + "gr\xc3\xb6\xc3\x9f"
                                                              "e";
     table->WriteToDisk(base.c_str());
-    memtrack::Notes notes;
+    memtrack::Problems problems;
     const auto name =
         std::filesystem::path(std::u8string(base.begin(), base.end()) + u8".phaseStack");
     ASSERT_TRUE(std::filesystem::exists(name)) << "not by its UTF-8 name";
     std::filesystem::rename(name, test::scratch_folder("paths2") + "plain.phaseStack");
     const memtrack::PhaseTable read(
         (std::filesystem::path(test::program_folder()) / "scratch" / "paths2" / "plain").string(),
-        notes);
-    EXPECT_TRUE(notes.empty());
+        problems);
+    EXPECT_TRUE(problems.empty());
     EXPECT_EQ(read.size(), 4U);
     EXPECT_EQ(read.path(4), longer);
     table->WriteToDisk("no such folder/x"); // silently missing
@@ -199,16 +199,17 @@ TEST_F(Phases, AreWrittenInFiftiesForOneThread) {
     }
     EXPECT_EQ(recorded_fatal_errors(), before);
     std::vector<std::string> read;
-    memtrack::Notes notes;
-    EXPECT_TRUE(memtrack::read_phase_events(base, 4, notes, [&](const memtrack::PhaseEvent& event) {
-        EXPECT_EQ(static_cast<std::size_t>(event.transaction), read.size());
-        read.push_back(event.entering ? event.name : "exit");
-    }));
+    memtrack::Problems problems;
+    EXPECT_TRUE(
+        memtrack::read_phase_events(base, 4, problems, [&](const memtrack::PhaseEvent& event) {
+            EXPECT_EQ(static_cast<std::size_t>(event.transaction), read.size());
+            read.push_back(event.entering ? event.name : "exit");
+        }));
     ASSERT_EQ(read.size(), 52U);
     EXPECT_EQ(read[0], longest);
     EXPECT_EQ(read[49], "inner");
     EXPECT_EQ(read[51], "exit");
-    EXPECT_TRUE(notes.empty());
+    EXPECT_TRUE(problems.empty());
     EXPECT_FALSE(exists(2));
 }
 

@@ -2,7 +2,6 @@
 // says when it cannot. The files are read by the reading layer of memtrack, and once byte by byte.
 #include "child.h"
 #include "history.h"
-#include "tracking_files.h"
 
 #include <algorithm>
 #include <filesystem>
@@ -39,7 +38,7 @@ protected:
 
     std::vector<Transaction> transactions() {
         std::vector<Transaction> all;
-        memtrack::TransactionReader reader(base(), notes_);
+        memtrack::EventReader reader(base(), problems_);
         for (Transaction next; reader.next(next);) {
             EXPECT_EQ(static_cast<std::size_t>(next.id), all.size());
             all.push_back(next);
@@ -55,7 +54,7 @@ protected:
     }
 
     std::string folder_;
-    memtrack::Notes notes_;
+    memtrack::Problems problems_;
 };
 
 // The words that a child printed, by the first of each line.
@@ -83,7 +82,7 @@ TEST_F(Recorder, TellsEveryEventInItsOrder) {
     const test::ChildResult run = track({"plain"});
     ASSERT_EQ(run.exit_code, 0) << run.err;
     auto at = numbers(run.out);
-    const memtrack::PhaseTable phases(base(), notes_);
+    const memtrack::PhaseTable phases(base(), problems_);
     std::vector<std::string> found;
     for (const Transaction& t : transactions()) {
         found.push_back(text(t, phases));
@@ -110,7 +109,7 @@ TEST_F(Recorder, TellsEveryEventInItsOrder) {
     };
     EXPECT_EQ(found, expected);
     EXPECT_EQ(at["next"], expected.size());
-    EXPECT_TRUE(notes_.empty()) << notes_[0];
+    EXPECT_TRUE(problems_.empty()) << problems_[0].sentence();
     EXPECT_NE(run.out.find("active 0 flag 3\ncached 3 1 1 1\n"), std::string::npos) << run.out;
     // At the end: a checked build tells of the refusals before.
     EXPECT_TRUE(run.err.ends_with(
@@ -128,14 +127,15 @@ TEST_F(Recorder, TellsEveryEventInItsOrder) {
         EXPECT_EQ(shown.exit_code, 0) << shown.err;
         return shown.out;
     };
-    const std::string summary = memtrack("summary");
+    const std::string report = memtrack("report");
     for (const char* const words :
-         {"14 events in 1 file, 1 thread, 3 phases\n", "refused: 2 requests\n",
-          "Peak: 100141 bytes in 3 blocks, at transaction 7 (thread 0, ROOT->first->second)\n",
+         {"14 events in 1 file, 1 thread, 3 phases\n", "Failed: 2 requests\n",
+          "Peak: 97.8 KiB (100 141 bytes) in 3 blocks, at event 7\n",
+          "(malloc of 64 bytes, thread 0, ROOT->first->second)\n",
           "Not released: 9 bytes in 1 block\n"}) {
-        EXPECT_NE(summary.find(words), std::string::npos) << words << summary;
+        EXPECT_NE(report.find(words), std::string::npos) << words << report;
     }
-    EXPECT_NE(memtrack("unreleased").find("transaction 12, thread 0, ROOT->first\n"),
+    EXPECT_NE(memtrack("leaks").find("made by event 12, thread 0, ROOT->first\n"),
               std::string::npos);
     const std::string events = memtrack("events");
     EXPECT_EQ(std::count(events.begin(), events.end(), '\n'), 14);
@@ -190,7 +190,7 @@ TEST_F(Recorder, WritesFullBuffersAndTheRest) {
     ASSERT_EQ(track({"fill", "131073"}).out, "fatal 0 \n");
     EXPECT_EQ(size(".memT1"), 44U);
     EXPECT_EQ(transactions().size(), 131073U);
-    EXPECT_TRUE(notes_.empty());
+    EXPECT_TRUE(problems_.empty());
 }
 
 TEST_F(Recorder, LosesNothingOfManyThreads) {
@@ -199,7 +199,7 @@ TEST_F(Recorder, LosesNothingOfManyThreads) {
         ASSERT_EQ(run.exit_code, 0) << run.err;
         EXPECT_NE(run.out.find("fatal 0"), std::string::npos) << run.out;
         memtrack::History history;
-        const memtrack::PhaseTable phases(base(), notes_);
+        const memtrack::PhaseTable phases(base(), problems_);
         int highest = 0;
         for (const Transaction& t : transactions()) {
             history.add(t);
@@ -211,11 +211,11 @@ TEST_F(Recorder, LosesNothingOfManyThreads) {
             }
         }
         EXPECT_EQ(highest, 72); // the loading thread is 0, and has no events
-        EXPECT_TRUE(notes_.empty()) << notes_[0];
+        EXPECT_TRUE(problems_.empty()) << problems_[0].sentence();
         std::map<std::string, std::uint64_t> expected = numbers(run.out), held;
-        for (const auto& [address, block] : history.held()) {
-            held["held " + std::to_string(address)] = block.size;
-        }
+        history.held().for_each([&](const memtrack::Block& block) {
+            held["held " + std::to_string(block.address)] = block.size;
+        });
         std::erase_if(expected, [](const auto& e) { return e.first.find("held") != 0; });
         EXPECT_EQ(held, expected);
         EXPECT_EQ(history.unknown_releases() + history.lost_releases(), 0U);
@@ -237,7 +237,7 @@ TEST_F(Recorder, TakesMemoryOfItsOwnUnseen) {
                      "from tracking code may change allocation patterns.\n\n"),
         std::string::npos);
     EXPECT_EQ(transactions().size(), 900000U);
-    const memtrack::PhaseTable phases(base(), notes_);
+    const memtrack::PhaseTable phases(base(), problems_);
     EXPECT_EQ(phases.size(), 51U);
     EXPECT_EQ(phases.path(50).size(), 4 + 50 * 129U) << "a path that moved with its pool";
 }
@@ -250,19 +250,20 @@ TEST_F(Recorder, SaysWhenTheDiskIsFull) {
     test::ChildResult run = track({"full-disk", std::to_string(whole + 4 + 400 * 40 + 7)});
     EXPECT_EQ(run.out, "fatal 1 " + short_records + no_room + "ids 262144\n");
     EXPECT_EQ(transactions().size(), 131072U + 400);
-    ASSERT_EQ(notes_.size(), 1U);
-    EXPECT_NE(notes_[0].find("holds 400 whole records of 131072"), std::string::npos) << notes_[0];
+    ASSERT_EQ(problems_.size(), 1U);
+    EXPECT_NE(problems_[0].sentence().find("holds 400 whole records of 131072"), std::string::npos)
+        << problems_[0].sentence();
 
-    notes_.clear();
+    problems_.clear();
     run = track({"full-disk", std::to_string(whole + 3)});
     EXPECT_EQ(run.out.find("fatal 1 AssertionFailed:numBytesWritten == sizeof(int)\n"), 0U);
     EXPECT_EQ(transactions().size(), 131072U);
-    EXPECT_EQ(notes_.size(), 1U);
+    EXPECT_EQ(problems_.size(), 1U);
 
-    notes_.clear();
+    problems_.clear();
     run = track({"full-disk", std::to_string(whole), "then there is room"});
     EXPECT_EQ(transactions().size(), 262144U) << "kept, and written at the end";
-    EXPECT_TRUE(notes_.empty());
+    EXPECT_TRUE(problems_.empty());
 
     if (std::filesystem::exists("/dev/full")) { // a disk that is really full
         std::filesystem::create_symlink("/dev/full", folder_ + "full.memT0");
@@ -289,7 +290,7 @@ TEST_F(Recorder, SaysWhenAFolderIsMissingOrVanishes) {
     run = track({"vanishing-folder", folder}, {{"KXA_MEM_OUTPUTDIR", folder}});
     EXPECT_EQ(run.out, "fatal 1 AssertionFailed:0\n");
     EXPECT_NE(run.err.find("unknownMemTrack.memT1"), std::string::npos);
-    memtrack::TransactionReader reader(folder + ".gone" + separator + "unknownMemTrack", notes_);
+    memtrack::EventReader reader(folder + ".gone" + separator + "unknownMemTrack", problems_);
     int read = 0;
     for (Transaction t; reader.next(t); ++read) {
     }
@@ -395,7 +396,7 @@ TEST_F(Recorder, ServesFortran) {
               "threadId = 0\nfrom Fortran  --  Monitored TransId = 7\n"
               "rank -1  --  ROOT->assembly  --  EXIT PHASE  -- Monitored TransID = 7 -- "
               "threadId = 0\n");
-    const memtrack::PhaseTable phases(base(), notes_);
+    const memtrack::PhaseTable phases(base(), problems_);
     EXPECT_EQ(phases.path(4), "ROOT->assembly->element 3");
     memtrack::History history;
     for (const Transaction& t : transactions()) {
@@ -403,7 +404,7 @@ TEST_F(Recorder, ServesFortran) {
     }
     EXPECT_EQ(history.events(), 7U);
     EXPECT_EQ(history.held_bytes(), 3000U);
-    EXPECT_TRUE(notes_.empty());
+    EXPECT_TRUE(problems_.empty());
 }
 
 TEST_F(Recorder, HasNoPhasesForTheSixtyFifthThread) {

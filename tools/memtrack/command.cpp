@@ -10,7 +10,9 @@
 namespace memtrack {
 
 void CommonOptions::add_bases(CLI::App& command, int at_least, int at_most) {
-    command.add_option("BASE", bases, "Output name of a run, or one of its files; several: ranks of a job")
+    command
+        .add_option("BASE", bases,
+                    "Output name of a run, or one of its files; several: ranks of a job")
         ->required()
         ->expected(at_least, at_most == 0 ? 1 << 20 : at_most)
         ->transform([](const std::string& name) { return base_name(name); });

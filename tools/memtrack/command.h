@@ -34,7 +34,7 @@ struct CommonOptions {
     std::size_t rows = 10;
 
     void add_bases(CLI::App& command, int at_least = 1, int at_most = 0); ///< at_most 0: any number
-    void add_output(CLI::App& command);                                    ///< -o, -f, -q
+    void add_output(CLI::App& command);                                   ///< -o, -f, -q
     void add_json(CLI::App& command);
     void add_rows(CLI::App& command, std::size_t standard = 10); ///< -n
     void add_all(CLI::App& command);                             ///< all of these
@@ -69,7 +69,8 @@ auto take_each(const CommonOptions& options, Problems& problems, const Take& tak
     const std::size_t count = options.bases.size();
     std::vector<decltype(take(std::string(), problems, nullptr))> results(count);
     std::vector<Problems> found(count);
-    in_parallel(count, [&](std::size_t i) { results[i] = take(options.bases[i], found[i], &progress); });
+    in_parallel(count,
+                [&](std::size_t i) { results[i] = take(options.bases[i], found[i], &progress); });
     for (const Problems& some : found) {
         problems.insert(problems.end(), some.begin(), some.end());
     }

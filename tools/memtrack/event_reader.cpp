@@ -145,7 +145,8 @@ void Producer::begin_file(Slot& slot) {
         claimed_ = 0;
         last_was_full_ = skipped_ = true;
     } else {
-        const std::uint64_t whole = (size - std::min(size, std::uint64_t{count_bytes})) / sizeof(Transaction);
+        const std::uint64_t whole =
+            (size - std::min(size, std::uint64_t{count_bytes})) / sizeof(Transaction);
         last_was_full_ = claimed_ == full_file;
         if (whole < static_cast<std::uint64_t>(claimed_)) {
             note(slot, count_bytes + whole * sizeof(Transaction),
@@ -154,7 +155,8 @@ void Producer::begin_file(Slot& slot) {
                      " that it claims: the run was cut off, as by a full disk");
             claimed_ = static_cast<std::int32_t>(whole);
             last_was_full_ = false;
-        } else if (size > count_bytes + static_cast<std::uint64_t>(claimed_) * sizeof(Transaction)) {
+        } else if (size >
+                   count_bytes + static_cast<std::uint64_t>(claimed_) * sizeof(Transaction)) {
             note(slot, count_bytes + static_cast<std::uint64_t>(claimed_) * sizeof(Transaction),
                  "the file goes on behind the " + std::to_string(claimed_) +
                      " records that it claims; that rest is not read");
@@ -220,7 +222,8 @@ void Producer::check_slowly(Slot& slot, std::size_t records) {
         if (ahead != 0 && ++gaps_ <= most_told) {
             note(slot, offset,
                  "event " + std::to_string(next_number_) + " is missing, " +
-                     std::to_string(static_cast<std::uint32_t>(record.id)) + " stands in its place" +
+                     std::to_string(static_cast<std::uint32_t>(record.id)) +
+                     " stands in its place" +
                      (gaps_ == most_told ? "; further gaps are not told" : ""));
         }
         // An id that lies behind is an older record's or damaged: counting goes on past it.

@@ -43,7 +43,7 @@ public:
     /// The next event alone. Not to be mixed with batches.
     bool next(Transaction& transaction);
 
-    std::int32_t files() const;              ///< that batches were taken from
+    std::int32_t files() const;                ///< that batches were taken from
     std::string file_name(std::int32_t) const; ///< of a file's number
 
 private:

@@ -124,7 +124,15 @@ ShareFigures& ShareFigures::operator+=(const ShareFigures& other) {
     return *this;
 }
 
-Figures take_figures(const std::string& base, Problems& problems, ByteCounter* counter) {
+SizeFigures& SizeFigures::operator+=(const SizeFigures& other) {
+    for (std::size_t i = 0; i < buckets; ++i) {
+        requests[i] += other.requests[i];
+    }
+    return *this;
+}
+
+Figures take_figures(const std::string& base, Problems& problems, ByteCounter* counter,
+                     const AtEnd& at_end) {
     const std::size_t problems_before = problems.size();
     const PhaseTable table(base, problems);
     EventReader reader(base, problems, counter);
@@ -132,6 +140,9 @@ Figures take_figures(const std::string& base, Problems& problems, ByteCounter* c
     FiguresWatcher watcher;
     history.replay(reader, watcher);
     history.tell(reader, problems);
+    if (at_end) {
+        at_end(history, table);
+    }
 
     Figures figures;
     figures.base = base;
@@ -190,9 +201,7 @@ Figures merge(const std::vector<Figures>& ranks) {
         sum.failed += rank.failed;
         sum.unknown_releases += rank.unknown_releases;
         sum.lost_releases += rank.lost_releases;
-        for (std::size_t i = 0; i < SizeFigures::buckets; ++i) {
-            sum.sizes.requests[i] += rank.sizes.requests[i];
-        }
+        sum.sizes += rank.sizes;
         for (const PhaseFigures& phase : rank.phases) {
             by_path(sum.phases, index, phase.path) += phase;
         }

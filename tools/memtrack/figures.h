@@ -10,6 +10,7 @@
 
 #include <array>
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -61,6 +62,8 @@ struct ThreadFigures : ShareFigures {
 struct SizeFigures {
     static constexpr std::size_t buckets = 65;
     std::array<Amount, buckets> requests{};
+
+    SizeFigures& operator+=(const SizeFigures& other);
 };
 
 /// Of one run, or merged over the ranks of a job.
@@ -70,7 +73,8 @@ struct Figures {
     std::int32_t files = 0;
     std::uint64_t events = 0;
     std::array<std::uint64_t, type_count> by_type{};
-    Amount allocated, peak, left; ///< merged peaks are a sum: the ranks' peaks are at different times
+    Amount allocated, peak,
+        left; ///< merged peaks are a sum: the ranks' peaks are at different times
     std::uint64_t temporary = 0, failed = 0, unknown_releases = 0, lost_releases = 0;
     /// Where the peak was reached first: meaningless when merged, and when peak.blocks is 0.
     struct PeakEvent {
@@ -85,8 +89,10 @@ struct Figures {
     std::vector<ThreadFigures> threads; ///< ascending; of several ranks summed by thread number
 };
 
-/// Reads a whole run.
-Figures take_figures(const std::string& base, Problems& problems, ByteCounter* counter = nullptr);
+/// Reads a whole run. `at_end` sees the state behind the last event.
+using AtEnd = std::function<void(const History&, const PhaseTable&)>;
+Figures take_figures(const std::string& base, Problems& problems, ByteCounter* counter = nullptr,
+                     const AtEnd& at_end = {});
 
 /// Sums over ranks; phases are matched by their paths.
 Figures merge(const std::vector<Figures>& ranks);

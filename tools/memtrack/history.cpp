@@ -28,15 +28,6 @@ std::vector<std::string> History::phase_paths(const PhaseTable& table) const {
     return paths;
 }
 
-Block History::block_of(const Event& event) {
-    std::uint64_t size = event.record.size;
-    if (size >= impossible_size) {
-        impossible_.add(place_of(event, event.record.pointer));
-        size = 0;
-    }
-    return {event.record.pointer, size, event.number, event.phase, event.thread};
-}
-
 History::Place History::place_of(const Event& event, std::uint64_t address) const {
     const std::uint64_t index = event.number - batch_->first;
     return {batch_->file, batch_->offset + index * sizeof(Transaction), event.number, address};

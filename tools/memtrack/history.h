@@ -126,7 +126,14 @@ private:
     void note_moved(const Event& event);
     void give_up_moved(const Moved& moved);
     Place place_of(const Event& event, std::uint64_t address) const;
-    Block block_of(const Event& event);
+    Block block_of(const Event& event) {
+        std::uint64_t size = event.record.size;
+        if (size >= impossible_size) {
+            impossible_.add(place_of(event, event.record.pointer));
+            size = 0;
+        }
+        return {event.record.pointer, size, event.number, event.phase, event.thread};
+    }
 
     LiveBlocks held_;
     std::uint64_t held_bytes_ = 0;
@@ -154,7 +161,7 @@ template <class W> void History::enter(const Event& event, W& watcher, Gone befo
     held_bytes_ += block.size;
     watcher.made(event, block);
     if (held_bytes_ > peak_.bytes) {
-        peak_ = {held_bytes_,         held_.size(), event.number, event.record.type,
+        peak_ = {held_bytes_,       held_.size(), event.number, event.record.type,
                  event.record.size, event.thread, event.phase};
         watcher.peaked(event);
     }
@@ -236,9 +243,8 @@ template <class W> void History::replay(const Batch& batch, W& watcher) {
         if (thread == last_event_.size()) {
             last_event_.push_back(0);
         }
-        const std::uint32_t phase = record.type == Type::free_
-                                        ? no_phase
-                                        : phases_.index(std::max(record.stack, -1));
+        const std::uint32_t phase =
+            record.type == Type::free_ ? no_phase : phases_.index(std::max(record.stack, -1));
         add(Event{record, batch.first + i, thread, phase}, watcher);
     }
     batch_ = nullptr;

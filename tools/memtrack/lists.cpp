@@ -6,31 +6,59 @@
 
 namespace memtrack {
 
-std::vector<HeldBlock> largest_blocks(const History& history, const PhaseTable& table,
-                                      std::size_t most) {
-    const auto before = [](const Block& a, const Block& b) {
-        return a.size != b.size ? a.size > b.size : a.number < b.number;
-    };
+namespace {
+
+constexpr auto larger = [](const auto& a, const auto& b) {
+    return a.size != b.size ? a.size > b.size : a.number < b.number;
+};
+
+struct Range { // of a bucket of sizes
+    std::uint64_t from, to;
+};
+Range bucket_range(std::size_t bucket) {
+    if (bucket == 0) {
+        return {0, 0};
+    }
+    const std::uint64_t from = std::uint64_t{1} << (bucket - 1);
+    return {from, from + (from - 1)};
+}
+
+} // namespace
+
+std::vector<HeldBlock> largest_blocks(const std::string& base, const History& history,
+                                      const PhaseTable& table, std::size_t most) {
     // A heap of the best so far, the least of them in front.
     std::vector<Block> best;
     history.held().for_each([&](const Block& block) {
         if (best.size() < most) {
             best.push_back(block);
-            std::push_heap(best.begin(), best.end(), before);
-        } else if (most != 0 && before(block, best.front())) {
-            std::pop_heap(best.begin(), best.end(), before);
+            std::push_heap(best.begin(), best.end(), larger);
+        } else if (most != 0 && larger(block, best.front())) {
+            std::pop_heap(best.begin(), best.end(), larger);
             best.back() = block;
-            std::push_heap(best.begin(), best.end(), before);
+            std::push_heap(best.begin(), best.end(), larger);
         }
     });
-    std::sort_heap(best.begin(), best.end(), before);
+    std::sort_heap(best.begin(), best.end(), larger);
     const std::vector<std::string> paths = history.phase_paths(table);
     std::vector<HeldBlock> result;
     for (const Block& block : best) {
-        result.push_back({block.address, block.size, block.number,
+        result.push_back({base, block.address, block.size, block.number,
                           history.threads().id(block.thread), paths[block.phase]});
     }
     return result;
+}
+
+std::vector<HeldBlock> largest_blocks(const std::vector<std::vector<HeldBlock>>& ranks,
+                                      std::size_t most) {
+    std::vector<HeldBlock> all;
+    for (const std::vector<HeldBlock>& rank : ranks) {
+        all.insert(all.end(), rank.begin(), rank.end());
+    }
+    std::stable_sort(all.begin(), all.end(),
+                     [](const HeldBlock& a, const HeldBlock& b) { return a.size > b.size; });
+    all.resize(std::min(all.size(), most));
+    return all;
 }
 
 std::vector<const PhaseFigures*> by_amount(const Figures& figures, ShareAmount amount) {
@@ -72,19 +100,26 @@ void write_phase_list(Json& json, const CommonOptions& options, const Figures& f
     json.end();
 }
 
-void write_blocks(Output& output, const std::vector<HeldBlock>& blocks, std::size_t of) {
+void write_blocks(Output& output, const CommonOptions& options,
+                  const std::vector<HeldBlock>& blocks, std::size_t of) {
     for (const HeldBlock& block : blocks) {
-        output.print("  %12s at %s  made by event %" PRIu64 ", thread %" PRId32 ", %s\n",
+        output.print("  %12s at %s  made by event %" PRIu64 ", thread %" PRId32 ", %s%s%s\n",
                      human_bytes(block.size).c_str(), address_text(block.address).c_str(),
-                     block.number, block.thread, block.phase.c_str());
+                     block.number, block.thread, block.phase.c_str(),
+                     options.bases.size() > 1 ? "  of " : "",
+                     options.bases.size() > 1 ? block.base.c_str() : "");
     }
     write_rest(output, blocks.size(), of);
 }
 
-void write_blocks(Json& json, const std::vector<HeldBlock>& blocks) {
+void write_blocks(Json& json, const CommonOptions& options, const std::vector<HeldBlock>& blocks) {
     json.array();
     for (const HeldBlock& block : blocks) {
-        json.compact().object().member("address", address_text(block.address));
+        json.compact().object();
+        if (options.bases.size() > 1) {
+            json.member("base", block.base);
+        }
+        json.member("address", address_text(block.address));
         json.member("bytes", block.size).member("event", block.number);
         json.member("thread", block.thread).member("phase", block.phase).end();
     }
@@ -118,11 +153,54 @@ void write_peak_line(Output& output, const std::vector<Figures>& ranks, const Fi
     }
 }
 
+void write_peak(Json& json, const CommonOptions& options, const Figures& all) {
+    json.key("peak").object().member("bytes", all.peak.bytes).member("blocks", all.peak.blocks);
+    if (options.bases.size() == 1 && all.peak.blocks != 0) {
+        const Figures::PeakEvent& at = all.peak_event;
+        json.member("event", at.number).member("type", type_name(at.type)).member("size", at.size);
+        json.member("thread", at.thread).member("phase", at.phase);
+    }
+    json.end();
+}
+
+void write_sizes(Output& output, const SizeFigures& sizes) {
+    std::uint64_t most = 1;
+    for (const Amount& bucket : sizes.requests) {
+        most = std::max(most, bucket.blocks);
+    }
+    for (std::size_t i = 0; i < SizeFigures::buckets; ++i) {
+        const Amount& bucket = sizes.requests[i];
+        if (bucket.blocks == 0) {
+            continue;
+        }
+        const Range range = bucket_range(i);
+        const auto bar = static_cast<std::size_t>(30.0 * static_cast<double>(bucket.blocks) /
+                                                  static_cast<double>(most));
+        output.print("  %14s - %-14s %12s  %12s  %s\n", grouped(range.from).c_str(),
+                     grouped(range.to).c_str(), grouped(bucket.blocks).c_str(),
+                     human_bytes(bucket.bytes).c_str(), std::string(bar, '#').c_str());
+    }
+}
+
+void write_sizes(Json& json, const SizeFigures& sizes) {
+    json.array();
+    for (std::size_t i = 0; i < SizeFigures::buckets; ++i) {
+        if (sizes.requests[i].blocks != 0) {
+            const Range range = bucket_range(i);
+            json.compact().object().member("from", range.from).member("to", range.to);
+            json.member("blocks", sizes.requests[i].blocks);
+            json.member("bytes", sizes.requests[i].bytes).end();
+        }
+    }
+    json.end();
+}
+
 void write_incomplete(Output& output, const Problems& problems) {
     if (problems.empty()) {
         return;
     }
-    output.print("INCOMPLETE: %zu problem%s with the files, told on standard error. Figures are of what could be "
+    output.print("INCOMPLETE: %zu problem%s with the files, told on standard error. Figures are of "
+                 "what could be "
                  "read.\n\n",
                  problems.size(), plural(problems.size()));
 }

@@ -5,15 +5,20 @@
 
 namespace memtrack {
 
-/// Blocks that were held at a moment, with their phases' paths.
+/// A block that was held at a moment.
 struct HeldBlock {
+    std::string base; ///< the rank
     std::uint64_t address = 0, size = 0, number = 0;
     std::int32_t thread = 0;
     std::string phase;
 };
 
 /// The largest of what `history` holds, largest first, older before younger.
-std::vector<HeldBlock> largest_blocks(const History& history, const PhaseTable& table, std::size_t most);
+std::vector<HeldBlock> largest_blocks(const std::string& base, const History& history,
+                                      const PhaseTable& table, std::size_t most);
+/// The same of several ranks' lists.
+std::vector<HeldBlock> largest_blocks(const std::vector<std::vector<HeldBlock>>& ranks,
+                                      std::size_t most);
 
 using ShareAmount = Amount ShareFigures::*; ///< at_peak or left
 
@@ -24,12 +29,17 @@ void write_phase_list(Output& output, const CommonOptions& options, const Figure
                       ShareAmount amount, std::uint64_t whole);
 void write_phase_list(Json& json, const CommonOptions& options, const Figures& figures,
                       ShareAmount amount);
-void write_blocks(Output& output, const std::vector<HeldBlock>& blocks, std::size_t of);
-void write_blocks(Json& json, const std::vector<HeldBlock>& blocks);
+void write_blocks(Output& output, const CommonOptions& options,
+                  const std::vector<HeldBlock>& blocks, std::size_t of);
+void write_blocks(Json& json, const CommonOptions& options, const std::vector<HeldBlock>& blocks);
 void write_amount(Json& json, std::string_view name, const Amount& amount);
 /// The line or lines that say what the peak was.
 void write_peak_line(Output& output, const std::vector<Figures>& ranks, const Figures& merged);
-/// "THE RESULT IS INCOMPLETE" and why, in front of a report.
+/// Member "peak" of the object that is open.
+void write_peak(Json& json, const CommonOptions& options, const Figures& all);
+void write_sizes(Output& output, const SizeFigures& sizes);
+void write_sizes(Json& json, const SizeFigures& sizes);
+/// Says in front of a report that it is incomplete, if it is.
 void write_incomplete(Output& output, const Problems& problems);
 /// "1.50 MiB (1 572 864 bytes) in 3 blocks"
 std::string amount_text(const Amount& amount);

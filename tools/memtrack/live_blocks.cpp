@@ -4,13 +4,13 @@
 namespace memtrack {
 
 void LiveBlocks::grow() {
-    std::vector<Block> entries(entries_.size() * 2);
-    entries_.swap(entries);
+    const Entries old = std::exchange(entries_, allocate(count_ * 2));
+    const std::size_t old_count = std::exchange(count_, count_ * 2);
     --shift_;
     most_ *= 2;
-    for (const Block& block : entries) {
-        if (block.address != 0) {
-            entries_[slot_of(block.address)] = block;
+    for (std::size_t i = 0; i < old_count; ++i) {
+        if (old[i].address != 0) {
+            entries_[slot_of(old[i].address)] = old[i];
         }
     }
 }

@@ -5,11 +5,12 @@
 #pragma once
 
 #include "platform/compiler.h"
+#include "platform/memory.h"
 
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <utility>
-#include <vector>
 
 namespace memtrack {
 
@@ -24,7 +25,7 @@ static_assert(sizeof(Block) == 32);
 
 class LiveBlocks {
 public:
-    LiveBlocks() : entries_(std::size_t{1} << first_bits) {}
+    LiveBlocks() : entries_(allocate(std::size_t{1} << first_bits)) {}
 
     std::size_t size() const { return size_; }
 
@@ -67,14 +68,12 @@ public:
     }
 
     /// Fetches what a coming search for this address will look at.
-    void prefetch(std::uint64_t address) const {
-        platform::prefetch(&entries_[home_of(address)]);
-    }
+    void prefetch(std::uint64_t address) const { platform::prefetch(&entries_[home_of(address)]); }
 
     template <class Each> void for_each(Each&& each) const {
-        for (const Block& block : entries_) {
-            if (block.address != 0) {
-                each(block);
+        for (std::size_t i = 0; i < count_; ++i) {
+            if (entries_[i].address != 0) {
+                each(entries_[i]);
             }
         }
     }
@@ -82,7 +81,16 @@ public:
 private:
     static constexpr int first_bits = 12;
 
-    std::size_t mask() const { return entries_.size() - 1; }
+    struct Free {
+        void operator()(Block* entries) const { platform::free_large(entries); }
+    };
+    using Entries = std::unique_ptr<Block[], Free>;
+    /// All empty: an entry of zeros is one. In large pages where the system has such: searches go all over it.
+    static Entries allocate(std::size_t count) {
+        return Entries(static_cast<Block*>(platform::allocate_large(count * sizeof(Block))));
+    }
+
+    std::size_t mask() const { return count_ - 1; }
     std::size_t next(std::size_t at) const { return (at + 1) & mask(); }
     std::size_t home_of(std::uint64_t address) const {
         return static_cast<std::size_t>((address * 0x9E3779B97F4A7C15U) >> shift_);
@@ -98,7 +106,8 @@ private:
 
     void grow();
 
-    std::vector<Block> entries_; // a power of two
+    std::size_t count_ = std::size_t{1} << first_bits; // a power of two
+    Entries entries_;
     std::size_t size_ = 0, most_ = (std::size_t{1} << first_bits) / 8 * 5;
     int shift_ = 64 - first_bits;
 };

@@ -9,10 +9,11 @@ int main(int argc, char** argv) {
     CLI::App app("Reads what a run recorded with KXA_MEM_TRACK set.", "memtrack");
     app.set_version_flag("-V,--version", "memtrack " MEMTRACK_VERSION);
     app.require_subcommand(1);
-    app.footer("BASE is the output name of a tracked run, with the folder; the name of one of its files\n"
-               "serves as well. Several are the ranks of one job.\n"
-               "Exit status: 0 done; 1 files are missing or damaged (what can be read is shown);\n"
-               "2 usage; 3 a limit of diff --fail-if is passed.");
+    app.footer(
+        "BASE is the output name of a tracked run, with the folder; the name of one of its files\n"
+        "serves as well. Several are the ranks of one job.\n"
+        "Exit status: 0 done; 1 files are missing or damaged (what can be read is shown);\n"
+        "2 usage; 3 a limit of diff --fail-if is passed.");
     Run run;
     for (const AddCommand add : commands()) {
         add(app, run);

@@ -71,7 +71,12 @@ namespace {
 std::size_t sequence_length(std::string_view text) {
     const auto byte = [&](std::size_t i) { return static_cast<unsigned char>(text[i]); };
     const unsigned char first = byte(0);
-    const std::size_t length = first < 0x80 ? 1 : first < 0xC2 ? 0 : first < 0xE0 ? 2 : first < 0xF0 ? 3 : first < 0xF5 ? 4 : 0;
+    const std::size_t length = first < 0x80   ? 1
+                               : first < 0xC2 ? 0
+                               : first < 0xE0 ? 2
+                               : first < 0xF0 ? 3
+                               : first < 0xF5 ? 4
+                                              : 0;
     if (length > text.size()) {
         return 0;
     }
@@ -221,7 +226,8 @@ std::string address_text(std::uint64_t address) {
 
 std::string percent(std::uint64_t part, std::uint64_t whole) {
     char text[24];
-    const double value = whole == 0 ? 0 : 100 * static_cast<double>(part) / static_cast<double>(whole);
+    const double value =
+        whole == 0 ? 0 : 100 * static_cast<double>(part) / static_cast<double>(whole);
     std::snprintf(text, sizeof text, "%.1f %%", value);
     return text;
 }

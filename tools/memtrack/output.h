@@ -90,10 +90,10 @@ std::string json_quoted(std::string_view text);
 /// Members "complete" and "problems" of the object that is open.
 void write_problems(Json& json, const Problems& problems);
 
-std::string grouped(std::uint64_t number);           ///< 1 234 567
-std::string human_bytes(std::uint64_t bytes);        ///< "512 bytes", "1.50 MiB"
-std::string address_text(std::uint64_t address);     ///< "0x00007f0012345678"
+std::string grouped(std::uint64_t number);                    ///< 1 234 567
+std::string human_bytes(std::uint64_t bytes);                 ///< "512 bytes", "1.50 MiB"
+std::string address_text(std::uint64_t address);              ///< "0x00007f0012345678"
 std::string percent(std::uint64_t part, std::uint64_t whole); ///< "12.3 %"
-const char* plural(std::uint64_t count);             ///< "" or "s"
+const char* plural(std::uint64_t count);                      ///< "" or "s"
 
 } // namespace memtrack

@@ -167,8 +167,7 @@ private:
 } // namespace
 
 OverTime take_over_time(const std::string& base, const OverTime::Limits& limits, Problems& problems,
-                        ByteCounter* counter,
-                        const std::function<void(const History&, const PhaseTable&)>& at_end) {
+                        ByteCounter* counter) {
     const PhaseTable table(base, problems);
     EventReader reader(base, problems, counter);
     OverTime result;
@@ -180,9 +179,6 @@ OverTime take_over_time(const std::string& base, const OverTime::Limits& limits,
     for (OverTime::Thread& thread : result.threads) {
         thread.spans = at_most(limits.spans, std::move(thread.spans), result.curve.last() + 1,
                                result.tree);
-    }
-    if (at_end) {
-        at_end(history, table);
     }
     return result;
 }

@@ -12,7 +12,6 @@
 
 #include <algorithm>
 #include <cstdint>
-#include <functional>
 #include <string>
 #include <vector>
 
@@ -109,9 +108,8 @@ struct OverTime {
     std::vector<Refusal> refusals;
 };
 
-/// Reads a whole run. `at_end` sees the state behind the last event.
+/// Reads a whole run.
 OverTime take_over_time(const std::string& base, const OverTime::Limits& limits, Problems& problems,
-                        ByteCounter* counter = nullptr,
-                        const std::function<void(const History&, const PhaseTable&)>& at_end = {});
+                        ByteCounter* counter = nullptr);
 
 } // namespace memtrack

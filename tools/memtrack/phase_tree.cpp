@@ -19,8 +19,7 @@ std::size_t PhaseTree::child(std::size_t parent, const std::string& name) {
 std::size_t PhaseTree::place(const std::string& path) {
     std::size_t node = PhaseNode::none, begin = 0;
     for (std::size_t depth = 1;; ++depth) {
-        const std::size_t end =
-            depth == most_depth ? std::string::npos : path.find("->", begin);
+        const std::size_t end = depth == most_depth ? std::string::npos : path.find("->", begin);
         node = child(node, path.substr(begin, end - begin));
         if (end == std::string::npos) {
             return node;

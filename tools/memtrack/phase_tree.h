@@ -21,9 +21,9 @@ struct PhaseNode {
     /// Of the blocks made in the phase: in itself, or in it and below.
     struct Of {
         Amount allocated;
-        Amount held;           ///< when the run ended: not released
+        Amount held;            ///< when the run ended: not released
         std::uint64_t high = 0; ///< most bytes held at a time
-        Amount at_exit;        ///< held when the phase was left last (or the run ended in it)
+        Amount at_exit;         ///< held when the phase was left last (or the run ended in it)
     };
 
     std::string name;
@@ -60,6 +60,7 @@ private:
 };
 
 /// Reads a whole run.
-PhaseTree take_phase_tree(const std::string& base, Problems& problems, ByteCounter* counter = nullptr);
+PhaseTree take_phase_tree(const std::string& base, Problems& problems,
+                          ByteCounter* counter = nullptr);
 
 } // namespace memtrack

@@ -170,8 +170,7 @@ PhaseTable::PhaseTable(const std::string& base, Problems& problems) {
                             "it when it ends its tracking"});
         return;
     }
-    const std::int32_t count =
-        file.records(name, 0, most_paths, path_record, "phases", problems);
+    const std::int32_t count = file.records(name, 0, most_paths, path_record, "phases", problems);
     // Paths are short and their places long: a first piece tells nearly all of them.
     constexpr std::size_t piece = 1020;
     std::vector<char> bytes(path_record);
@@ -227,9 +226,9 @@ bool read_phase_events(const std::string& base, std::int32_t thread, Problems& p
     for (const std::int32_t number : numbers) {
         const std::string name = start + std::to_string(number);
         if (number != expected) {
-            problems.push_back(
-                {start + std::to_string(expected), 0, "the file is missing before .phase_thr" +
-                     std::to_string(thread) + "_" + std::to_string(number)});
+            problems.push_back({start + std::to_string(expected), 0,
+                                "the file is missing before .phase_thr" + std::to_string(thread) +
+                                    "_" + std::to_string(number)});
         }
         expected = number + 1;
         RecordFile file(name);
@@ -237,8 +236,8 @@ bool read_phase_events(const std::string& base, std::int32_t thread, Problems& p
             problems.push_back({name, 0, "cannot be opened"});
             continue;
         }
-        const std::int32_t count = file.records(name, 1, full_phase_file, phase_event_bytes,
-                                                "phase events", problems);
+        const std::int32_t count =
+            file.records(name, 1, full_phase_file, phase_event_bytes, "phase events", problems);
         for (std::int32_t i = 0; i < count; ++i) {
             char bytes[phase_event_bytes];
             if (!file.read(bytes, sizeof bytes)) {

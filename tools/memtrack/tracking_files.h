@@ -81,7 +81,7 @@ private:
 
 /// One entry or exit of a phase, as a phase buffer wrote it.
 struct PhaseEvent {
-    std::string name; ///< of an entry
+    std::string name;             ///< of an entry
     std::int32_t transaction = 0; ///< id of the next one at that moment
     bool entering = true;
 };

@@ -1,4 +1,203 @@
+// memtrack diff: what changed between two runs, by phase, and a gate for continuous integration.
+#include "gates.h"
 #include "lists.h"
+
+#include <algorithm>
+#include <cinttypes>
+#include <map>
+
 namespace memtrack {
-void add_diff(CLI::App&, Run&) {}
+
+namespace {
+
+struct DiffOptions : CommonOptions {
+    std::vector<std::string> gates;
+};
+
+struct Change {
+    std::string path;
+    ShareFigures before, after;
+
+    std::uint64_t weight() const {
+        const auto apart = [](std::uint64_t a, std::uint64_t b) { return a > b ? a - b : b - a; };
+        return std::max(apart(before.at_peak.bytes, after.at_peak.bytes),
+                        apart(before.left.bytes, after.left.bytes));
+    }
+    bool is_none() const {
+        return before.at_peak == after.at_peak && before.left == after.left &&
+               before.allocated == after.allocated;
+    }
+};
+
+// Phases that changed, those with the largest change at the peak or left behind first.
+std::vector<Change> changes(const Figures& before, const Figures& after) {
+    std::map<std::string, Change> by_path;
+    for (const PhaseFigures& phase : before.phases) {
+        by_path[phase.path].before = phase;
+    }
+    for (const PhaseFigures& phase : after.phases) {
+        by_path[phase.path].after = phase;
+    }
+    std::vector<Change> result;
+    for (auto& [path, change] : by_path) {
+        change.path = path;
+        if (!change.is_none()) {
+            result.push_back(change);
+        }
+    }
+    std::stable_sort(result.begin(), result.end(),
+                     [](const Change& a, const Change& b) { return a.weight() > b.weight(); });
+    return result;
 }
+
+std::string signed_text(std::uint64_t before, std::uint64_t after, bool bytes) {
+    if (before == after) {
+        return "=";
+    }
+    const std::uint64_t apart = after > before ? after - before : before - after;
+    return (after > before ? "+" : "-") + (bytes ? human_bytes(apart) : grouped(apart));
+}
+
+std::string signed_percent(std::uint64_t before, std::uint64_t after) {
+    if (before == after || before == 0) {
+        return before == after ? "" : "from 0";
+    }
+    return (after > before ? "+" : "-") +
+           percent(after > before ? after - before : before - after, before);
+}
+
+struct Row {
+    const char* name;
+    const char* label;
+    bool bytes;
+    std::uint64_t (*get)(const Figures&);
+};
+constexpr Row rows[] = {
+    {"peak_bytes", "peak", true, [](const Figures& f) { return f.peak.bytes; }},
+    {"peak_blocks", "blocks at the peak", false, [](const Figures& f) { return f.peak.blocks; }},
+    {"left_bytes", "not released", true, [](const Figures& f) { return f.left.bytes; }},
+    {"left_blocks", "blocks not released", false, [](const Figures& f) { return f.left.blocks; }},
+    {"allocated_bytes", "allocated", true, [](const Figures& f) { return f.allocated.bytes; }},
+    {"allocated_blocks", "blocks allocated", false,
+     [](const Figures& f) { return f.allocated.blocks; }},
+    {"temporary", "temporary blocks", false, [](const Figures& f) { return f.temporary; }},
+    {"failed", "failed requests", false, [](const Figures& f) { return f.failed; }},
+    {"events", "events", false, [](const Figures& f) { return f.events; }},
+};
+
+void write_text(Output& output, const DiffOptions& options, const Figures& a, const Figures& b,
+                const std::vector<Change>& phases) {
+    output.print("A: %s\nB: %s\n\n%-20s %16s %16s %16s\n", a.base.c_str(), b.base.c_str(), "", "A",
+                 "B", "change");
+    for (const Row& row : rows) {
+        const std::uint64_t before = row.get(a), after = row.get(b);
+        const auto text = [&](std::uint64_t value) {
+            return row.bytes ? human_bytes(value) : grouped(value);
+        };
+        output.print("%-20s %16s %16s %16s  %s\n", row.label, text(before).c_str(),
+                     text(after).c_str(), signed_text(before, after, row.bytes).c_str(),
+                     signed_percent(before, after).c_str());
+    }
+    output.print("\nBy phase, what changed:\n%16s %16s %16s\n", "at the peak", "not released",
+                 "allocated");
+    const std::size_t shown = rows_shown(options, phases.size());
+    for (std::size_t i = 0; i < shown; ++i) {
+        const Change& change = phases[i];
+        const auto text = [&](Amount ShareFigures::*amount) {
+            return signed_text((change.before.*amount).bytes, (change.after.*amount).bytes, true);
+        };
+        output.print("%16s %16s %16s  %s\n", text(&ShareFigures::at_peak).c_str(),
+                     text(&ShareFigures::left).c_str(), text(&ShareFigures::allocated).c_str(),
+                     change.path.c_str());
+    }
+    if (phases.empty()) {
+        output.write("  nothing\n");
+    }
+    write_rest(output, shown, phases.size());
+}
+
+void write_json(Output& output, const DiffOptions& options, const Figures& a, const Figures& b,
+                const std::vector<Change>& phases, const std::vector<std::string>& failed,
+                const Problems& problems) {
+    Json json(output);
+    json.object();
+    write_problems(json, problems);
+    json.member("a", a.base).member("b", b.base).key("figures").object();
+    for (const Row& row : rows) {
+        json.key(row.name).compact().object();
+        json.member("a", row.get(a)).member("b", row.get(b)).end();
+    }
+    json.end().key("phases").array();
+    for (std::size_t i = 0; i < rows_shown(options, phases.size()); ++i) {
+        const Change& change = phases[i];
+        json.compact().object().member("phase", change.path);
+        for (const auto& [side, share] :
+             {std::pair("a", &change.before), std::pair("b", &change.after)}) {
+            json.key(side).object();
+            write_amount(json, "at_peak", share->at_peak);
+            write_amount(json, "left", share->left);
+            write_amount(json, "allocated", share->allocated);
+            json.end();
+        }
+        json.end();
+    }
+    json.end().key("failed_gates").compact().array();
+    for (const std::string& gate : failed) {
+        json.value(gate);
+    }
+    json.end().end();
+}
+
+int diff(const DiffOptions& options) {
+    const std::vector<Gate> gates(options.gates.begin(), options.gates.end());
+    Output output(options.output, options.force);
+    Problems problems;
+    const std::vector<Figures> runs = take_each(
+        options, problems, [](const std::string& base, Problems& found, ByteCounter* counter) {
+            return take_figures(base, found, counter);
+        });
+    std::vector<std::string> failed;
+    for (const Gate& gate : gates) {
+        if (gate.fails(runs[0], runs[1])) {
+            failed.push_back(gate.text());
+        }
+    }
+    const std::vector<Change> phases = changes(runs[0], runs[1]);
+    if (options.json) {
+        write_json(output, options, runs[0], runs[1], phases, failed, problems);
+    } else {
+        write_incomplete(output, problems);
+        write_text(output, options, runs[0], runs[1], phases);
+    }
+    output.finish(options.quiet);
+    for (const std::string& gate : failed) {
+        std::fprintf(stderr, "memtrack: --fail-if %s: %s is past it\n", gate.c_str(),
+                     runs[1].base.c_str());
+    }
+    // Figures of damaged files prove nothing, neither that a limit is kept nor that it is passed.
+    const int status = tell_problems(problems);
+    return status != done ? status : failed.empty() ? done : gate_failed;
+}
+
+} // namespace
+
+void add_diff(CLI::App& parent, Run& run) {
+    CLI::App* const command =
+        parent.add_subcommand("diff", "What changed from the first run to the second, by phase");
+    const auto options = std::make_shared<DiffOptions>();
+    options->add_bases(*command, 2, 2);
+    command
+        ->add_option(
+            "--fail-if", options->gates,
+            "FIGURE, FIGURE+5% or FIGURE+10MiB: exit status 3 if the second run has more by more "
+            "than that; may be repeated. Figures: " +
+                Gate::names())
+        ->take_all()
+        ->expected(1);
+    options->add_rows(*command);
+    options->add_json(*command);
+    options->add_output(*command);
+    command->callback([options, &run] { run = [options] { return diff(*options); }; });
+}
+
+} // namespace memtrack

@@ -23,18 +23,18 @@ std::vector<PageRun> take_runs(const CommonOptions& options, Problems& problems)
     in_parallel(readings * ranks, [&](std::size_t i) {
         const std::string& base = options.bases[i / readings];
         PageRun& run = runs[i / readings];
-        switch (i % readings) {
-        case 0: run.figures = take_figures(base, found[i], &progress); break;
-        case 1: run.tree = take_phase_tree(base, found[i], &progress); break;
-        default:
-            run.over_time = take_over_time(
-                base, limits.over_time, found[i], &progress,
-                [&](const History& history, const PhaseTable& table) {
-                    for (HeldBlock& block : largest_blocks(history, table, limits.left)) {
-                        run.left.push_back({block.address, block.size, block.number, block.thread,
-                                            std::move(block.phase)});
-                    }
-                });
+        if (i % readings == 0) {
+            const auto keep_left = [&](const History& history, const PhaseTable& table) {
+                for (HeldBlock& block : largest_blocks(base, history, table, limits.left)) {
+                    run.left.push_back({block.address, block.size, block.number, block.thread,
+                                        std::move(block.phase)});
+                }
+            };
+            run.figures = take_figures(base, found[i], &progress, keep_left);
+        } else if (i % readings == 1) {
+            run.tree = take_phase_tree(base, found[i], &progress);
+        } else {
+            run.over_time = take_over_time(base, limits.over_time, found[i], &progress);
         }
     });
     for (std::size_t i = 0; i < found.size(); i += readings) {

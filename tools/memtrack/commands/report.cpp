@@ -23,17 +23,6 @@ constexpr Metric metrics[] = {
     {"failed", "failed", false, [](const Figures& f) { return f.failed; }},
 };
 
-struct Range { // of a bucket of sizes
-    std::uint64_t from, to;
-};
-Range bucket_range(std::size_t bucket) {
-    if (bucket == 0) {
-        return {0, 0};
-    }
-    const std::uint64_t from = std::uint64_t{1} << (bucket - 1);
-    return {from, from + (from - 1)};
-}
-
 // --- as text ---
 
 void write_heading(Output& output, const std::vector<Figures>& ranks, const Figures& all) {
@@ -73,26 +62,6 @@ void write_totals(Output& output, const Figures& all) {
     }
 }
 
-void write_sizes(Output& output, const SizeFigures& sizes) {
-    std::uint64_t most = 1;
-    for (const Amount& bucket : sizes.requests) {
-        most = std::max(most, bucket.blocks);
-    }
-    output.print("\nSizes of requests, in bytes:\n");
-    for (std::size_t i = 0; i < SizeFigures::buckets; ++i) {
-        const Amount& bucket = sizes.requests[i];
-        if (bucket.blocks == 0) {
-            continue;
-        }
-        const Range range = bucket_range(i);
-        const auto bar = static_cast<std::size_t>(30.0 * static_cast<double>(bucket.blocks) /
-                                                  static_cast<double>(most));
-        output.print("  %14s - %-14s %12s  %12s  %s\n", grouped(range.from).c_str(),
-                     grouped(range.to).c_str(), grouped(bucket.blocks).c_str(),
-                     human_bytes(bucket.bytes).c_str(), std::string(bar, '#').c_str());
-    }
-}
-
 void write_threads(Output& output, const CommonOptions& options, const Figures& all) {
     std::vector<const ThreadFigures*> order;
     for (const ThreadFigures& thread : all.threads) {
@@ -101,8 +70,9 @@ void write_threads(Output& output, const CommonOptions& options, const Figures& 
     std::stable_sort(order.begin(), order.end(), [](const auto* a, const auto* b) {
         return a->allocated.bytes > b->allocated.bytes;
     });
-    output.print("\nBy thread:\n  thread       events    allocated   temporary  failed      at peak  not "
-                 "released  frees others' blocks\n");
+    output.print(
+        "\nBy thread:\n  thread       events    allocated   temporary  failed      at peak  not "
+        "released  frees others' blocks\n");
     const std::size_t shown = rows_shown(options, order.size());
     for (std::size_t i = 0; i < shown; ++i) {
         const ThreadFigures& thread = *order[i];
@@ -125,8 +95,8 @@ void write_ranks(Output& output, const std::vector<Figures>& ranks) {
             return metric.bytes ? human_bytes(value) : grouped(value);
         };
         output.print("  %-12s %12s %16s %16s  %s\n", metric.label, text(range.low).c_str(),
-                     text(static_cast<std::uint64_t>(range.mean)).c_str(),
-                     text(range.high).c_str(), ranks[range.high_rank].base.c_str());
+                     text(static_cast<std::uint64_t>(range.mean)).c_str(), text(range.high).c_str(),
+                     ranks[range.high_rank].base.c_str());
     }
 }
 
@@ -141,6 +111,7 @@ void write_text(Output& output, const CommonOptions& options, const std::vector<
     write_phase_list(output, options, all, &ShareFigures::at_peak, all.peak.bytes);
     output.print("\nNot released: %s\n", amount_text(all.left).c_str());
     write_phase_list(output, options, all, &ShareFigures::left, all.left.bytes);
+    output.print("\nSizes of requests, in bytes:\n");
     write_sizes(output, all.sizes);
     write_threads(output, options, all);
     if (ranks.size() > 1) {
@@ -159,7 +130,7 @@ void write_share(Json& json, const ShareFigures& share) {
     json.member("high_bytes", share.high);
 }
 
-void write_figures(Json& json, const Figures& all, bool merged) {
+void write_figures(Json& json, const CommonOptions& options, const Figures& all) {
     json.member("files", all.files).member("events", all.events);
     json.key("events_by_type").object();
     for (std::size_t i = 0; i < type_count; ++i) {
@@ -170,24 +141,10 @@ void write_figures(Json& json, const Figures& all, bool merged) {
     json.member("temporary", all.temporary).member("failed", all.failed);
     json.member("unknown_releases", all.unknown_releases);
     json.member("lost_releases", all.lost_releases);
-    json.key("peak").object().member("bytes", all.peak.bytes).member("blocks", all.peak.blocks);
-    if (!merged && all.peak.blocks != 0) {
-        const Figures::PeakEvent& at = all.peak_event;
-        json.member("event", at.number).member("type", type_name(at.type)).member("size", at.size);
-        json.member("thread", at.thread).member("phase", at.phase);
-    }
-    json.end();
+    write_peak(json, options, all);
     write_amount(json, "left", all.left);
-    json.key("sizes").array();
-    for (std::size_t i = 0; i < SizeFigures::buckets; ++i) {
-        if (all.sizes.requests[i].blocks != 0) {
-            const Range range = bucket_range(i);
-            json.compact().object().member("from", range.from).member("to", range.to);
-            json.member("blocks", all.sizes.requests[i].blocks);
-            json.member("bytes", all.sizes.requests[i].bytes).end();
-        }
-    }
-    json.end().key("phases").array();
+    write_sizes(json.key("sizes"), all.sizes);
+    json.key("phases").array();
     for (const PhaseFigures& phase : all.phases) {
         json.compact().object().member("phase", phase.path);
         write_share(json, phase);
@@ -203,12 +160,12 @@ void write_figures(Json& json, const Figures& all, bool merged) {
     json.end();
 }
 
-void write_json(Output& output, const std::vector<Figures>& ranks, const Figures& all,
-                const Problems& problems) {
+void write_json(Output& output, const CommonOptions& options, const std::vector<Figures>& ranks,
+                const Figures& all, const Problems& problems) {
     Json json(output);
     json.object();
     write_problems(json, problems);
-    write_figures(json, all, ranks.size() > 1);
+    write_figures(json, options, all);
     json.key("ranks").array();
     for (const Figures& rank : ranks) {
         json.compact().object().member("base", rank.base).member("complete", rank.complete);
@@ -231,10 +188,13 @@ void write_json(Output& output, const std::vector<Figures>& ranks, const Figures
 int report(const CommonOptions& options) {
     Output output(options.output, options.force);
     Problems problems;
-    const std::vector<Figures> ranks = take_each(options, problems, take_figures);
+    const std::vector<Figures> ranks = take_each(
+        options, problems, [](const std::string& base, Problems& found, ByteCounter* counter) {
+            return take_figures(base, found, counter);
+        });
     const Figures all = merge(ranks);
     if (options.json) {
-        write_json(output, ranks, all, problems);
+        write_json(output, options, ranks, all, problems);
     } else {
         write_text(output, options, ranks, all, problems);
     }
@@ -246,7 +206,8 @@ int report(const CommonOptions& options) {
 
 void add_report(CLI::App& parent, Run& run) {
     CLI::App* const command = parent.add_subcommand(
-        "report", "Events, the peak and what held it, what was not released, sizes, threads, ranks");
+        "report",
+        "Events, the peak and what held it, what was not released, sizes, threads, ranks");
     const auto options = std::make_shared<CommonOptions>();
     options->add_all(*command);
     command->callback([options, &run] { run = [options] { return report(*options); }; });

@@ -83,11 +83,12 @@ function showSpread() {
     const rows = rankColumns.map(({name, label, kind, get}) => {
         const values = runs.map((run) => Number(get(run)));
         const text = kind === "bytes" ? humanBytes : grouped;
+        const mean = values.reduce((sum, value) => sum + value / runs.length, 0);
         const low = Math.min(...values), high = Math.max(...values);
         const of = (value) => runs[values.indexOf(value)].base;
         const row = make("tr", {}, make("th", {className: "text", scope: "row"}, label),
             make("td", {title: of(low)}, text(low)),
-            make("td", {}, text(values.reduce((sum, value) => sum + value, 0) / runs.length)),
+            make("td", {}, kind === "bytes" || Number.isInteger(mean) ? text(mean) : mean.toFixed(1)),
             make("td", {}, text(high)), make("td", {className: "text path"}, of(high)));
         row.dataset.spread = name;
         return row;

@@ -15,6 +15,4 @@ int error_columns() {
     return ioctl(STDERR_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col != 0 ? size.ws_col : 80;
 }
 
-void use_binary_output() {}
-
 } // namespace memtrack::platform

@@ -1,7 +1,6 @@
 // See terminal.h.
 #include "terminal.h"
 
-#include <fcntl.h>
 #include <io.h>
 #include <stdio.h>
 #include <windows.h>
@@ -16,10 +15,6 @@ int error_columns() {
     CONSOLE_SCREEN_BUFFER_INFO info{};
     const HANDLE handle = GetStdHandle(STD_ERROR_HANDLE);
     return GetConsoleScreenBufferInfo(handle, &info) != 0 ? info.dwSize.X : 80;
-}
-
-void use_binary_output() {
-    _setmode(_fileno(stdout), _O_BINARY);
 }
 
 } // namespace memtrack::platform

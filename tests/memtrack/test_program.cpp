@@ -1,0 +1,210 @@
+// The program as a user calls it: what its commands tell of a small run whose figures are known, exit
+// statuses, output files, and JSON that a strict reader takes.
+#include "json.h"
+#include "recording.h"
+
+#include <gtest/gtest.h>
+
+namespace {
+
+using memtrack::no_size;
+using test::JsonValue;
+
+class Program : public testing::Test {
+protected:
+    std::string folder_ = test::scratch_folder("program");
+    std::string base_ = folder_ + "run";
+
+    void SetUp() override { write(base_, 1000); }
+
+    // 1000 bytes of "work" and 24 of the root are held at the peak, `left` and 24 at the end.
+    static void write(const std::string& base, std::uint64_t left) {
+        test::write_recording(base,
+                              {
+                                  {0x1000, 0, Type::malloc_, 0, 24, 0, 0},
+                                  {0x2000, 0, Type::calloc_, 1, left / 2, 1, 2},
+                                  {0x3000, 0x2000, Type::realloc_, 2, left, 1, 2},
+                                  {0x4000, 0, Type::malloc_, 3, 5000, 0, 1},
+                                  {0x4000, 0, Type::free_, 4, no_size, 1, -1},
+                                  {0, 0, Type::malloc_, 5, 1 << 30, 0, 1},
+                                  {0x1000, 0, Type::release, 6, no_size, 0, 0},
+                              },
+                              {"ROOT", "ROOT->q\"uo\\te\x01\xff", "ROOT->w\xc3\xb6rk"});
+    }
+
+    test::ChildResult call(std::vector<std::string> arguments) const {
+        return test::run_child({MEMTRACK_PROGRAM, std::move(arguments), {}});
+    }
+    JsonValue json(std::vector<std::string> arguments, int status = 0) const {
+        arguments.emplace_back("--json");
+        const test::ChildResult run = call(arguments);
+        EXPECT_EQ(run.exit_code, status) << run.err;
+        EXPECT_TRUE(status != 0 || run.err.empty()) << run.err;
+        return test::read_json(run.out);
+    }
+    std::string events(std::vector<std::string> filter) const {
+        filter.insert(filter.begin(), {"events", base_});
+        std::string numbers;
+        const JsonValue all = json(filter);
+        for (const JsonValue& event : all["events"].items) {
+            numbers += event["event"].text;
+        }
+        return numbers;
+    }
+    using Type = memtrack::Type;
+};
+
+TEST_F(Program, TellsTheFiguresOfARun) {
+    const JsonValue report = json({"report", base_});
+    EXPECT_TRUE(report["complete"].flag);
+    EXPECT_EQ(report["events"].text, "7");
+    EXPECT_EQ(report["events_by_type"]["malloc"].text, "3");
+    EXPECT_EQ(report["peak"]["bytes"].text, "6024");
+    EXPECT_EQ(report["peak"]["event"].text, "3");
+    EXPECT_EQ(report["peak"]["phase"].text, "ROOT->q\\\"uo\\\\te\\u0001\xEF\xBF\xBD");
+    EXPECT_EQ(report["left"]["bytes"].text, "1024");
+    EXPECT_EQ(report["temporary"].text, "1");
+    EXPECT_EQ(report["failed"].text, "1");
+    EXPECT_EQ(report["sizes"][0]["from"].text, "16");
+    EXPECT_EQ(report["sizes"][0]["to"].text, "31");
+    EXPECT_EQ(report["threads"][1]["released_foreign"].text, "1");
+
+    const JsonValue leaks = json({"leaks", base_});
+    EXPECT_EQ(leaks["phases"][0]["phase"].text, "ROOT->w\xc3\xb6rk");
+    EXPECT_EQ(leaks["blocks"][0]["address"].text, "0x000000003000");
+    EXPECT_EQ(leaks["blocks"].items.size(), 2U);
+    EXPECT_EQ(json({"leaks", base_, "-n", "1"})["blocks"].items.size(), 1U);
+
+    const JsonValue peak = json({"peak", base_});
+    EXPECT_EQ(peak["blocks"].items.size(), 3U);
+    EXPECT_EQ(peak["blocks"][0]["bytes"].text, "5000");
+    EXPECT_EQ(peak["sizes"].items.size(), 3U);
+
+    const JsonValue phases = json({"phases", base_});
+    const JsonValue& root = phases["phases"][0];
+    EXPECT_EQ(root["own"]["left"]["bytes"].text, "24");
+    EXPECT_EQ(root["with_below"]["allocated"]["bytes"].text, "6524");
+    EXPECT_EQ(root["children"][0]["peak_within_bytes"].text, "1024");
+    EXPECT_EQ(root["children"][1]["held_at_entry_bytes"].text, "1024");
+
+    const test::ChildResult text = call({"report", base_ + ".memT0"});
+    for (const char* words : {"7 events in 1 file, 2 threads, 3 phases\n",
+                              "Not released: 1.00 KiB (1 024 bytes) in 2 blocks\n",
+                              "  1000 bytes   97.7 %            1 block   ROOT->w\xc3\xb6rk\n"}) {
+        EXPECT_NE(text.out.find(words), std::string::npos) << words << text.out;
+    }
+}
+
+TEST_F(Program, FiltersEvents) {
+    EXPECT_EQ(events({}), "0123456");
+    EXPECT_EQ(events({"--id", "2..4"}), "234");
+    EXPECT_EQ(events({"--id", "5.."}), "56");
+    EXPECT_EQ(events({"--thread", "1"}), "124");
+    EXPECT_EQ(events({"--type", "free,realloc", "--type", "calloc"}), "124");
+    EXPECT_EQ(events({"--phase", "ROOT->w\xc3\xb6rk"}), "12");
+    EXPECT_EQ(events({"--phase", "ROOT"}), "0123456"); // the free by its block
+    EXPECT_EQ(events({"--address", "0x2000"}), "12");
+    EXPECT_EQ(events({"--size", "1000..5KiB"}), "234");
+    EXPECT_EQ(events({"-n", "2", "--type", "malloc"}), "03");
+    const JsonValue block = json({"block", "0x2001", base_});
+    EXPECT_EQ(block["events"].items.size(), 2U);
+    EXPECT_FALSE(block["held"].flag);
+    EXPECT_TRUE(json({"block", "0x33e7", base_})["held"].flag);
+    EXPECT_TRUE(json({"block", "0x33e8", base_})["events"].items.empty());
+    EXPECT_NE(call({"block", "4096", base_}).out.find("Not released: 24 bytes at 0x000000001000"),
+              std::string::npos);
+}
+
+TEST_F(Program, ComparesRunsAndKeepsAGate) {
+    const std::string other = folder_ + "other";
+    write(other, 1100);
+    const JsonValue diff = json({"diff", base_, other});
+    EXPECT_EQ(diff["figures"]["peak_bytes"]["b"].text, "6124");
+    EXPECT_EQ(diff["phases"].items.size(), 1U);
+    EXPECT_EQ(diff["phases"][0]["a"]["left"]["bytes"].text, "1000");
+    const auto status = [&](const std::string& a, const std::string& b, const std::string& gate) {
+        const test::ChildResult run = call({"diff", a, b, "--fail-if", gate});
+        EXPECT_EQ(run.err.find(gate) != std::string::npos, run.exit_code != 0) << run.err;
+        return run.exit_code;
+    };
+    EXPECT_EQ(status(base_, other, "leaks"), 3);
+    EXPECT_EQ(status(other, base_, "leaks"), 0);
+    EXPECT_EQ(status(base_, base_, "leaks"), 0);
+    EXPECT_EQ(status(base_, other, "peak+1%"), 3);
+    EXPECT_EQ(status(base_, other, "peak+2%"), 0);
+    EXPECT_EQ(status(base_, other, "peak+99"), 3);
+    EXPECT_EQ(status(base_, other, "peak+1KiB"), 0);
+    EXPECT_EQ(status(base_, other, "speed+1%"), 2);
+    EXPECT_EQ(status(base_, other, "peak+x%"), 2);
+    EXPECT_EQ(json({"diff", base_, other, "--fail-if", "peak+50%", "--fail-if", "leaks"},
+                   3)["failed_gates"][0]
+                  .text,
+              "leaks");
+    EXPECT_EQ(call({"diff", base_, folder_ + "none", "--fail-if", "leaks"}).exit_code, 1);
+}
+
+TEST_F(Program, MergesRanks) {
+    const std::string other = folder_ + "other";
+    write(other, 2000);
+    const JsonValue report = json({"report", base_, other});
+    EXPECT_EQ(report["events"].text, "14");
+    EXPECT_EQ(report["left"]["bytes"].text, "3048");
+    EXPECT_EQ(report["phases"].items.size(), 3U);
+    const JsonValue& left = report["over_ranks"]["left_bytes"];
+    EXPECT_EQ(left["minimum"].text + " " + left["mean"].text + " " + left["maximum"].text,
+              "1024 1524 2024");
+    EXPECT_EQ(left["maximum_of"].text, test::read_json("\"" + other + "\"").text);
+    EXPECT_EQ(json({"phases", base_, other})["phases"][0]["events"].text, "4");
+    const JsonValue leaks = json({"leaks", base_, other});
+    EXPECT_EQ(leaks["blocks"][0]["bytes"].text, "2000");
+    EXPECT_EQ(leaks["blocks"].items.size(), 4U);
+    EXPECT_NE(call({"report", base_, other}).out.find("\nOver 2 ranks:"), std::string::npos);
+}
+
+TEST_F(Program, WritesFilesAndRefusesToWriteOver) {
+    const std::string file = folder_ + "out.json";
+    test::ChildResult run = call({"report", base_, "--json", "-o", file});
+    EXPECT_EQ(run.exit_code, 0);
+    EXPECT_EQ(run.out, "");
+    EXPECT_EQ(run.err, "Wrote " + file + "\n");
+    const auto size = std::filesystem::file_size(file);
+    run = call({"leaks", base_, "-o", file});
+    EXPECT_EQ(run.exit_code, 2);
+    EXPECT_NE(run.err.find(file + " is there already"), std::string::npos) << run.err;
+    EXPECT_EQ(std::filesystem::file_size(file), size);
+    run = call({"leaks", base_, "-q", "-o", file, "--force"});
+    EXPECT_EQ(run.exit_code, 0);
+    EXPECT_EQ(run.err, "");
+    EXPECT_NE(std::filesystem::file_size(file), size);
+    EXPECT_EQ(call({"leaks", base_, "-o", folder_ + "no/such/folder"}).exit_code, 2);
+}
+
+TEST_F(Program, KnowsItsUsage) {
+    for (const auto& arguments : std::vector<std::vector<std::string>>{
+             {},
+             {"report"},
+             {"nothing", base_},
+             {"report", base_, "--nothing"},
+             {"diff", base_},
+             {"block", "here", base_},
+             {"block", "0", base_},
+             {"events", base_, "--id", "9..5"},
+             {"events", base_, "--size", "99999999999GiB"},
+             {"events", base_, "--type", "mmap"},
+             {"events", base_, base_},
+         }) {
+        const test::ChildResult run = call(arguments);
+        EXPECT_EQ(run.exit_code, 2) << run.out;
+        EXPECT_FALSE(run.err.empty());
+        EXPECT_EQ(run.out, "");
+    }
+    const test::ChildResult help = call({"--help"});
+    EXPECT_EQ(help.exit_code, 0);
+    for (const char* command : {"report", "leaks", "peak", "phases", "events", "block", "diff"}) {
+        EXPECT_NE(help.out.find(std::string("\n  ") + command), std::string::npos);
+        EXPECT_EQ(call({command, "--help"}).exit_code, 0);
+    }
+    EXPECT_EQ(call({"--version"}).out, "memtrack " MEMTRACK_VERSION "\n");
+}
+
+} // namespace
