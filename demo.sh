@@ -96,8 +96,9 @@ echo "== the heap, with every allocation recorded in files, and what memtrack re
 rm -f demo-output/beam.memT* demo-output/beam.phaseStack
 KXA_MEM_TRACK=1 KXA_MEM_OUTPUTDIR=demo-output "$program" --backend heap --tracking beam "$mesh" |
     grep '^Tracking'
-build/linux/bin/memtrack demo-output/beam
-echo "Every event, a line each: build/linux/bin/memtrack events demo-output/beam"
+build/linux/bin/memtrack report -n 5 demo-output/beam
+echo
+echo "More of it, each with --help: build/linux/bin/memtrack leaks | peak | phases | events | block | diff"
 
 echo
 echo "All containers, operators new and Fortran work arrays of these runs drew on the library."

@@ -90,16 +90,22 @@ private:
             const std::uint64_t kind = (chance >> 40) % 64;
             held.size = kind < 50   ? 16 + (chance >> 48) % 240
                         : kind < 62 ? 256 + (chance >> 48) % 8192
-                                    : 65536 + (chance >> 48) % 1000000;
+                                    : 65536 + (chance >> 46);
             held.address = address_for(held.size);
             record(held.address, 0, kind == 63 ? calloc_ : malloc_, held.size, thread);
         }
     }
 
-    template <class Word> void put(Word value) {
-        char raw[sizeof value];
-        std::memcpy(raw, &value, sizeof raw);
-        bytes_.insert(bytes_.end(), raw, raw + sizeof raw);
+    struct Record {
+        std::uint64_t pointer, old;
+        std::int32_t type, id;
+        std::uint64_t size;
+        std::int32_t thread, phase;
+    };
+    static_assert(sizeof(Record) == record_bytes);
+
+    template <class Value> void put(const Value& value) {
+        bytes_.append(reinterpret_cast<const char*>(&value), sizeof value);
     }
 
     void record(std::uint64_t pointer, std::uint64_t old, std::int32_t type, std::uint64_t size,
@@ -107,13 +113,8 @@ private:
         if (bytes_.empty()) {
             put(std::int32_t{0}); // the count, set when the file is whole
         }
-        put(pointer);
-        put(old);
-        put(type);
-        put(static_cast<std::int32_t>(written_++));
-        put(size);
-        put(thread);
-        put(static_cast<std::int32_t>(phase_));
+        const auto id = static_cast<std::int32_t>(written_++);
+        put(Record{pointer, old, type, id, size, thread, phase_});
         if (bytes_.size() == 4 + full_file * record_bytes) {
             flush();
         }
@@ -151,15 +152,14 @@ private:
         put(std::int32_t{phases});
         for (std::int32_t i = 0; i < phases; ++i) {
             put(i);
-            const std::size_t begin = bytes_.size();
-            bytes_.resize(begin + 131072);
-            std::memcpy(bytes_.data() + begin, paths[i], std::strlen(paths[i]));
+            bytes_ += paths[i];
+            bytes_.append(131072 - std::strlen(paths[i]), '\0');
         }
         write_file(base_ + ".phaseStack");
     }
 
     std::string base_;
-    std::vector<char> bytes_;
+    std::string bytes_;
     std::vector<Held> live_;
     std::vector<std::uint64_t> free_addresses_[4];
     std::uint64_t state_ = 88172645463325252U, end_ = 0x7f0000000010U, written_ = 0;

@@ -50,7 +50,7 @@ need_packages() {
 }
 
 need_build_packages() {
-    need_packages g++ gfortran cmake ninja-build
+    need_packages g++ gfortran cmake ninja-build libcli11-dev
 }
 
 need_test_packages() {

@@ -61,12 +61,13 @@ void write_files(const std::string& base, Input& input) {
         case 1:
             write_bytes(base + ".phase_thr1_" + number, input.some(input.byte() * 8));
             break;
-        case 2: // a whole file, so that one behind it is read
-            write_transactions(base + ".memT" + number, memtrack::full_file,
-                               Events(memtrack::full_file));
-            break;
         default:
-            write_bytes(base + ".memT" + number, input.some(input.byte() * 8));
+            if (which == 255) { // a whole file, so that one behind it is read
+                write_transactions(base + ".memT0", memtrack::full_file,
+                                   Events(memtrack::full_file));
+            } else {
+                write_bytes(base + ".memT" + number, input.some(input.byte() * 8));
+            }
         }
     }
 }

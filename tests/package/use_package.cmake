@@ -40,7 +40,7 @@ foreach(program c_client cxx_client global_new_client fortran_client)
 endforeach()
 
 run(COMMAND ${EMULATOR} ${WORK}/prefix/bin/memtrack${suffix} --help OUTPUT out)
-if(NOT out MATCHES "^Usage: memtrack")
+if(NOT out MATCHES "Usage: .*memtrack")
   message(FATAL_ERROR "memtrack printed '${out}'")
 endif()
 

@@ -23,7 +23,7 @@ struct Stretch { // of good records with consecutive numbers
 };
 
 struct Slot {
-    std::vector<Transaction> records = std::vector<Transaction>(slot_records);
+    std::vector<Transaction> records; // as many as were ever wanted
     std::vector<Stretch> stretches;
     Problems problems;
     std::int32_t file = 0;
@@ -180,6 +180,9 @@ bool Producer::fill(Slot& slot) {
         return false;
     }
     const auto wanted = std::min(static_cast<std::size_t>(claimed_ - read_), slot_records);
+    if (slot.records.size() < wanted) {
+        slot.records.resize(wanted);
+    }
     slot.offset = count_bytes + static_cast<std::uint64_t>(read_) * sizeof(Transaction);
     const std::size_t bytes =
         std::fread(slot.records.data(), 1, wanted * sizeof(Transaction), file_.get());
