@@ -7,9 +7,11 @@ HeldCurve::HeldCurve(std::size_t most) : most_(most) {
     stretches_.reserve(most);
 }
 
-// Makes place for this event. True when its stretch is a new one; it is not when others became wider.
+// Makes place for this event. True when its stretch begins with it; it does not when others became wider, or
+// when events before it are missing.
 bool HeldCurve::begin(std::uint64_t number) {
-    if (stretches_.empty()) {
+    const bool first = stretches_.empty();
+    if (first) {
         first_ = number;
     }
     while ((number - first_) >> shift_ >= most_) {
@@ -20,7 +22,7 @@ bool HeldCurve::begin(std::uint64_t number) {
     }
     const Stretch still = {{bytes_, bytes_}, {blocks_, blocks_}};
     stretches_.resize(((number - first_) >> shift_) + 1, still);
-    return true;
+    return first || number == last_ + 1 || (number - first_) % width() == 0;
 }
 
 void HeldCurve::halve() {
@@ -61,7 +63,9 @@ std::uint32_t common_phase(const PhaseTree& tree, std::uint32_t a, std::uint32_t
 
 std::vector<PhaseSpan> coarser(const std::vector<PhaseSpan>& spans, std::uint64_t end,
                                std::uint64_t width, const PhaseTree& tree) {
-    const auto end_of = [&](std::size_t i) { return i + 1 < spans.size() ? spans[i + 1].from : end; };
+    const auto end_of = [&](std::size_t i) {
+        return i + 1 < spans.size() ? spans[i + 1].from : end;
+    };
     const auto is_short = [&](std::size_t i) { return end_of(i) - spans[i].from < width; };
     std::vector<PhaseSpan> result;
     for (std::size_t i = 0; i < spans.size();) {
@@ -101,8 +105,8 @@ namespace {
 
 class OverTimeWatcher : public Watcher {
 public:
-    OverTimeWatcher(const History& history, const PhaseTable& table,
-                    const OverTime::Limits& limits, OverTime& result)
+    OverTimeWatcher(const History& history, const PhaseTable& table, const OverTime::Limits& limits,
+                    OverTime& result)
         : history_(history), table_(table), limits_(limits), result_(result) {}
 
     void refused(const Event& event) {
@@ -119,10 +123,22 @@ public:
         }
     }
 
+    // What came last is as coarse then as what came first.
+    void finish() {
+        const std::uint64_t end = result_.curve.last() + 1;
+        for (std::size_t i = 0; i < result_.threads.size(); ++i) {
+            std::vector<PhaseSpan>& spans = result_.threads[i].spans;
+            if (at_[i].width > 1) {
+                spans = coarser(spans, end, at_[i].width, result_.tree);
+            }
+            spans = at_most(limits_.spans, std::move(spans), end, result_.tree);
+        }
+    }
+
 private:
     struct At {
         std::uint32_t phase = no_phase;
-        std::uint64_t width = 1; // of what its spans were made coarser with
+        std::uint64_t width = 1; // that its spans were made coarser with
     };
 
     void arrive(const Event& event) {
@@ -176,10 +192,7 @@ OverTime take_over_time(const std::string& base, const OverTime::Limits& limits,
     OverTimeWatcher watcher(history, table, limits, result);
     history.replay(reader, watcher);
     history.tell(reader, problems);
-    for (OverTime::Thread& thread : result.threads) {
-        thread.spans = at_most(limits.spans, std::move(thread.spans), result.curve.last() + 1,
-                               result.tree);
-    }
+    watcher.finish();
     return result;
 }
 

@@ -68,7 +68,8 @@ private:
 
 /// From event `from` on to the next span (or the run's end) a thread was in this phase or in one below it.
 struct PhaseSpan {
-    static constexpr std::uint32_t several = ~std::uint32_t{0}; ///< phases with nothing above them all
+    static constexpr std::uint32_t several =
+        ~std::uint32_t{0}; ///< phases with nothing above them all
 
     std::uint64_t from = 0;
     std::uint32_t node = several; ///< of a PhaseTree

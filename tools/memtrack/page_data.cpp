@@ -262,9 +262,11 @@ void write_phases(Packed& data, const std::vector<PagePhase>& phases) {
         return phase.parent == PhaseNode::none ? std::int64_t{-1}
                                                : static_cast<std::int64_t>(phase.parent);
     });
-    write_shares(data, phases, [](const PagePhase& phase) -> const ShareFigures& { return phase.own; });
+    write_shares(data, phases,
+                 [](const PagePhase& phase) -> const ShareFigures& { return phase.own; });
     write_column(data, "entries", phases, [](const PagePhase& phase) { return phase.entries; });
-    write_column(data, "peakWithin", phases, [](const PagePhase& phase) { return phase.peak_within; });
+    write_column(data, "peakWithin", phases,
+                 [](const PagePhase& phase) { return phase.peak_within; });
     data.close();
 }
 
@@ -350,7 +352,8 @@ void write_spans(Packed& data, const OverTime& over_time, std::size_t most, Page
     for (const OverTime::Thread& thread : over_time.threads) {
         Varints values;
         std::uint64_t before = 0;
-        for (const PhaseSpan& span : at_most(share, thread.spans, over_time.curve.last() + 1, over_time.tree)) {
+        for (const PhaseSpan& span :
+             at_most(share, thread.spans, over_time.curve.last() + 1, over_time.tree)) {
             values.add(span.from - before);
             values.add(span.node == PhaseSpan::several ? 0 : nodes[span.node] + 1);
             before = span.from;

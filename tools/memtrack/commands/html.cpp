@@ -45,7 +45,8 @@ std::vector<PageRun> take_runs(const CommonOptions& options, Problems& problems)
 
 int html(const CommonOptions& options) {
     if (page_template.head.empty()) {
-        throw UsageError("this memtrack was built without html: its page needs npm when it is built");
+        throw UsageError(
+            "this memtrack was built without html: its page needs npm when it is built");
     }
     Output output(options.output, options.force);
     Problems problems;
@@ -61,7 +62,8 @@ int html(const CommonOptions& options) {
 
 void add_html(CLI::App& parent, Run& run) {
     CLI::App* const command = parent.add_subcommand(
-        "html", "A page for a browser, whole in one file: the run over its events, phases, threads, ranks");
+        "html",
+        "A page for a browser, whole in one file: the run over its events, phases, threads, ranks");
     const auto options = std::make_shared<CommonOptions>();
     options->add_bases(*command);
     options->add_output(*command);
