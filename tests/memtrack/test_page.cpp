@@ -22,8 +22,8 @@ HeldCurve::Range range_of(const std::vector<std::uint64_t>& held, std::uint64_t 
 }
 
 TEST(Page, curves_keep_lowest_and_highest_values) {
-    for (const std::size_t most : {2, 16, 64}) {
-        for (const std::size_t events : {1, 2, 15, 16, 17, 1000, 5003}) {
+    for (const std::size_t most : {2U, 16U, 64U}) {
+        for (const std::size_t events : {1U, 2U, 15U, 16U, 17U, 1000U, 5003U}) {
             constexpr std::uint64_t first = 131072; // as where files are missing
             std::mt19937 random(static_cast<unsigned>(events));
             HeldCurve curve(most);
@@ -115,7 +115,7 @@ PageRun worst_run(std::size_t ranks, unsigned seed) {
 }
 
 TEST(Page, data_are_bounded_and_cannot_end_their_element) {
-    for (const std::size_t ranks : {1, 7, 1000}) {
+    for (const std::size_t ranks : {1U, 7U, 1000U}) {
         std::vector<PageRun> runs;
         for (std::size_t i = 0; i < ranks; ++i) {
             runs.push_back(worst_run(ranks, static_cast<unsigned>(i)));

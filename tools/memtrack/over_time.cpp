@@ -93,7 +93,7 @@ std::vector<PhaseSpan> coarser(const std::vector<PhaseSpan>& spans, std::uint64_
 
 std::vector<PhaseSpan> at_most(std::size_t most, std::vector<PhaseSpan> spans, std::uint64_t end,
                                const PhaseTree& tree) {
-    for (std::uint64_t width = 2; spans.size() > most; width *= 2) {
+    for (std::uint64_t width = 2; spans.size() > std::max<std::size_t>(most, 1); width *= 2) {
         spans = coarser(spans, end, width, tree);
     }
     return spans;

@@ -350,6 +350,9 @@ void write_spans(Packed& data, const OverTime& over_time, std::size_t most, Page
     }
     data.key("spans").open('[');
     for (const OverTime::Thread& thread : over_time.threads) {
+        if (thread.spans.empty()) { // it only freed, so its phases are not known
+            continue;
+        }
         Varints values;
         std::uint64_t before = 0;
         for (const PhaseSpan& span :
