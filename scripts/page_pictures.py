@@ -15,7 +15,7 @@ for argument in ("--headless=new", "--no-sandbox", "--disable-gpu", "--hide-scro
     options.add_argument(argument)
 browser = webdriver.Chrome(options=options, service=Service(shutil.which("chromedriver")))
 try:
-    for name, theme, height, top in (("page", "light", 860, "title"),
+    for name, theme, height, top in (("page", "light", 860, "head"),
                                      ("page-dark", "dark", 760, "by-phase")):
         browser.execute_cdp_cmd("Emulation.setDeviceMetricsOverride", {
             "width": 1200, "height": height, "deviceScaleFactor": 1, "mobile": False})

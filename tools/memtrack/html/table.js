@@ -69,8 +69,8 @@ class Table {
     }
     render() {
         const rows = this.chosen();
-        this.count.textContent = rows.length === this.rows.length ? `${grouped(rows.length)} rows`
-            : `${grouped(rows.length)} of ${grouped(this.rows.length)} rows`;
+        this.count.textContent = rows.length === this.rows.length ? counted(rows.length, "row")
+            : `${grouped(rows.length)} of ${counted(this.rows.length, "row")}`;
         this.columns.forEach((column, i) => this.heads[i].setAttribute("aria-sort",
             column.name !== this.sort ? "none" : this.falling ? "descending" : "ascending"));
         this.heads.forEach((head, i) => head.firstChild.textContent = this.columns[i].label +
