@@ -51,6 +51,7 @@ std::string phase_table(Input& input) {
 }
 
 void write_files(const std::string& base, Input& input) {
+    bool has_full_file = false; // once: it is large
     while (input.is_left()) {
         const unsigned which = input.byte();
         const std::string number = std::to_string(which / 8 % 4);
@@ -59,14 +60,15 @@ void write_files(const std::string& base, Input& input) {
             write_bytes(base + ".phaseStack", phase_table(input));
             break;
         case 1:
-            write_bytes(base + ".phase_thr1_" + number, input.some(input.byte() * 8));
+            write_bytes(base + ".phase_thr1_" + number, input.some(4 + input.byte() * 8));
             break;
         default:
-            if (which == 255) { // a whole file, so that one behind it is read
+            if (which == 255 && !has_full_file) { // so that a file behind it is read
+                has_full_file = true;
                 write_transactions(base + ".memT0", memtrack::full_file,
                                    Events(memtrack::full_file));
             } else {
-                write_bytes(base + ".memT" + number, input.some(input.byte() * 8));
+                write_bytes(base + ".memT" + number, input.some(4 + input.byte() * 8));
             }
         }
     }

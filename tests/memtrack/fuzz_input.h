@@ -1,5 +1,5 @@
 // Reads any bytes as a recording, for the fuzzer and for the inputs that it once failed on. The bytes are cut
-// into files: a byte tells which one, two its length, then its content.
+// into files: a byte tells which one, another its length, then its content.
 #pragma once
 
 #include <string>

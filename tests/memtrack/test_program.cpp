@@ -153,7 +153,7 @@ TEST_F(Program, MergesRanks) {
     const JsonValue& left = report["over_ranks"]["left_bytes"];
     EXPECT_EQ(left["minimum"].text + " " + left["mean"].text + " " + left["maximum"].text,
               "1024 1524 2024");
-    EXPECT_EQ(left["maximum_of"].text, test::read_json("\"" + other + "\"").text);
+    EXPECT_TRUE(left["maximum_of"].text.ends_with("other"));
     EXPECT_EQ(json({"phases", base_, other})["phases"][0]["events"].text, "4");
     const JsonValue leaks = json({"leaks", base_, other});
     EXPECT_EQ(leaks["blocks"][0]["bytes"].text, "2000");

@@ -1,37 +1,18 @@
 // See gates.h.
 #include "gates.h"
 
+#include "metrics.h"
 #include "output.h"
 #include "ranges.h"
 
 #include <charconv>
-#include <string_view>
 
 namespace memtrack {
 
-namespace {
-
-struct Figure {
-    std::string_view name;
-    std::uint64_t (*get)(const Figures&);
-};
-constexpr Figure known[] = {
-    {"peak", [](const Figures& f) { return f.peak.bytes; }},
-    {"leaks", [](const Figures& f) { return f.left.bytes; }},
-    {"leaked-blocks", [](const Figures& f) { return f.left.blocks; }},
-    {"allocated", [](const Figures& f) { return f.allocated.bytes; }},
-    {"allocations", [](const Figures& f) { return f.allocated.blocks; }},
-    {"temporary", [](const Figures& f) { return f.temporary; }},
-    {"failed", [](const Figures& f) { return f.failed; }},
-    {"events", [](const Figures& f) { return f.events; }},
-};
-
-} // namespace
-
 std::string Gate::names() {
     std::string names;
-    for (const Figure& figure : known) {
-        names += (names.empty() ? "" : ", ") + std::string(figure.name);
+    for (const Metric& metric : metrics) {
+        names += (names.empty() ? "" : ", ") + std::string(metric.gate);
     }
     return names;
 }
@@ -39,9 +20,9 @@ std::string Gate::names() {
 Gate::Gate(const std::string& text) : text_(text) {
     const std::size_t plus = text.find('+');
     const std::string name = text.substr(0, plus);
-    for (const Figure& figure : known) {
-        if (figure.name == name) {
-            get_ = figure.get;
+    for (const Metric& metric : metrics) {
+        if (metric.gate == name) {
+            get_ = metric.get;
         }
     }
     if (get_ == nullptr) {

@@ -1,6 +1,8 @@
 // See lists.h.
 #include "lists.h"
 
+#include "metrics.h"
+
 #include <algorithm>
 #include <cinttypes>
 
@@ -49,16 +51,18 @@ std::vector<HeldBlock> largest_blocks(const std::string& base, const History& hi
     return result;
 }
 
-std::vector<HeldBlock> largest_blocks(const std::vector<std::vector<HeldBlock>>& ranks,
-                                      std::size_t most) {
-    std::vector<HeldBlock> all;
-    for (const std::vector<HeldBlock>& rank : ranks) {
-        all.insert(all.end(), rank.begin(), rank.end());
+JobHoldings merge(const std::vector<Holdings>& ranks, std::size_t most) {
+    JobHoldings job;
+    for (const Holdings& rank : ranks) {
+        job.ranks.push_back(rank.figures);
+        job.blocks.insert(job.blocks.end(), rank.blocks.begin(), rank.blocks.end());
+        job.sizes += rank.sizes;
     }
-    std::stable_sort(all.begin(), all.end(),
+    job.all = merge(job.ranks);
+    std::stable_sort(job.blocks.begin(), job.blocks.end(),
                      [](const HeldBlock& a, const HeldBlock& b) { return a.size > b.size; });
-    all.resize(std::min(all.size(), most));
-    return all;
+    job.blocks.resize(std::min(job.blocks.size(), most));
+    return job;
 }
 
 std::vector<const PhaseFigures*> by_amount(const Figures& figures, ShareAmount amount) {
@@ -129,6 +133,10 @@ void write_blocks(Json& json, const CommonOptions& options, const std::vector<He
 void write_amount(Json& json, std::string_view name, const Amount& amount) {
     json.key(name).compact().object();
     json.member("bytes", amount.bytes).member("blocks", amount.blocks).end();
+}
+
+std::string metric_text(const Metric& metric, std::uint64_t value) {
+    return metric.bytes ? human_bytes(value) : grouped(value);
 }
 
 std::string amount_text(const Amount& amount) {

@@ -16,9 +16,20 @@ struct HeldBlock {
 /// The largest of what `history` holds, largest first, older before younger.
 std::vector<HeldBlock> largest_blocks(const std::string& base, const History& history,
                                       const PhaseTable& table, std::size_t most);
-/// The same of several ranks' lists.
-std::vector<HeldBlock> largest_blocks(const std::vector<std::vector<HeldBlock>>& ranks,
-                                      std::size_t most);
+
+/// What a run held at a moment, beside its figures.
+struct Holdings {
+    Figures figures;
+    std::vector<HeldBlock> blocks; ///< the largest
+    SizeFigures sizes;
+};
+struct JobHoldings {
+    std::vector<Figures> ranks;
+    Figures all;
+    std::vector<HeldBlock> blocks;
+    SizeFigures sizes;
+};
+JobHoldings merge(const std::vector<Holdings>& ranks, std::size_t most);
 
 using ShareAmount = Amount ShareFigures::*; ///< at_peak or left
 

@@ -1,6 +1,7 @@
 // memtrack diff: what changed between two runs, by phase, and a gate for continuous integration.
 #include "gates.h"
 #include "lists.h"
+#include "metrics.h"
 
 #include <algorithm>
 #include <cinttypes>
@@ -66,36 +67,15 @@ std::string signed_percent(std::uint64_t before, std::uint64_t after) {
            percent(after > before ? after - before : before - after, before);
 }
 
-struct Row {
-    const char* name;
-    const char* label;
-    bool bytes;
-    std::uint64_t (*get)(const Figures&);
-};
-constexpr Row rows[] = {
-    {"peak_bytes", "peak", true, [](const Figures& f) { return f.peak.bytes; }},
-    {"peak_blocks", "blocks at the peak", false, [](const Figures& f) { return f.peak.blocks; }},
-    {"left_bytes", "not released", true, [](const Figures& f) { return f.left.bytes; }},
-    {"left_blocks", "blocks not released", false, [](const Figures& f) { return f.left.blocks; }},
-    {"allocated_bytes", "allocated", true, [](const Figures& f) { return f.allocated.bytes; }},
-    {"allocated_blocks", "blocks allocated", false,
-     [](const Figures& f) { return f.allocated.blocks; }},
-    {"temporary", "temporary blocks", false, [](const Figures& f) { return f.temporary; }},
-    {"failed", "failed requests", false, [](const Figures& f) { return f.failed; }},
-    {"events", "events", false, [](const Figures& f) { return f.events; }},
-};
-
 void write_text(Output& output, const DiffOptions& options, const Figures& a, const Figures& b,
                 const std::vector<Change>& phases) {
     output.print("A: %s\nB: %s\n\n%-20s %16s %16s %16s\n", a.base.c_str(), b.base.c_str(), "", "A",
                  "B", "change");
-    for (const Row& row : rows) {
-        const std::uint64_t before = row.get(a), after = row.get(b);
-        const auto text = [&](std::uint64_t value) {
-            return row.bytes ? human_bytes(value) : grouped(value);
-        };
-        output.print("%-20s %16s %16s %16s  %s\n", row.label, text(before).c_str(),
-                     text(after).c_str(), signed_text(before, after, row.bytes).c_str(),
+    for (const Metric& metric : metrics) {
+        const std::uint64_t before = metric.get(a), after = metric.get(b);
+        output.print("%-20s %16s %16s %16s  %s\n", metric.label,
+                     metric_text(metric, before).c_str(), metric_text(metric, after).c_str(),
+                     signed_text(before, after, metric.bytes).c_str(),
                      signed_percent(before, after).c_str());
     }
     output.print("\nBy phase, what changed:\n%16s %16s %16s\n", "at the peak", "not released",
@@ -123,9 +103,9 @@ void write_json(Output& output, const DiffOptions& options, const Figures& a, co
     json.object();
     write_problems(json, problems);
     json.member("a", a.base).member("b", b.base).key("figures").object();
-    for (const Row& row : rows) {
-        json.key(row.name).compact().object();
-        json.member("a", row.get(a)).member("b", row.get(b)).end();
+    for (const Metric& metric : metrics) {
+        json.key(metric.name).compact().object();
+        json.member("a", metric.get(a)).member("b", metric.get(b)).end();
     }
     json.end().key("phases").array();
     for (std::size_t i = 0; i < rows_shown(options, phases.size()); ++i) {

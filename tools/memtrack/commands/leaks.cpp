@@ -7,39 +7,28 @@ namespace memtrack {
 
 namespace {
 
-struct Reading {
-    Figures figures;
-    std::vector<HeldBlock> blocks;
-};
-
 int leaks(const CommonOptions& options) {
     Output output(options.output, options.force);
     Problems problems;
     const std::size_t most = rows_shown(options, std::numeric_limits<std::size_t>::max());
-    const std::vector<Reading> readings = take_each(
+    const auto readings = take_each(
         options, problems, [most](const std::string& base, Problems& found, ByteCounter* counter) {
-            Reading reading;
+            Holdings reading;
             reading.figures = take_figures(
                 base, found, counter, [&](const History& history, const PhaseTable& table) {
                     reading.blocks = largest_blocks(base, history, table, most);
                 });
             return reading;
         });
-    std::vector<Figures> ranks;
-    std::vector<std::vector<HeldBlock>> blocks;
-    for (const Reading& reading : readings) {
-        ranks.push_back(reading.figures);
-        blocks.push_back(reading.blocks);
-    }
-    const Figures all = merge(ranks);
-    const std::vector<HeldBlock> largest = largest_blocks(blocks, most);
+    const JobHoldings job = merge(readings, most);
+    const Figures& all = job.all;
     if (options.json) {
         Json json(output);
         json.object();
         write_problems(json, problems);
         write_amount(json, "left", all.left);
         write_phase_list(json.key("phases"), options, all, &ShareFigures::left);
-        write_blocks(json.key("blocks"), options, largest);
+        write_blocks(json.key("blocks"), options, job.blocks);
         json.end();
     } else {
         write_incomplete(output, problems);
@@ -48,7 +37,7 @@ int leaks(const CommonOptions& options) {
             output.print("\nBy phase:\n");
             write_phase_list(output, options, all, &ShareFigures::left, all.left.bytes);
             output.print("\nBy block:\n");
-            write_blocks(output, options, largest, all.left.blocks);
+            write_blocks(output, options, job.blocks, all.left.blocks);
         }
     }
     output.finish(options.quiet);

@@ -10,12 +10,6 @@ namespace memtrack {
 
 namespace {
 
-struct Reading {
-    Figures figures;
-    std::vector<HeldBlock> blocks;
-    SizeFigures sizes;
-};
-
 // The history behind event `number`.
 void replay_as_far_as(History& history, EventReader& reader, std::uint64_t number) {
     Watcher nobody;
@@ -31,9 +25,9 @@ void replay_as_far_as(History& history, EventReader& reader, std::uint64_t numbe
     }
 }
 
-Reading read_peak(const std::string& base, Problems& problems, ByteCounter* counter,
-                  std::size_t most) {
-    Reading reading;
+Holdings read_peak(const std::string& base, Problems& problems, ByteCounter* counter,
+                   std::size_t most) {
+    Holdings reading;
     reading.figures = take_figures(base, problems, counter);
     if (reading.figures.peak.blocks != 0) {
         Problems told_before;
@@ -61,9 +55,9 @@ void write_threads(Output& output, const Figures& all) {
     }
 }
 
-void write_json(Output& output, const CommonOptions& options, const Figures& all,
-                const SizeFigures& sizes, const std::vector<HeldBlock>& largest,
+void write_json(Output& output, const CommonOptions& options, const JobHoldings& job,
                 const Problems& problems) {
+    const Figures& all = job.all;
     Json json(output);
     json.object();
     write_problems(json, problems);
@@ -75,8 +69,8 @@ void write_json(Output& output, const CommonOptions& options, const Figures& all
         json.member("bytes", thread.at_peak.bytes).member("blocks", thread.at_peak.blocks).end();
     }
     json.end();
-    write_sizes(json.key("sizes"), sizes);
-    write_blocks(json.key("blocks"), options, largest);
+    write_sizes(json.key("sizes"), job.sizes);
+    write_blocks(json.key("blocks"), options, job.blocks);
     json.end();
 }
 
@@ -84,33 +78,25 @@ int peak(const CommonOptions& options) {
     Output output(options.output, options.force);
     Problems problems;
     const std::size_t most = rows_shown(options, std::numeric_limits<std::size_t>::max());
-    const std::vector<Reading> readings = take_each(
+    const auto readings = take_each(
         options, problems, [most](const std::string& base, Problems& found, ByteCounter* counter) {
             return read_peak(base, found, counter, most);
         });
-    std::vector<Figures> ranks;
-    std::vector<std::vector<HeldBlock>> blocks;
-    SizeFigures sizes;
-    for (const Reading& reading : readings) {
-        ranks.push_back(reading.figures);
-        blocks.push_back(reading.blocks);
-        sizes += reading.sizes;
-    }
-    const Figures all = merge(ranks);
-    const std::vector<HeldBlock> largest = largest_blocks(blocks, most);
+    const JobHoldings job = merge(readings, most);
+    const Figures& all = job.all;
     if (options.json) {
-        write_json(output, options, all, sizes, largest, problems);
+        write_json(output, options, job, problems);
     } else {
         write_incomplete(output, problems);
-        write_peak_line(output, ranks, all);
+        write_peak_line(output, job.ranks, all);
         if (all.peak.blocks != 0) {
             output.print("\nBy phase:\n");
             write_phase_list(output, options, all, &ShareFigures::at_peak, all.peak.bytes);
             write_threads(output, all);
             output.print("\nBy size, in bytes:\n");
-            write_sizes(output, sizes);
+            write_sizes(output, job.sizes);
             output.print("\nBy block:\n");
-            write_blocks(output, options, largest, all.peak.blocks);
+            write_blocks(output, options, job.blocks, all.peak.blocks);
         }
     }
     output.finish(options.quiet);

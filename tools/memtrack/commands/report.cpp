@@ -1,5 +1,6 @@
 // memtrack report: the whole of a run, or of a job's ranks, on a page.
 #include "lists.h"
+#include "metrics.h"
 
 #include <algorithm>
 #include <cinttypes>
@@ -7,21 +8,6 @@
 namespace memtrack {
 
 namespace {
-
-struct Metric {
-    const char* name; ///< in JSON
-    const char* label;
-    bool bytes;
-    std::uint64_t (*get)(const Figures&);
-};
-constexpr Metric metrics[] = {
-    {"peak_bytes", "peak", true, [](const Figures& f) { return f.peak.bytes; }},
-    {"left_bytes", "not released", true, [](const Figures& f) { return f.left.bytes; }},
-    {"allocated_bytes", "allocated", true, [](const Figures& f) { return f.allocated.bytes; }},
-    {"events", "events", false, [](const Figures& f) { return f.events; }},
-    {"temporary", "temporary", false, [](const Figures& f) { return f.temporary; }},
-    {"failed", "failed", false, [](const Figures& f) { return f.failed; }},
-};
 
 // --- as text ---
 
@@ -87,16 +73,14 @@ void write_threads(Output& output, const CommonOptions& options, const Figures& 
 }
 
 void write_ranks(Output& output, const std::vector<Figures>& ranks) {
-    output.print("\nOver %zu ranks:    minimum             mean          maximum  of rank\n",
-                 ranks.size());
+    output.print("\nOver %zu ranks:%14s%17s%17s  of rank\n", ranks.size(), "minimum", "mean",
+                 "maximum");
     for (const Metric& metric : metrics) {
         const Spread range = spread(ranks, metric.get);
-        const auto text = [&](std::uint64_t value) {
-            return metric.bytes ? human_bytes(value) : grouped(value);
-        };
-        output.print("  %-12s %12s %16s %16s  %s\n", metric.label, text(range.low).c_str(),
-                     text(static_cast<std::uint64_t>(range.mean)).c_str(), text(range.high).c_str(),
-                     ranks[range.high_rank].base.c_str());
+        output.print("  %-20s %12s %16s %16s  %s\n", metric.label,
+                     metric_text(metric, range.low).c_str(),
+                     metric_text(metric, static_cast<std::uint64_t>(range.mean)).c_str(),
+                     metric_text(metric, range.high).c_str(), ranks[range.high_rank].base.c_str());
     }
 }
 
