@@ -10,6 +10,7 @@ no_arguments "$@"
 
 mkdir -p build demo-output
 need_build_packages
+need_npm
 build linux elasticity elasticity_demo_mesh memtrack kxmdiag
 
 program=build/linux/bin/elasticity
@@ -95,11 +96,15 @@ finished beam-reserve
 
 echo
 echo "== the heap, with every allocation recorded in files, and what memtrack reads from them"
-rm -f demo-output/beam.memT* demo-output/beam.phaseStack
+rm -f demo-output/beam.memT* demo-output/beam.phaseStack demo-output/beam.html
 KXA_MEM_TRACK=1 KXA_MEM_OUTPUTDIR=demo-output "$program" --backend heap --tracking beam "$mesh" |
     grep '^Tracking'
 build/linux/bin/memtrack report -n 5 demo-output/beam
 echo
+# The page is left out of a build that npm could not fetch its chart library for.
+if build/linux/bin/memtrack html --quiet --force --output demo-output/beam.html demo-output/beam; then
+    echo "The same as a page, to look into with a browser: demo-output/beam.html"
+fi
 echo "More of it, each with --help: build/linux/bin/memtrack leaks | peak | phases | events | block | diff"
 
 echo
@@ -124,3 +129,7 @@ echo "Displacements and stresses, for ParaView or another VTK viewer:"
 echo "  demo-output/beam-crt.vtu"
 echo "The job by itself, with all its options:"
 echo "  $program --help"
+if [ -f demo-output/beam.html ]; then
+    echo "Next, the memory of the recorded run over its events and by phase, in a browser:"
+    echo "  xdg-open demo-output/beam.html"
+fi

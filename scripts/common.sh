@@ -53,12 +53,23 @@ need_build_packages() {
     need_packages g++ gfortran cmake ninja-build libcli11-dev
 }
 
+# npm, Debian's or another, for the chart library in memtrack's page.
+need_npm() {
+    command -v npm >/dev/null 2>&1 || need_packages npm
+}
+
 need_test_packages() {
     need_build_packages
+    need_npm
     need_packages googletest pkgconf
     # What opens memtrack's exports, and allocators that its replay compares with.
     need_packages python3 python3-jsonschema valgrind heaptrack protobuf-compiler nodejs
     need_packages libjemalloc2 libmimalloc2.0 libtcmalloc-minimal4
+}
+
+# For the test that opens memtrack's page; without them it says that it is skipped.
+need_browser_packages() {
+    need_packages chromium chromium-driver python3-selenium
 }
 
 need_windows_packages() {
@@ -69,13 +80,14 @@ need_check_packages() {
     need_packages clang-14 clang-format-14 libclang-rt-14-dev
 }
 
-# build PRESET [TARGET...]
+# build PRESET [TARGET...]; $configure_options goes to CMake.
 build() {
     preset=$1
     shift
     [ $# -eq 0 ] || set -- --target "$@"
     echo "== build: $preset"
-    cmake --preset "$preset" >"build/$preset.log" 2>&1 || {
+    # shellcheck disable=SC2086  # words are meant to split
+    cmake --preset "$preset" ${configure_options:-} >"build/$preset.log" 2>&1 || {
         cat "build/$preset.log" >&2
         return 1
     }

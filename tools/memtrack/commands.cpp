@@ -12,11 +12,12 @@ void add_block(CLI::App& parent, Run& run);
 void add_diff(CLI::App& parent, Run& run);
 void add_replay(CLI::App& parent, Run& run);
 void add_export(CLI::App& parent, Run& run);
+void add_html(CLI::App& parent, Run& run);
 
 const std::vector<AddCommand>& commands() {
     static const std::vector<AddCommand> all = {
-        add_report, add_leaks, add_peak, add_phases, add_events, add_block, add_diff,
-        add_replay, add_export,
+        add_report, add_leaks, add_peak, add_phases, add_events,
+        add_block,  add_diff,  add_html, add_replay, add_export,
     };
     return all;
 }
