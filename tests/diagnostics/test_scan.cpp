@@ -24,7 +24,7 @@ std::string report(MEM_SCAN_LEVEL_ENM level, std::uint64_t limit) {
 constexpr std::uint64_t straddling = 0x1000000;
 
 // No answer at 0x900000; the last region reaches across 2 GiB.
-bool play(const void* pointer, os::Region& region) {
+bool play(os::UpwardQueries&, const void* pointer, os::Region& region) {
     const auto address = reinterpret_cast<std::uintptr_t>(pointer);
     const os::Region map[] = {
         {0, 0, 0x200000, os::state_free, 0},
@@ -98,7 +98,7 @@ TEST(ScanMemory, PrintsItsReportsToTheLetter) {
     EXPECT_EQ(empty.find(header + "\nMEMORY"), 0U);
     EXPECT_EQ(empty.find_first_of("123456789"), std::string::npos) << empty;
 
-    system->vm_query = [](const void*, os::Region&) { return false; };
+    system->vm_query = [](os::UpwardQueries&, const void*, os::Region&) { return false; };
     EXPECT_EQ(report(MEM_SCAN_SUMMARY_ONLY, no_limit).find_first_of("123456789"), std::string::npos)
         << "a system that never answers ends the walk";
 }
