@@ -68,6 +68,7 @@ TEST(Settings, AreJudged) {
                           {"KXA_CALLSTACK_DEPTH", "12x", false, "no number"},
                           {"KXA_CALLSTACK_DEPTH", "", false, "no number"},
                           {"KXM_SINGLETON_REGISTRY", "99999999999", false, "no number"},
+                          {"KXA_UMR_PRINT", "yes", false, "no number"},
                           {"KXQ_DLALLOCATOR", "1", true, ""},
                           {"KXQ_DLALLOCATOR", "off", true, "by its presence"},
                           {"KXQ_CRTMALLOC", "1", true, "without KXQ_DLALLOCATOR"},

@@ -70,18 +70,25 @@ Section machine() {
     KXMBasMemInfo process;
     mem_GetWindowsDriveInfo drive(mem_String(working_folder_drive().c_str()));
     const unsigned kind = drive.GetType();
-    return {"Machine",
-            {{"physical memory", mem_getPhysicalMemorySizeMB(), "MB"},
-             {"physical memory available", whole(memory.GetAvailPhysMemoryMbytes()), "MB"},
-             {"physical memory in use", std::uint64_t{memory.GetMemoryLoad()}, "percent"},
-             {"address space", mem_getVirtualMemorySizeMB(), "MB"},
-             {"address space available", whole(memory.GetAvailVirtMemoryMbytes()), "MB"},
-             {"accessible to one process", KXMBasMemInfo::Accessible(), "MB"},
-             {"this process, private", process.Current(), "MB"},
-             {"this process, resident", process.Resident(), "MB"},
-             {"working folder, drive", std::string(drive_kind(kind))},
-             {"working folder, size", drive.GetTotalSpaceMbytes(), "MB"},
-             {"working folder, free", drive.GetAvailableSpaceMbytes(), "MB"}}};
+    Section section{"Machine",
+                    {{"physical memory", mem_getPhysicalMemorySizeMB(), "MB"},
+                     {"physical memory available", whole(memory.GetAvailPhysMemoryMbytes()), "MB"},
+                     {"physical memory in use", std::uint64_t{memory.GetMemoryLoad()}, "percent"},
+                     {"address space", mem_getVirtualMemorySizeMB(), "MB"},
+                     {"address space available", whole(memory.GetAvailVirtMemoryMbytes()), "MB"},
+                     {"accessible to one process", KXMBasMemInfo::Accessible(), "MB"},
+                     {"this process, private", process.Current(), "MB"},
+                     {"this process, resident", process.Resident(), "MB"},
+                     {"working folder, drive", std::string(drive_kind(kind))},
+                     {"working folder, size", drive.GetTotalSpaceMbytes(), "MB"},
+                     {"working folder, free", drive.GetAvailableSpaceMbytes(), "MB"}}};
+    // The library's figures are the machine's, and a process is ended at this limit long before them.
+    const std::uint64_t limit = group_memory_limit();
+    if (limit != UINT64_MAX) {
+        section.facts.insert(section.facts.begin(),
+                             {"limit of container or job", limit >> 20, "MB"});
+    }
+    return section;
 }
 
 Section back_end() {
