@@ -28,8 +28,8 @@ public:
     /// Each call asks the system anew and adds a message of type 3 to the list, but without a name.
     unsigned int GetType();
 
-    // Mebibytes, rounded down; of the working folder's drive where there is no name. The system is asked once, by whichever comes first; when it refuses,
-    // both stay 0 and the list has a message of type 0.
+    // Mebibytes, rounded down; of the working folder's drive where there is no name. The system is asked
+    // once, by whichever comes first; when it refuses, both stay 0 and the list has a message of type 0.
     std::uint64_t GetTotalSpaceMbytes();
     std::uint64_t GetAvailableSpaceMbytes();
 

@@ -25,7 +25,7 @@ KXMBASMEM_API void mem_scanmemory_ifc(void);
 #ifdef __cplusplus
 }
 
-enum MEM_SCAN_LEVEL_ENM {
+enum MEM_SCAN_LEVEL_ENM : int {
     MEM_SCAN_DETAILED = 0,
     MEM_SCAN_FREE_ONLY = 1,
     MEM_SCAN_SUMMARY_ONLY = 2

@@ -10,6 +10,7 @@
 namespace test {
 
 std::uint64_t physical_bytes();
+std::uint64_t available_bytes();     ///< of physical memory
 std::uint64_t address_space_bytes(); ///< the limit on it included
 std::uint64_t private_bytes();
 std::uint64_t resident_bytes();

@@ -49,6 +49,16 @@ std::uint64_t physical_bytes() {
     return static_cast<std::uint64_t>(sysconf(_SC_PHYS_PAGES)) * 4096;
 }
 
+std::uint64_t available_bytes() {
+    std::ifstream figures("/proc/meminfo");
+    std::string name;
+    std::uint64_t kilobytes = 0;
+    while (name != "MemAvailable:" && figures >> name) {
+    }
+    figures >> kilobytes;
+    return kilobytes * 1024;
+}
+
 std::uint64_t address_space_bytes() {
     rlimit limit{};
     getrlimit(RLIMIT_AS, &limit);

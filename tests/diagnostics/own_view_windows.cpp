@@ -45,6 +45,10 @@ std::uint64_t physical_bytes() {
     return status().ullTotalPhys;
 }
 
+std::uint64_t available_bytes() {
+    return status().ullAvailPhys;
+}
+
 std::uint64_t address_space_bytes() {
     return status().ullTotalVirtual;
 }

@@ -197,6 +197,9 @@ TEST(ErrorList, SelectsByLevelAndPrintsOldestFirst) {
     for (int again = 0; again < 2; ++again) {
         EXPECT_EQ(printed(copy, 1), "Error: no memory\nWarning: little memory\nError: (null)\n");
     }
+    errors.AddError(3, "detail");
+    EXPECT_EQ(printed(errors, 2), "Error: no memory\nWarning: little memory\nInfo: memory\n"
+                                  "Error: (null)\n");
     EXPECT_EQ(contents(errors.GetErrors(2).pop().GetErrorString()), "no memory");
     errors.ClearErrors();
     EXPECT_EQ(printed(errors, 3), "");

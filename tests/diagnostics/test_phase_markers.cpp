@@ -105,7 +105,7 @@ TEST_F(PhaseMarkers, AreReadByPosition) {
     EXPECT_STREQ(*phase++, "two") << "the step comes first";
     EXPECT_EQ((++phase).Current(), 2);
     phase.Next();
-    EXPECT_TRUE(phase.Done());
+    EXPECT_TRUE(phase.Done() && !phase.Last());
     EXPECT_EQ(phase.Size(), 3);
     EXPECT_STREQ(phase.Value(1), "two");
     phase.Position(7);

@@ -24,7 +24,7 @@ std::string report(MEM_SCAN_LEVEL_ENM level, std::uint64_t limit) {
 constexpr std::uint64_t straddling = 0x1000000;
 
 // No answer at 0x900000; the last region reaches across 2 GiB.
-bool play(const void* pointer, os::Region& region) {
+bool play(os::UpwardQueries&, const void* pointer, os::Region& region) {
     const auto address = reinterpret_cast<std::uintptr_t>(pointer);
     const os::Region map[] = {
         {0, 0, 0x200000, os::state_free, 0},
@@ -98,7 +98,7 @@ TEST(ScanMemory, PrintsItsReportsToTheLetter) {
     EXPECT_EQ(empty.find(header + "\nMEMORY"), 0U);
     EXPECT_EQ(empty.find_first_of("123456789"), std::string::npos) << empty;
 
-    system->vm_query = [](const void*, os::Region&) { return false; };
+    system->vm_query = [](os::UpwardQueries&, const void*, os::Region&) { return false; };
     EXPECT_EQ(report(MEM_SCAN_SUMMARY_ONLY, no_limit).find_first_of("123456789"), std::string::npos)
         << "a system that never answers ends the walk";
 }
@@ -172,6 +172,14 @@ KXM_NO_SANITIZE void leave_marks(std::uintptr_t& where) {
     where = reinterpret_cast<std::uintptr_t>(&array[0]);
 }
 
+// The same a mebibyte further down.
+KXM_NO_SANITIZE void leave_marks_deep(std::uintptr_t& where) {
+    volatile char level[1048576];
+    level[0] = 0;
+    leave_marks(where);
+    where += static_cast<unsigned char>(level[0]); // alive until here
+}
+
 // Away from the near end, which any call writes over.
 KXM_NO_SANITIZE std::size_t marks_left(std::uintptr_t array) {
     std::size_t left = 0;
@@ -193,6 +201,12 @@ TEST(StackSweep, ZeroesTheStackBelow) {
     { const KXMBasMemStackSweep sweep(1); }
     EXPECT_EQ(marks_left(array), 0U);
     EXPECT_EQ(mem_ClearStackLevels(1), 0);
+    if (os::properties().directory_separator ==
+        '/') { // stacks on Windows have two mebibytes in all
+        leave_marks_deep(array);
+        { const KXMBasMemStackSweep sweep(2); }
+        EXPECT_EQ(marks_left(array), 0U);
+    }
     EXPECT_EQ(mem_getStackTop() + mem_getStackDepth(), 0U);
 }
 

@@ -2,6 +2,7 @@
 #include "child.h"
 #include "violations.h"
 
+#include <filesystem>
 #include <fstream>
 #include <gtest/gtest.h>
 #include <regex>
@@ -67,6 +68,7 @@ TEST(Settings, AreJudged) {
                           {"KXA_CALLSTACK_DEPTH", "12x", false, "no number"},
                           {"KXA_CALLSTACK_DEPTH", "", false, "no number"},
                           {"KXM_SINGLETON_REGISTRY", "99999999999", false, "no number"},
+                          {"KXA_UMR_PRINT", "yes", false, "no number"},
                           {"KXQ_DLALLOCATOR", "1", true, ""},
                           {"KXQ_DLALLOCATOR", "off", true, "by its presence"},
                           {"KXQ_CRTMALLOC", "1", true, "without KXQ_DLALLOCATOR"},
@@ -85,6 +87,12 @@ TEST(Settings, AreJudged) {
         EXPECT_TRUE(has(text, each.remark) &&
                     has(text, "\"remark\": \"\"") == (*each.remark == '\0'))
             << text;
+    }
+    if (std::filesystem::path::preferred_separator == '/') { // Windows translates what it is given
+        const ChildResult odd =
+            run({"settings", "--json"}, {{"MC_RESULT", "\xc3\xa9\xe9\xc0\xaf\t\""}});
+        EXPECT_TRUE(has(odd.out, "\"value\": \"\xc3\xa9\\u00e9\\u00c0\\u00af\\u0009\\\"\""))
+            << "JSON is UTF-8, whatever a variable holds: " << odd.out;
     }
     const ChildResult shown = run(
         {"settings"}, {{"KXQ_DLALLOCATOR", "1"}, {"KXA_DEADBEEF", "1"}, {"KXQ_DLALOCATOR", "1"}});

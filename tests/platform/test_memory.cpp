@@ -203,6 +203,11 @@ TEST(VirtualMemory, KnowsMemoryThatItDidNotHandOut) {
     ASSERT_NE(reserved, nullptr);
     ASSERT_TRUE(os::vm_query(reserved, region));
     EXPECT_EQ(region.state, os::state_reserve);
+    os::Region middle{};
+    char* const inside = static_cast<char*>(reserved) + 16 * mib;
+    ASSERT_TRUE(os::vm_query(inside + 5, middle));
+    EXPECT_EQ(middle.base, reinterpret_cast<std::uintptr_t>(inside));
+    EXPECT_EQ(middle.base + middle.size, region.base + region.size);
 
     EXPECT_FALSE(os::vm_query(reinterpret_cast<const void*>(UINTPTR_MAX), region));
 }

@@ -36,6 +36,33 @@ const char* bound_back_end() {
     return guarded ? "guarded" : "C runtime";
 }
 
+/// Bytes of the UTF-8 character that begins at `at`; 0 when none does.
+std::size_t utf8_length(const std::string& text, std::size_t at) {
+    struct Form {
+        std::uint32_t lead, mask, first; ///< of the lead byte; the lowest character of this length
+    };
+    constexpr Form forms[] = {
+        {0, 0x80, 0}, {0xc0, 0xe0, 0x80}, {0xe0, 0xf0, 0x800}, {0xf0, 0xf8, 0x10000}};
+    const auto byte = [&text](std::size_t i) {
+        return std::uint32_t{static_cast<unsigned char>(i < text.size() ? text[i] : '\0')};
+    };
+    for (std::size_t more = 0; more < std::size(forms); ++more) {
+        if ((byte(at) & forms[more].mask) != forms[more].lead) {
+            continue;
+        }
+        std::uint32_t character = byte(at) & ~forms[more].mask;
+        for (std::size_t i = 1; i <= more; ++i) {
+            if ((byte(at + i) & 0xc0) != 0x80) {
+                return 0;
+            }
+            character = character << 6 | (byte(at + i) & 0x3f);
+        }
+        const bool surrogate = character >= 0xd800 && character < 0xe000;
+        return character < forms[more].first || character > 0x10ffff || surrogate ? 0 : more + 1;
+    }
+    return 0;
+}
+
 } // namespace
 
 Section machine() {
@@ -43,18 +70,25 @@ Section machine() {
     KXMBasMemInfo process;
     mem_GetWindowsDriveInfo drive(mem_String(working_folder_drive().c_str()));
     const unsigned kind = drive.GetType();
-    return {"Machine",
-            {{"physical memory", mem_getPhysicalMemorySizeMB(), "MB"},
-             {"physical memory available", whole(memory.GetAvailPhysMemoryMbytes()), "MB"},
-             {"physical memory in use", std::uint64_t{memory.GetMemoryLoad()}, "percent"},
-             {"address space", mem_getVirtualMemorySizeMB(), "MB"},
-             {"address space available", whole(memory.GetAvailVirtMemoryMbytes()), "MB"},
-             {"accessible to one process", KXMBasMemInfo::Accessible(), "MB"},
-             {"this process, private", process.Current(), "MB"},
-             {"this process, resident", process.Resident(), "MB"},
-             {"working folder, drive", std::string(drive_kind(kind))},
-             {"working folder, size", drive.GetTotalSpaceMbytes(), "MB"},
-             {"working folder, free", drive.GetAvailableSpaceMbytes(), "MB"}}};
+    Section section{"Machine",
+                    {{"physical memory", mem_getPhysicalMemorySizeMB(), "MB"},
+                     {"physical memory available", whole(memory.GetAvailPhysMemoryMbytes()), "MB"},
+                     {"physical memory in use", std::uint64_t{memory.GetMemoryLoad()}, "percent"},
+                     {"address space", mem_getVirtualMemorySizeMB(), "MB"},
+                     {"address space available", whole(memory.GetAvailVirtMemoryMbytes()), "MB"},
+                     {"accessible to one process", KXMBasMemInfo::Accessible(), "MB"},
+                     {"this process, private", process.Current(), "MB"},
+                     {"this process, resident", process.Resident(), "MB"},
+                     {"working folder, drive", std::string(drive_kind(kind))},
+                     {"working folder, size", drive.GetTotalSpaceMbytes(), "MB"},
+                     {"working folder, free", drive.GetAvailableSpaceMbytes(), "MB"}}};
+    // The library's figures are the machine's, and a process is ended at this limit long before them.
+    const std::uint64_t limit = group_memory_limit();
+    if (limit != UINT64_MAX) {
+        section.facts.insert(section.facts.begin(),
+                             {"limit of container or job", limit >> 20, "MB"});
+    }
+    return section;
 }
 
 Section back_end() {
@@ -81,19 +115,23 @@ Section versions() {
             }};
 }
 
+// Values of variables and names of files are bytes of any kind, but JSON is UTF-8: a byte that belongs
+// to no character is written as the one of that number.
 std::string quoted(const std::string& text) {
     std::string result = "\"";
-    for (const char c : text) {
-        if (c == '"' || c == '\\') {
-            result += '\\';
-            result += c;
-        } else if (static_cast<unsigned char>(c) < 0x20) {
+    for (std::size_t i = 0; i < text.size();) {
+        const std::size_t length = utf8_length(text, i);
+        const auto byte = static_cast<unsigned char>(text[i]);
+        if (byte == '"' || byte == '\\') {
+            result += {'\\', text[i]};
+        } else if (byte < 0x20 || length == 0) {
             char code[8];
-            std::snprintf(code, sizeof code, "\\u%04x", static_cast<unsigned>(c));
+            std::snprintf(code, sizeof code, "\\u%04x", unsigned{byte});
             result += code;
         } else {
-            result += c;
+            result.append(text, i, length);
         }
+        i += std::max<std::size_t>(length, 1);
     }
     return result + '"';
 }

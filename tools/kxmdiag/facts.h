@@ -24,7 +24,7 @@ Section machine();  ///< memory of the machine and of this process, the drive of
 Section back_end(); ///< which one is bound, and its figures
 Section versions();
 
-std::string quoted(const std::string& text); ///< a JSON string; bytes that are not ASCII stay
+std::string quoted(const std::string& text); ///< a JSON string, in UTF-8
 std::string json_name(std::string text);     ///< without commas, with underscores for blanks
 void print(const Section& section);          ///< as text
 void print_json_members(const Section& section, int indent); ///< the members of one JSON object

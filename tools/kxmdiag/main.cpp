@@ -252,7 +252,7 @@ int main(int argc, char** argv) {
         return app.exit(error) == 0 ? done : wrong_usage; // prints help, version or what is wrong
     }
     const int status = run();
-    if (std::fflush(stdout) != 0) {
+    if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0) { // the reports flush by themselves
         std::fprintf(stderr, "kxmdiag: cannot write the output\n");
         return problem_found;
     }

@@ -3,6 +3,7 @@
 
 #include "mem_Interface.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <windows.h>
@@ -36,6 +37,23 @@ std::string library_file() {
         return "";
     }
     return {path, GetModuleFileNameA(module, path, sizeof path)};
+}
+
+std::uint64_t group_memory_limit() {
+    std::uint64_t least = UINT64_MAX;
+    JOBOBJECT_EXTENDED_LIMIT_INFORMATION job{};
+    if (QueryInformationJobObject(nullptr, JobObjectExtendedLimitInformation, &job, sizeof job,
+                                  nullptr) == 0) {
+        return least;
+    }
+    const DWORD limits = job.BasicLimitInformation.LimitFlags;
+    if ((limits & JOB_OBJECT_LIMIT_PROCESS_MEMORY) != 0) {
+        least = job.ProcessMemoryLimit;
+    }
+    if ((limits & JOB_OBJECT_LIMIT_JOB_MEMORY) != 0) {
+        least = std::min<std::uint64_t>(least, job.JobMemoryLimit);
+    }
+    return least;
 }
 
 std::string working_folder_drive() {

@@ -41,11 +41,12 @@ struct Totals {
 // Calls print(address, region) for every region from 0 to where the walk ends.
 template <class Print> Totals walk(std::uint64_t scan_limit, Print print) {
     Totals totals;
+    os::UpwardQueries queries;
     os::Region region{};
     std::uint64_t address = 0;
     while (address < scan_limit) {
         // Not tested: after a failure the record still holds the region before.
-        provider.vm_query(reinterpret_cast<const void*>(address), region);
+        provider.vm_query(queries, reinterpret_cast<const void*>(address), region);
         print(address, region);
         if (region.state == os::state_free) {
             totals.free.add(address, region.size);

@@ -15,7 +15,10 @@ struct Provider {
     bool (*process_memory)(os::ProcessMemory&) = os::process_memory;
     std::uint32_t (*drive_type)(const char*) = os::drive_type;
     bool (*drive_space)(const char*, os::DriveSpace&) = os::drive_space;
-    bool (*vm_query)(const void*, os::Region&) = os::vm_query;
+    bool (*vm_query)(os::UpwardQueries&, const void*, os::Region&) =
+        [](os::UpwardQueries& queries, const void* address, os::Region& region) {
+            return queries.query(address, region);
+        };
     void* (*vm_reserve)(std::size_t) = os::vm_reserve;
 };
 

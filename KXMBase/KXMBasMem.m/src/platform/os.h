@@ -75,6 +75,23 @@ std::size_t vm_release_run(void* base, std::size_t size);
 /// The region that holds `address`; false when the system does not answer for it.
 bool vm_query(const void* address, Region& region);
 
+/// The same for one caller that asks for the whole address space, upward. Where a system lists its
+/// regions from the lowest on alone, the list is gone through once for all queries, and not once for
+/// each; what changes shortly above the last address asked for may be seen late.
+/// pre: no address is below the one before. One thread at a time.
+class UpwardQueries {
+public:
+    UpwardQueries();
+    ~UpwardQueries();
+    UpwardQueries(const UpwardQueries&) = delete;
+    UpwardQueries& operator=(const UpwardQueries&) = delete;
+
+    bool query(const void* address, Region& region);
+
+private:
+    alignas(8) unsigned char storage_[3072];
+};
+
 /// Takes `size` bytes of address space for good and backs them with nothing, or null. What it
 /// took is known to vm_query as reserved; nobody releases it.
 void* vm_reserve(std::size_t size);

@@ -21,6 +21,7 @@
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
+#include <new>
 #include <pthread.h>
 #include <sys/mman.h>
 #include <sys/resource.h>
@@ -337,6 +338,19 @@ std::size_t vm_release_run(void* base, std::size_t size) {
 }
 
 bool vm_query(const void* address, Region& region) {
+    return UpwardQueries().query(address, region);
+}
+
+UpwardQueries::UpwardQueries() {
+    static_assert(sizeof storage_ >= sizeof(ProcessMap) && alignof(ProcessMap) <= 8);
+    ::new (static_cast<void*>(storage_)) ProcessMap;
+}
+
+UpwardQueries::~UpwardQueries() {
+    std::launder(reinterpret_cast<ProcessMap*>(storage_))->~ProcessMap();
+}
+
+bool UpwardQueries::query(const void* address, Region& region) {
     const auto wanted = reinterpret_cast<std::uintptr_t>(address);
     {
         const TableGuard guard;
@@ -347,7 +361,7 @@ bool vm_query(const void* address, Region& region) {
             }
         }
     }
-    return query_process_map(wanted, region);
+    return std::launder(reinterpret_cast<ProcessMap*>(storage_))->query(wanted, region);
 }
 
 void* vm_reserve(std::size_t size) {

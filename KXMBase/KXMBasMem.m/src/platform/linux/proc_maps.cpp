@@ -14,56 +14,6 @@ namespace {
 constexpr std::uintptr_t page = 4096;
 constexpr std::uintptr_t user_space_end = 0x7fff'ffff'f000;
 
-// One line at a time out of a file, through a buffer on the stack. Lines longer than the buffer
-// (a very long file name) are cut, which loses nothing that is asked for here.
-class LineReader {
-public:
-    explicit LineReader(const char* name) : file_(open(name, O_RDONLY | O_CLOEXEC)) {}
-    ~LineReader() {
-        if (file_ >= 0) {
-            close(file_);
-        }
-    }
-    LineReader(const LineReader&) = delete;
-    LineReader& operator=(const LineReader&) = delete;
-
-    bool is_open() const { return file_ >= 0; }
-
-    // The next line without its newline, NUL-terminated, or null at the end.
-    const char* next() {
-        std::size_t length = 0;
-        for (;;) {
-            if (at_ == filled_) {
-                ssize_t got = 0;
-                do {
-                    got = read(file_, buffer_, sizeof buffer_);
-                } while (got < 0 && errno == EINTR);
-                if (got <= 0) {
-                    break;
-                }
-                at_ = 0;
-                filled_ = static_cast<std::size_t>(got);
-            }
-            const char character = buffer_[at_++];
-            if (character == '\n') {
-                line_[length] = '\0';
-                return line_;
-            }
-            if (length + 1 < sizeof line_) {
-                line_[length++] = character;
-            }
-        }
-        line_[length] = '\0';
-        return length != 0 ? line_ : nullptr;
-    }
-
-private:
-    int file_;
-    std::size_t at_ = 0, filled_ = 0;
-    char buffer_[2048];
-    char line_[512];
-};
-
 std::uintptr_t parse_hex(const char*& text) {
     std::uintptr_t value = 0;
     for (;; ++text) {
@@ -78,13 +28,45 @@ std::uintptr_t parse_hex(const char*& text) {
     }
 }
 
-struct Mapping {
-    std::uintptr_t start, end;
-    bool accessible, is_private, of_file;
-};
+} // namespace
+
+LineReader::LineReader(const char* name) : file_(open(name, O_RDONLY | O_CLOEXEC)) {}
+
+LineReader::~LineReader() {
+    if (file_ >= 0) {
+        close(file_);
+    }
+}
+
+const char* LineReader::next() {
+    std::size_t length = 0;
+    for (;;) {
+        if (at_ == filled_) {
+            ssize_t got = 0;
+            do {
+                got = read(file_, buffer_, sizeof buffer_);
+            } while (got < 0 && errno == EINTR);
+            if (got <= 0) {
+                break;
+            }
+            at_ = 0;
+            filled_ = static_cast<std::size_t>(got);
+        }
+        const char character = buffer_[at_++];
+        if (character == '\n') {
+            line_[length] = '\0';
+            return line_;
+        }
+        if (length + 1 < sizeof line_) {
+            line_[length++] = character;
+        }
+    }
+    line_[length] = '\0';
+    return length != 0 ? line_ : nullptr;
+}
 
 // "start-end perms offset device inode name"
-Mapping parse(const char* line) {
+ProcessMap::Mapping ProcessMap::parse(const char* line) {
     Mapping mapping{};
     mapping.start = parse_hex(line);
     if (*line == '-') {
@@ -95,11 +77,12 @@ Mapping parse(const char* line) {
         mapping.accessible = line[1] != '-' || line[2] != '-' || line[3] != '-';
         mapping.is_private = line[4] == 'p';
     }
-    mapping.of_file = std::strchr(line, '/') != nullptr;
+    const char* const name = std::strpbrk(line, "/["); // a bracket: one that the program gave
+    mapping.of_file = name != nullptr && *name == '/';
     return mapping;
 }
 
-Region region_of(const Mapping& mapping, std::uintptr_t address) {
+Region ProcessMap::region_of(const Mapping& mapping, std::uintptr_t address) {
     Region region{};
     region.base = address & ~(page - 1);
     region.allocation_base = mapping.start;
@@ -109,29 +92,20 @@ Region region_of(const Mapping& mapping, std::uintptr_t address) {
     return region;
 }
 
-} // namespace
-
-bool query_process_map(std::uintptr_t address, Region& region) {
-    if (address >= user_space_end) {
+bool ProcessMap::query(std::uintptr_t address, Region& region) {
+    if (address >= user_space_end || !reader_.is_open()) {
         return false;
     }
-    LineReader reader("/proc/self/maps");
-    if (!reader.is_open()) {
-        return false;
+    while (next_.end <= address) {
+        const char* const line = reader_.next();
+        next_ = line != nullptr ? parse(line) : Mapping{user_space_end, UINTPTR_MAX, {}, {}, {}};
     }
-    std::uintptr_t gap_end = user_space_end;
-    while (const char* const line = reader.next()) {
-        const Mapping mapping = parse(line);
-        if (address < mapping.start) {
-            gap_end = mapping.start < user_space_end ? mapping.start : user_space_end;
-            break;
-        }
-        if (address < mapping.end) {
-            region = region_of(mapping, address);
-            return true;
-        }
+    if (address >= next_.start) {
+        region = region_of(next_, address);
+        return true;
     }
     const std::uintptr_t base = address & ~(page - 1);
+    const std::uintptr_t gap_end = next_.start < user_space_end ? next_.start : user_space_end;
     region = {base, 0, gap_end - base, state_free, 0};
     return true;
 }

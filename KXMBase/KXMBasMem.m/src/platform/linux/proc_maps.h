@@ -6,8 +6,43 @@
 
 namespace os {
 
-/// The region of `/proc/self/maps` (or the gap between two) that holds `address`; false when the
-/// map cannot be read or the address lies above the user's address space.
-bool query_process_map(std::uintptr_t address, Region& region);
+// One line at a time out of a file, through a buffer in the object. Lines longer than the buffer
+// (a very long file name) are cut, which loses nothing that is asked for here.
+class LineReader {
+public:
+    explicit LineReader(const char* name);
+    ~LineReader();
+    LineReader(const LineReader&) = delete;
+    LineReader& operator=(const LineReader&) = delete;
+
+    bool is_open() const { return file_ >= 0; }
+    const char* next(); // without its newline, NUL-terminated; null at the end
+
+private:
+    int file_;
+    std::size_t at_ = 0, filled_ = 0;
+    char buffer_[2048];
+    char line_[512];
+};
+
+/// `/proc/self/maps`, read as far as the queries need it.
+class ProcessMap {
+public:
+    /// The mapping, or the gap between two, that holds `address`; false when the map cannot be read
+    /// or the address lies above the user's address space.
+    /// pre: no address is below the one before.
+    bool query(std::uintptr_t address, Region& region);
+
+private:
+    struct Mapping {
+        std::uintptr_t start, end;
+        bool accessible, is_private, of_file;
+    };
+    static Mapping parse(const char* line);
+    static Region region_of(const Mapping& mapping, std::uintptr_t address);
+
+    LineReader reader_{"/proc/self/maps"};
+    Mapping next_{}; // the lowest that ends above the last address asked for
+};
 
 } // namespace os

@@ -57,6 +57,14 @@ bool vm_query(const void* address, Region& region) {
     return true;
 }
 
+UpwardQueries::UpwardQueries() {}
+
+UpwardQueries::~UpwardQueries() {}
+
+bool UpwardQueries::query(const void* address, Region& region) {
+    return vm_query(address, region);
+}
+
 void* vm_reserve(std::size_t size) {
     return VirtualAlloc(nullptr, size, MEM_RESERVE, PAGE_READONLY);
 }
