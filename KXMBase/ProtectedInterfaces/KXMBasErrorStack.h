@@ -67,7 +67,8 @@ public:
     static void Deactivate();
     static bool Active(); ///< false at start
 
-    /// Keeps the text of a call stack, and with it one reading of the footprint. It replaces the
+    /// Keeps the text of a call stack, and with it one reading of the footprint, in MiB: the process's
+    /// private memory, mem_FootprintFromResources, not the heap's. It replaces the
     /// text before, whose length narrows the room for it: after a text of 3000 characters the next
     /// is cut after 1000, with the tail of the older one behind it.
     static void Push(const char* text);

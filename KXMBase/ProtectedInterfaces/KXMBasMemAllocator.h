@@ -25,7 +25,8 @@
 // appended to and never flushed before the process ends. A file that cannot be opened costs its lines
 // there and nothing else. A run at the end of the block is not told, and a word of 0x80000000
 // neither ends a run nor begins one. KXA_UMR_WATCH_ALLOC_ID is the number of a block whose lines have
-// no limit and end in "(watched)"; 0, the first block, when it is not set. KXA_UMR_PRINT_ALLOC_SIZE,
+// no limit and whose first one ends in "(watched)"; 0, the first block, when it is not set. Lines after a
+// block's first say "Next_uninitializeded" and "Follow_initialized" and leave its number out. KXA_UMR_PRINT_ALLOC_SIZE,
 // unless 0, keeps to blocks of this size. Each variable is read once, when it is first needed:
 // whether the detector is on, at the first allocate that succeeds.
 //

@@ -10,6 +10,10 @@
 // more, 2000 for its text while it lives, 8 for good, and each Alloc and Free a capture; a table of
 // 8 MiB is there from the start. KXA_CALLSTACK_DEPTH bounds the lines of a stack.
 //
+// It goes with its last handle. A container that is itself never destroyed keeps one, and then nothing is
+// listed, of no block: in a search for leaks let containers that live as long as the program end first, or
+// own the object by no handle and delete it at the end.
+//
 // REQUESTS ARE NOT TESTED: where memory runs out the caller meets an access fault. For one thread at a
 // time. Sizes are bytes.
 #pragma once

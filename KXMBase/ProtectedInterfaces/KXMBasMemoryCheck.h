@@ -53,7 +53,8 @@ KXMBASMEM_API int (*locateMemCheckPrintf())(const char* format, ...);
 enum KXMBasMemoryScanType : int { KXMBasMemoryScanNan = 1 };
 
 /// Reports on standard output every one of `count` values that is a NaN by omi_isnan, in their order,
-/// with the names given. A null `values` or a count of 0 is no error, whatever the type.
+/// with the names given. That leaves out 0x7ff4000000000000, the signalling NaN of
+/// std::numeric_limits and of gfortran's -finit-real=snan: poison with quiet ones. A null `values` or a count of 0 is no error, whatever the type.
 KXMBASMEM_API void KXMBasMemoryScan(char const* name, double const* values, std::uint64_t count,
                                     KXMBasMemoryScanType type, char const* file, int line);
 

@@ -22,7 +22,8 @@ public:
     KXMBasPhaseTracker& operator=(KXMBasPhaseTracker&& other);
 
     /// Opens the phase of a marker that ends in "art", of at most 40 characters with the six of
-    /// " Start", and closes the top phase at one that ends in "End", whatever its name. All others, and
+    /// " Start", and closes the top phase at one that ends in "End", whatever its name. Only the ends
+    /// are looked at: "Restart" opens "R", and a text of 3 to 5 characters a phase without a name. All others, and
     /// those of other threads than the one that loaded the library, are ignored.
     static void SaveMarker(char const* text);
 

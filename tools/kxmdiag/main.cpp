@@ -7,6 +7,7 @@
 
 #include <CLI/CLI.hpp>
 
+#include <algorithm>
 #include <cstdio>
 #include <functional>
 #include <map>
@@ -38,13 +39,34 @@ void print_json(const std::vector<Section>& sections) {
     std::printf("\n}\n");
 }
 
-void add_facts(CLI::App& app, Run& run, const char* name, const char* help,
-               const std::function<std::vector<Section>()>& sections) {
+int settings_status(const std::vector<Setting>& all) {
+    return std::all_of(all.begin(), all.end(), [](const Setting& setting) { return setting.valid; })
+               ? done
+               : problem_found;
+}
+
+/// The variables that are set, as facts.
+Section settings_in_force() {
+    Section section{"Settings", {}};
+    for (const Setting& setting : settings()) {
+        if (setting.set && setting.name != "PATH") {
+            section.facts.push_back(
+                {setting.name,
+                 setting.value + (setting.valid ? "" : "  NOT VALID: " + setting.remark)});
+        }
+    }
+    return section;
+}
+
+void add_facts(
+    CLI::App& app, Run& run, const char* name, const char* help,
+    const std::function<std::vector<Section>()>& sections,
+    const std::function<int()>& status = [] { return done; }) {
     CLI::App* const command = app.add_subcommand(name, help);
     const auto json = std::make_shared<bool>(false);
     command->add_flag("--json", *json, "Write JSON");
-    command->callback([&run, json, sections] {
-        run = [json, sections] {
+    command->callback([&run, json, sections, status] {
+        run = [json, sections, status] {
             if (*json) {
                 print_json(sections());
             } else {
@@ -52,7 +74,7 @@ void add_facts(CLI::App& app, Run& run, const char* name, const char* help,
                     print(section);
                 }
             }
-            return done;
+            return status();
         };
     });
 }
@@ -101,9 +123,7 @@ void print_settings_json(const std::vector<Setting>& all, const std::vector<std:
 int show_settings(bool all, bool json) {
     const std::vector<Setting> known = settings();
     const std::vector<std::string> unknown = unknown_variables(known);
-    const auto wrong = std::find_if(known.begin(), known.end(),
-                                    [](const Setting& setting) { return !setting.valid; });
-    const int status = wrong == known.end() ? done : problem_found;
+    const int status = settings_status(known);
     if (json) {
         print_settings_json(known, unknown);
         return status;
@@ -188,7 +208,10 @@ void add_faults(CLI::App& app, Run& run) {
 int commit(const std::string& name) {
     const Violation* const violation = find_violation(name);
     if (violation == nullptr) {
-        std::fprintf(stderr, "kxmdiag: there is no fault \"%s\". There are:\n", name.c_str());
+        if (!name.empty()) {
+            std::fprintf(stderr, "kxmdiag: there is no fault \"%s\".\n", name.c_str());
+        }
+        std::fprintf(stderr, "The deliberate faults:\n");
         list_faults(stderr);
         return wrong_usage;
     }
@@ -203,7 +226,7 @@ void add_fault(CLI::App& app, Run& run) {
     CLI::App* const command = app.add_subcommand(
         "fault", "Commits one of them in this process, which may not survive it");
     const auto name = std::make_shared<std::string>();
-    command->add_option("NAME", *name, "As kxmdiag faults lists it")->required();
+    command->add_option("NAME", *name, "As kxmdiag faults lists it");
     command->callback([&run, name] { run = [name] { return commit(*name); }; });
 }
 
@@ -216,6 +239,7 @@ int show_all() {
     const int status = show_settings(false, false);
     std::printf("\n");
     print(machine());
+    std::printf("\nAddress space, first 2 GiB, in bytes\n");
     std::fflush(stdout);
     mem_ScanMemory(MEM_SCAN_SUMMARY_ONLY, 2147483647);
     return status;
@@ -228,9 +252,11 @@ int main(int argc, char** argv) {
     app.set_version_flag("-V,--version", "kxmdiag " KXMDIAG_VERSION);
     app.require_subcommand(0, 1);
     app.set_help_all_flag("--help-all", "Help of all commands");
-    app.footer(
-        "Without a command: versions, back end, settings, machine, address space.\n"
-        "Exit status: 0 done; 1 a setting is not valid; 2 usage. A fault may end the process.");
+    app.footer("Without a command: versions, back end, settings, machine, address space.\n"
+               "Exit status: 0 done; 1 a setting is not valid, where settings are shown, or the "
+               "output is lost;\n"
+               "2 usage. A fault may end the process.");
+    app.failure_message(CLI::FailureMessage::help); // an unknown word gets the list of commands
     Run run = show_all;
     add_facts(app, run, "memory", "Memory of the machine and of this process, in mebibytes",
               [] { return std::vector{machine()}; });
@@ -240,10 +266,13 @@ int main(int argc, char** argv) {
               [] { return std::vector{back_end()}; });
     add_facts(app, run, "versions", "Of this command, the library, the system",
               [] { return std::vector{versions()}; });
-    add_facts(app, run, "report", "Versions, back end and machine together, for a problem report",
-              [] {
-                  return std::vector{versions(), back_end(), machine()};
-              });
+    add_facts(
+        app, run, "report",
+        "Versions, back end, settings and machine together, for a problem report",
+        [] {
+            return std::vector{versions(), back_end(), settings_in_force(), machine()};
+        },
+        [] { return settings_status(settings()); });
     add_faults(app, run);
     add_fault(app, run);
     try {
