@@ -190,7 +190,9 @@ TEST(Runs, UnderMemcheckAsTheTableSays) {
                                    "KXMBasMemoryCheckVarINT", "KXMBasMemoryCheckVarINT64"}) {
         EXPECT_EQ(kinds_reported(xml, name), "UninitCondition") << name;
     }
-    EXPECT_EQ(between(xml, "<error>", "</error>").size(), 4U);
+    for (const std::string& error : between(xml, "<error>", "</error>")) { // and nobody else
+        EXPECT_NE(error.find("<fn>KXMBasMemoryCheckVar"), std::string::npos) << error;
+    }
     EXPECT_EQ(xml.find("<count>2</count>"), std::string::npos);
 }
 
