@@ -99,6 +99,14 @@ std::string end_of(const ChildResult& result) {
     }
 }
 
+/// A cell may name two outcomes, "abort or access fault", where what lies in memory decides.
+bool admits(const std::string& cell, const std::string& outcome) {
+    const std::size_t between_them = cell.find(" or ");
+    return cell == outcome ||
+           (between_them != std::string::npos &&
+            (cell.substr(0, between_them) == outcome || cell.substr(between_them + 4) == outcome));
+}
+
 /// Runs every fault that needs no ground of its own, a few at a time, and compares a column.
 void expect_column(const std::string& column,
                    const std::function<std::string(const std::string& name)>& outcome) {
@@ -124,8 +132,10 @@ void expect_column(const std::string& column,
     }
     for (std::size_t i = 0; i < names.size(); ++i) {
         const auto row = table().find(names[i]);
-        EXPECT_EQ(row == table().end() ? "no row" : row->second.at(column), outcomes[i])
-            << "docs/faults.md, " << names[i] << ", " << column;
+        ASSERT_TRUE(row != table().end()) << "docs/faults.md has no " << names[i];
+        EXPECT_TRUE(admits(row->second.at(column), outcomes[i]))
+            << "docs/faults.md, " << names[i] << ", " << column << ": " << row->second.at(column)
+            << ", and it was: " << outcomes[i];
     }
 }
 
