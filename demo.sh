@@ -61,7 +61,7 @@ done | awk '{ printf "%-4s %16d %17.3f %20.1f %13.1f %9.2f\n",
 echo
 echo "== the heap, elements and nodes held as records in a cache pool, by identifiers"
 "$program" --backend heap --cache-pool --output demo-output/beam-records.vtu \
-    --json demo-output/beam-records.json "$mesh" 2>/dev/null | grep -A 3 "records:"
+    --json demo-output/beam-records.json "$mesh" | grep -A 3 "records:"
 echo "Handles take half of what pointers would; the job keeps its arrays too, so it holds the mesh twice here."
 echo "What the summary counts, in words of 4 bytes: docs/cache-pool.md"
 cmp demo-output/beam-heap.vtu demo-output/beam-records.vtu
@@ -103,7 +103,8 @@ KXA_MEM_TRACK=1 KXA_MEM_OUTPUTDIR=demo-output "$program" --backend heap --tracki
     grep '^Tracking'
 build/linux/bin/memtrack report -n 5 demo-output/beam
 echo
-echo "The files, 190 MB, are demo-output/beam.memT* and beam.phaseStack; they may be deleted."
+size=$(du -ch demo-output/beam.memT* demo-output/beam.phaseStack | tail -n 1 | cut -f 1)
+echo "The files, $size, are demo-output/beam.memT* and beam.phaseStack; they may be deleted."
 # The page is left out of a build that npm could not fetch its chart library for.
 if build/linux/bin/memtrack html --quiet --force --output demo-output/beam.html demo-output/beam; then
     echo "The same as a page, to look into with a browser: demo-output/beam.html"
