@@ -173,7 +173,7 @@ TEST_F(Replay, AgreesWithTheModel) {
                 for (const std::string& p : paths) {
                     if (is_in(path, p) && !is_in(where[events[i].thread], p)) {
                         if (nodes[p].entries++ == 0) {
-                            nodes[p].held_at_entry = nodes[p].peak_within = before;
+                            nodes[p].held_at_entry = before;
                             nodes[p].first_event = i;
                         }
                     } else if (!is_in(path, p) && is_in(where[events[i].thread], p)) {
@@ -182,6 +182,11 @@ TEST_F(Replay, AgreesWithTheModel) {
                     }
                 }
                 where[events[i].thread] = path;
+                for (const std::string& p : paths) { // also where it is entered once more
+                    if (is_in(path, p)) {
+                        nodes[p].peak_within = std::max(nodes[p].peak_within, before);
+                    }
+                }
             }
             model.step(events, i);
             ++by_type[static_cast<std::size_t>(events[i].type)];

@@ -205,11 +205,10 @@ TEST_F(Damaged, PhaseEventsAreToldToo) {
 
 // What the fuzzer begins with, and what it once failed on.
 TEST(FuzzInputs, AreReadWithoutHarm) {
-    const std::string folder = test::scratch_folder("fuzz_inputs");
     for (const auto& input : std::filesystem::directory_iterator(MEMTRACK_INPUTS)) {
         std::ifstream file(input.path(), std::ios::binary);
         const std::string bytes(std::istreambuf_iterator<char>(file), {});
-        test::read_fuzz_input(folder, bytes);
+        test::read_fuzz_input(bytes);
     }
 }
 

@@ -2,12 +2,11 @@
 // the reading thread and the consumer; `slots` pieces are on their way at most.
 #include "event_reader.h"
 
+#include "input_files.h"
+
 #include <algorithm>
 #include <condition_variable>
-#include <cstdio>
-#include <filesystem>
 #include <mutex>
-#include <system_error>
 #include <thread>
 
 namespace memtrack {
@@ -29,17 +28,6 @@ struct Slot {
     std::int32_t file = 0;
     std::uint64_t offset = 0; // of records[0]
 };
-
-struct CloseFile {
-    void operator()(std::FILE* file) const { std::fclose(file); }
-};
-using File = std::unique_ptr<std::FILE, CloseFile>;
-
-std::uint64_t size_of_file(const std::string& name) {
-    std::error_code error;
-    const auto size = std::filesystem::file_size(name, error);
-    return error ? 0 : size;
-}
 
 std::string name_of(const std::string& base, std::int32_t number) {
     return base + ".memT" + std::to_string(number);
@@ -71,7 +59,7 @@ private:
     std::vector<std::int32_t> numbers_;
     std::size_t next_file_ = 0; // in numbers_
     std::int32_t number_ = 0;   // of the present file
-    File file_;
+    std::unique_ptr<InputFile> file_;
     std::int32_t claimed_ = 0, read_ = 0; // records of the present file
     std::uint64_t next_number_ = 0;       // that the next record should have
     std::size_t gaps_ = 0, bad_types_ = 0;
@@ -125,7 +113,7 @@ bool Producer::open_next(Slot& slot) {
 
 void Producer::begin_file(Slot& slot) {
     const std::string name = name_of(base_, number_);
-    file_.reset(std::fopen(name.c_str(), "rb"));
+    file_ = input_files().open(name);
     claimed_ = read_ = 0;
     last_was_full_ = false;
     if (!file_) {
@@ -133,9 +121,8 @@ void Producer::begin_file(Slot& slot) {
         last_was_full_ = skipped_ = true;
         return;
     }
-    std::setvbuf(file_.get(), nullptr, _IONBF, 0);
-    const std::uint64_t size = size_of_file(name);
-    if (std::fread(&claimed_, 1, count_bytes, file_.get()) != count_bytes) {
+    const std::uint64_t size = file_->size();
+    if (file_->read(&claimed_, count_bytes) != count_bytes) {
         claimed_ = 0;
         note(slot, 0, "too short for its count of records: the run was cut off there");
     } else if (claimed_ < 1 || claimed_ > full_file) {
@@ -184,8 +171,7 @@ bool Producer::fill(Slot& slot) {
         slot.records.resize(wanted);
     }
     slot.offset = count_bytes + static_cast<std::uint64_t>(read_) * sizeof(Transaction);
-    const std::size_t bytes =
-        std::fread(slot.records.data(), 1, wanted * sizeof(Transaction), file_.get());
+    const std::size_t bytes = file_->read(slot.records.data(), wanted * sizeof(Transaction));
     const std::size_t records = bytes / sizeof(Transaction);
     if (records < wanted) {
         note(slot, slot.offset + records * sizeof(Transaction), "cannot be read from here on");
@@ -377,7 +363,7 @@ std::string EventReader::file_name(std::int32_t number) const {
 std::uint64_t transaction_bytes(const std::string& base) {
     std::uint64_t bytes = 0;
     for (const std::int32_t number : numbered_files(base, ".memT")) {
-        bytes += size_of_file(name_of(base, number));
+        bytes += input_files().size(name_of(base, number));
     }
     return bytes;
 }
