@@ -1,6 +1,7 @@
 // Damaged, missing and foreign files: each is told with its name and offset, what can be read is read, and
 // the program ends with its status for it.
 #include "event_reader.h"
+#include "figures.h"
 #include "fuzz_input.h"
 #include "json.h"
 #include "recording.h"
@@ -78,6 +79,8 @@ TEST_F(Damaged, IsToldAndReadAsFarAsItGoes) {
          full + 10, ".memT1, byte 0: begins with the number 1668180259"},
         {"a gap in ids", change([](Events& e) { e[4].id += 6, e[5].id += 6; }), 2 * full + 10,
          ".memT2, byte 164: event 262148 is missing, 262154 stands in its place"},
+        {"a single id that is wrong", change([](Events& e) { e[4].id = 1 << 30; }), 2 * full + 10,
+         ".memT2, byte 164: event 262148 has the wrong id 1073741824"},
         {"an unknown type", change([](Events& e) { e[4].type = Type{9}; }), 2 * full + 9,
          ".memT2, byte 164: event 262148 has the unknown type 9"},
         {"a missing middle file", [&] { std::filesystem::remove(memT(1)); }, full + 10,
@@ -95,6 +98,7 @@ TEST_F(Damaged, IsToldAndReadAsFarAsItGoes) {
              for (int i : {0, 1, 2}) {
                  std::filesystem::remove(memT(i));
              }
+             std::filesystem::remove(base_ + ".phaseStack");
          },
          0, ".memT0, byte 0: there is no such file"},
         {"a missing table of phases", [&] { std::filesystem::remove(base_ + ".phaseStack"); },
@@ -153,6 +157,8 @@ TEST_F(Damaged, WholeRunsHaveNothingToTell) {
     EXPECT_FALSE(reader.next(batch)) << "again";
     EXPECT_EQ(reader.files(), 2);
     EXPECT_TRUE(problems.empty());
+    test::write_phases(base_ + "2", {"ROOT"}); // all that a run without an event leaves
+    EXPECT_TRUE(memtrack::take_figures(base_ + "2", problems).complete);
     memtrack::EventReader abandoned(base_, problems); // and gone with most of it unread
     EXPECT_TRUE(abandoned.next(batch));
 }

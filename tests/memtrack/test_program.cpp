@@ -141,6 +141,13 @@ TEST_F(Program, ComparesRunsAndKeepsAGate) {
                   .text,
               "leaks");
     EXPECT_EQ(call({"diff", base_, folder_ + "none", "--fail-if", "leaks"}).exit_code, 1);
+    // Ranks: sums of 2 x 1000 and of 1000 + 1100, each with 24 of the root.
+    const JsonValue jobs = json({"diff", base_, base_, "--to", other, base_});
+    EXPECT_EQ(jobs["figures"]["left_bytes"]["a"].text, "2048");
+    EXPECT_EQ(jobs["figures"]["left_bytes"]["b"].text, "2148");
+    EXPECT_EQ(jobs["b"][0].text, other);
+    EXPECT_EQ(call({"diff", base_, base_, "--to", other, base_, "--fail-if", "peak"}).exit_code, 3);
+    EXPECT_EQ(call({"diff", base_, "--to", other, base_, "--fail-if", "leaks+1KiB"}).exit_code, 3);
 }
 
 TEST_F(Program, MergesRanks) {
@@ -186,6 +193,7 @@ TEST_F(Program, KnowsItsUsage) {
              {"nothing", base_},
              {"report", base_, "--nothing"},
              {"diff", base_},
+             {"diff", base_, base_, base_},
              {"block", "here", base_},
              {"block", "0", base_},
              {"events", base_, "--id", "9..5"},

@@ -29,6 +29,11 @@ struct Slot {
     std::uint64_t offset = 0; // of records[0]
 };
 
+// Behind the last problem of a kind that is told.
+std::string most_told_text(std::size_t told) {
+    return told == most_told ? "; further ones are not told" : "";
+}
+
 std::string name_of(const std::string& base, std::int32_t number) {
     return base + ".memT" + std::to_string(number);
 }
@@ -74,7 +79,10 @@ bool Producer::open_next(Slot& slot) {
     if (numbers_.empty() && next_file_ == 0) {
         number_ = 0;
         ++next_file_;
-        note(slot, 0, "there is no such file");
+        // A run without an event ends with its table of phases alone.
+        if (input_files().open(base_ + ".phaseStack") == nullptr) {
+            note(slot, 0, "there is no such file");
+        }
         return false;
     }
     if (next_file_ >= numbers_.size()) {
@@ -206,14 +214,25 @@ void Producer::check_slowly(Slot& slot, std::size_t records) {
     for (std::size_t i = 0; i < records; ++i) {
         const Transaction& record = slot.records[i];
         const std::uint64_t offset = slot.offset + i * sizeof(Transaction);
-        const auto ahead = static_cast<std::int32_t>(static_cast<std::uint32_t>(record.id) -
-                                                     static_cast<std::uint32_t>(next_number_));
+        auto ahead = static_cast<std::int32_t>(static_cast<std::uint32_t>(record.id) -
+                                               static_cast<std::uint32_t>(next_number_));
+        // Where the next record goes on as if nothing were missing, this id alone is wrong.
+        const bool alone = ahead != 0 && i + 1 < records &&
+                           static_cast<std::uint32_t>(slot.records[i + 1].id) ==
+                               static_cast<std::uint32_t>(next_number_ + 1);
+        if (alone) {
+            ahead = 0;
+            if (++gaps_ <= most_told) {
+                note(slot, offset,
+                     "event " + std::to_string(next_number_) + " has the wrong id " +
+                         std::to_string(record.id) + most_told_text(gaps_));
+            }
+        }
         if (ahead != 0 && ++gaps_ <= most_told) {
             note(slot, offset,
                  "event " + std::to_string(next_number_) + " is missing, " +
                      std::to_string(static_cast<std::uint32_t>(record.id)) +
-                     " stands in its place" +
-                     (gaps_ == most_told ? "; further gaps are not told" : ""));
+                     " stands in its place" + most_told_text(gaps_));
         }
         // An id that lies behind is an older record's or damaged: counting goes on past it.
         next_number_ += static_cast<std::uint64_t>(std::max(ahead, 0));
@@ -222,8 +241,7 @@ void Producer::check_slowly(Slot& slot, std::size_t records) {
                 note(slot, offset,
                      "event " + std::to_string(next_number_) + " has the unknown type " +
                          std::to_string(static_cast<std::int32_t>(record.type)) +
-                         " and is left out" +
-                         (bad_types_ == most_told ? "; further ones are not told" : ""));
+                         " and is left out" + most_told_text(bad_types_));
             }
         } else if (const auto at = static_cast<std::uint32_t>(i);
                    !slot.stretches.empty() && slot.stretches.back().end == at && ahead == 0) {
