@@ -79,6 +79,13 @@ TEST_F(Damaged, IsToldAndReadAsFarAsItGoes) {
          full + 10, ".memT1, byte 0: begins with the number 1668180259"},
         {"a gap in ids", change([](Events& e) { e[4].id += 6, e[5].id += 6; }), 2 * full + 10,
          ".memT2, byte 164: event 262148 is missing, 262154 stands in its place"},
+        {"what is wrong behind a gap", change([](Events& e) {
+             for (std::size_t i = 4; i < 10; ++i) {
+                 e[i].id += 6;
+             }
+             e[9] = {8, 0, Type::free_, e[9].id, memtrack::no_size, 0, 0};
+         }),
+         2 * full + 10, ".memT2, byte 364: event 262159 releases 0x8"},
         {"a single id that is wrong", change([](Events& e) { e[4].id = 1 << 30; }), 2 * full + 10,
          ".memT2, byte 164: event 262148 has the wrong id 1073741824"},
         {"an unknown type", change([](Events& e) { e[4].type = Type{9}; }), 2 * full + 9,
@@ -132,6 +139,7 @@ TEST_F(Damaged, IsToldAndReadAsFarAsItGoes) {
         EXPECT_NE(run.err.find(one.told), std::string::npos) << run.err;
         const test::JsonValue json = test::read_json(run.out);
         EXPECT_EQ(json["events"].number, static_cast<double>(one.events));
+        EXPECT_LT(json["peak"]["bytes"].number, 1e6);
         EXPECT_FALSE(json["complete"].flag);
         EXPECT_FALSE(json["ranks"][0]["complete"].flag);
         EXPECT_GE(json["problems"].items.size(), 3U); // this, and the two of the missing rank
