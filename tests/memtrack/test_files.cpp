@@ -139,7 +139,7 @@ TEST_F(Damaged, IsToldAndReadAsFarAsItGoes) {
         EXPECT_NE(run.err.find(one.told), std::string::npos) << run.err;
         const test::JsonValue json = test::read_json(run.out);
         EXPECT_EQ(json["events"].number, static_cast<double>(one.events));
-        EXPECT_LT(json["peak"]["bytes"].number, 1e6);
+        EXPECT_LT(json["allocated"]["bytes"].number, 1e6);
         EXPECT_FALSE(json["complete"].flag);
         EXPECT_FALSE(json["ranks"][0]["complete"].flag);
         EXPECT_GE(json["problems"].items.size(), 3U); // this, and the two of the missing rank
