@@ -17,7 +17,7 @@ for argument in ("--headless=new", "--no-sandbox", "--disable-gpu", "--hide-scro
 browser = webdriver.Chrome(options=options, service=Service(shutil.which("chromedriver")))
 try:
     for name, theme, top, bottom in (("page", "light", "head", "run"),
-                                     ("page-dark", "dark", "by-phase", "follow-line")):
+                                     ("page-dark", "dark", "by-phase", "thread-table")):
         browser.execute_cdp_cmd("Emulation.setDeviceMetricsOverride", {
             "width": 1200, "height": 900, "deviceScaleFactor": 1, "mobile": False})
         browser.execute_cdp_cmd("Emulation.setEmulatedMedia", {
@@ -27,7 +27,7 @@ try:
         # From above the one element to below the other, whole, however high that is.
         begin, end = browser.execute_script("""
             const box = (id) => document.getElementById(id).getBoundingClientRect();
-            return [Math.max(0, box(arguments[0]).top - 16), box(arguments[1]).bottom + 16];
+            return [Math.max(0, box(arguments[0]).top - 12), box(arguments[1]).bottom + 12];
         """, top, bottom)
         picture = browser.execute_cdp_cmd("Page.captureScreenshot", {
             "captureBeyondViewport": True,
