@@ -184,6 +184,8 @@ TEST_F(Replay, AgreesWithTheModel) {
                     } else if (!is_in(path, p) && is_in(where[events[i].thread], p)) {
                         nodes[p].inclusive.at_exit =
                             model.sum([&](const auto& b) { return is_in(path_of(b.stack), p); });
+                        nodes[p].own.at_exit =
+                            model.sum([&](const auto& b) { return path_of(b.stack) == p; });
                     }
                 }
                 where[events[i].thread] = path;
@@ -253,6 +255,7 @@ TEST_F(Replay, AgreesWithTheModel) {
             for (const auto& [thread, there] : where) {
                 if (is_in(there, path)) {
                     expected.inclusive.at_exit = left; // open when the run ended
+                    expected.own.at_exit = node.own.held;
                 }
             }
             EXPECT_EQ(node.entries, expected.entries);
@@ -262,6 +265,9 @@ TEST_F(Replay, AgreesWithTheModel) {
             EXPECT_EQ(node.inclusive.high, expected.inclusive.high);
             EXPECT_EQ(node.inclusive.allocated, expected.inclusive.allocated);
             EXPECT_EQ(node.inclusive.at_exit, expected.inclusive.at_exit);
+            EXPECT_EQ(node.own.at_exit, expected.own.at_exit);
+            EXPECT_EQ(node.own.held,
+                      model.sum([&](const auto& b) { return path_of(b.stack) == path; }));
             EXPECT_EQ(node.inclusive.held, left);
         }
     }

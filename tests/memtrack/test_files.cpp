@@ -152,6 +152,8 @@ TEST_F(Damaged, IsToldAndReadAsFarAsItGoes) {
 TEST_F(Damaged, WholeRunsHaveNothingToTell) {
     write(0, full);
     write(1, 1);
+    write_bytes(base_ + ".memT01", "no file of a recorder's"); // nor these
+    write_bytes(base_ + ".memT-1", "");
     Problems problems;
     memtrack::EventReader reader(base_, problems);
     memtrack::Batch batch;
@@ -165,7 +167,9 @@ TEST_F(Damaged, WholeRunsHaveNothingToTell) {
     EXPECT_FALSE(reader.next(batch)) << "again";
     EXPECT_EQ(reader.files(), 2);
     EXPECT_TRUE(problems.empty());
-    test::write_phases(base_ + "2", {"ROOT"}); // all that a run without an event leaves
+    const std::string far = "ROOT->" + std::string(3000, 'p');
+    test::write_phases(base_ + "2", {"ROOT", far}); // all that a run without an event leaves
+    EXPECT_EQ(memtrack::PhaseTable(base_ + "2", problems).path(1), far);
     EXPECT_TRUE(memtrack::take_figures(base_ + "2", problems).complete);
     memtrack::EventReader abandoned(base_, problems); // and gone with most of it unread
     EXPECT_TRUE(abandoned.next(batch));

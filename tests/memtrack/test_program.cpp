@@ -1,6 +1,7 @@
 // The program as a user calls it: what its commands tell of a small run whose figures are known, exit
 // statuses, output files, and JSON that a strict reader takes.
 #include "json.h"
+#include "output.h"
 #include "recording.h"
 
 #include <gtest/gtest.h>
@@ -161,7 +162,9 @@ TEST_F(Program, MergesRanks) {
     EXPECT_EQ(left["minimum"].text + " " + left["mean"].text + " " + left["maximum"].text,
               "1024 1524 2024");
     EXPECT_TRUE(left["maximum_of"].text.ends_with("other"));
-    EXPECT_EQ(json({"phases", base_, other})["phases"][0]["events"].text, "4");
+    const JsonValue root = json({"phases", base_, other})["phases"][0];
+    EXPECT_EQ(root["events"].text, "4");
+    EXPECT_EQ(root["entries"].text, "4"); // by two threads of each
     const JsonValue leaks = json({"leaks", base_, other});
     EXPECT_EQ(leaks["blocks"][0]["bytes"].text, "2000");
     EXPECT_EQ(leaks["blocks"].items.size(), 4U);
@@ -184,6 +187,19 @@ TEST_F(Program, WritesFilesAndRefusesToWriteOver) {
     EXPECT_EQ(run.err, "");
     EXPECT_NE(std::filesystem::file_size(file), size);
     EXPECT_EQ(call({"leaks", base_, "-o", folder_ + "no/such/folder"}).exit_code, 2);
+}
+
+TEST(Texts, AreFitForTerminalsAndReaders) {
+    std::string text;
+    memtrack::Output(text).print("%s\n", "a\x1b[2J\x7f\xc3\xb6");
+    EXPECT_EQ(text, "a?[2J?\xc3\xb6\n");
+    text.clear();
+    memtrack::Output(text).print("%s", std::string(5000, 'x').c_str());
+    EXPECT_EQ(text, std::string(5000, 'x'));
+    EXPECT_EQ(memtrack::json_quoted("\x1f\xed\xa0\x80"),
+              "\"\\u001f\xEF\xBF\xBD\xEF\xBF\xBD\xEF\xBF\xBD\"");
+    EXPECT_EQ(memtrack::human_bytes(1048575), "1.00 MiB"); // not 1024.0 KiB
+    EXPECT_EQ(memtrack::human_bytes(1023), "1023 bytes");
 }
 
 TEST_F(Program, KnowsItsUsage) {
