@@ -123,11 +123,12 @@ if command -v mpirun >/dev/null 2>&1 && [ -x build/linux/bin/elasticity_mpi ]; t
     rm -f demo-output/ranks.*
     ranks -n 3 -x KXA_MEM_TRACK=1 -x KXA_MEM_OUTPUTDIR=demo-output build/linux/bin/elasticity_mpi \
         --backend heap --tiny-pool --memory-limit 120 --tracking ranks \
-        --output demo-output/ranks.vtu "$mesh" | grep -e '^deflection' -e '^difference' -A 3 -e '^rank '
+        --output demo-output/ranks.vtu "$mesh" |
+        grep -e '^deflection' -e '^difference' -e '^rank ' -e '^[0-9] '
     echo
     echo "What memtrack reads from the three records together:"
     build/linux/bin/memtrack report -n 3 demo-output/ranks.0 demo-output/ranks.1 demo-output/ranks.2 |
-        grep -e ' ranks: ' -e '^Peak' -e '^Over' -A 3
+        grep --no-group-separator -e ' ranks: ' -e '^Peak' -e '^Over' -A 3
     size=$(du -ch demo-output/ranks.*.memT* | tail -n 1 | cut -f 1)
     echo "The files, $size, are demo-output/ranks.*; they may be deleted. The result is ranks.pvtu."
 else
