@@ -65,6 +65,13 @@ need_test_packages() {
     # What opens memtrack's exports, and allocators that its replay compares with.
     need_packages python3 python3-jsonschema valgrind heaptrack protobuf-compiler nodejs
     need_packages libjemalloc2 libmimalloc2.0 libtcmalloc-minimal4
+    need_package_packages
+    need_packages man-db mandoc
+}
+
+# What makes the packages, with man pages and the reference, and what looks at them.
+need_package_packages() {
+    need_packages python3 dpkg-dev file doxygen lintian
 }
 
 # For the test that opens memtrack's page; without them it says that it is skipped.

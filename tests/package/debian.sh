@@ -69,7 +69,7 @@ fi
 if [ "${1:-}" = --view ]; then
     script=$2 packages=$3 client=$4 version=$5 work=$6
     view=$work/view
-    mount -t tmpfs tmpfs "$work"
+    mount -t tmpfs tmpfs "$work" 2>/dev/null || exit 77
     mkdir -p "$view" "$work/upper" "$work/inner"
     mount -t overlay overlay -o "lowerdir=/,upperdir=$work/upper,workdir=$work/inner" "$view" 2>/dev/null &&
         chroot "$view" sh -c 'command -v cmake dpkg gfortran' >/dev/null || exit 77
