@@ -14,7 +14,7 @@ cd "$(dirname "$0")"
 # pack PRESET: what cpack makes of a build
 pack() {
     preset=$1
-    build "$preset" kxm_installed
+    build "$preset" kxm_installed docs
     echo "== packages: $preset"
     cpack --config "build/$preset/CPackConfig.cmake" -B build/packages >>"build/$preset.log" 2>&1 || {
         tail -n 40 "build/$preset.log" >&2

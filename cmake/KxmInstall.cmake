@@ -52,7 +52,11 @@ foreach(name kxmbasmem kxmbasmem-fortran)
           COMPONENT ${kxm_component_of_${name}})
 endforeach()
 
-install(DIRECTORY docs/ DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT documents)
+install(DIRECTORY docs/ DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT documents
+        FILES_MATCHING PATTERN "*.md" PATTERN "*.png" PATTERN "*.svg")
+install(DIRECTORY examples/adopting DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples COMPONENT documents)
+install(DIRECTORY ${PROJECT_BINARY_DIR}/reference/html/ DESTINATION ${CMAKE_INSTALL_DOCDIR}/reference
+        COMPONENT documents OPTIONAL) # when the target docs was built
 install(FILES CHANGELOG.md DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT documents)
 
 # What is installed, and nothing else.

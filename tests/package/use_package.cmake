@@ -39,6 +39,17 @@ foreach(program c_client cxx_client global_new_client fortran_client)
   endif()
 endforeach()
 
+# The programs of the documents, as they are installed.
+list(TRANSFORM options REPLACE "^${CLIENT}$" ${WORK}/prefix/share/doc/kxmbasmem/examples/adopting)
+list(TRANSFORM options REPLACE "^${WORK}/build$" ${WORK}/adopting)
+run(COMMAND ${CMAKE_COMMAND} ${options} --no-warn-unused-cli)
+run(COMMAND ${CMAKE_COMMAND} --build ${WORK}/adopting)
+run(COMMAND ${EMULATOR} ${WORK}/adopting/plate_pools${suffix} 20 OUTPUT out
+    ENVIRONMENT WINEPATH=${WORK}/prefix/bin)
+if(NOT out STREQUAL "0.0738")
+  message(FATAL_ERROR "plate_pools printed '${out}'")
+endif()
+
 run(COMMAND ${EMULATOR} ${WORK}/prefix/bin/memtrack${suffix} --help OUTPUT out)
 if(NOT out MATCHES "Usage: .*memtrack")
   message(FATAL_ERROR "memtrack printed '${out}'")
