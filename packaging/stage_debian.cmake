@@ -28,7 +28,7 @@ foreach(folder ${staged})
   file(GLOB_RECURSE pages ${folder}/usr/share/man/*.[1-9])
   run(gzip -9nf ${pages} ${folder}/${doc}/${package}/changelog)
 
-  file(GLOB_RECURSE files ${folder}/*)
+  file(GLOB_RECURSE files ${folder}/usr/bin/* ${folder}/usr/lib/*)
   foreach(file ${files})
     if(IS_SYMLINK ${file})
       continue()

@@ -59,7 +59,7 @@ if(TOOLCHAIN)
   set(environment WINEPATH=${WORK}/prefix/bin)
 endif()
 run(COMMAND ${EMULATOR} ${WORK}/prefix/bin/kxmdiag${suffix} OUTPUT out ENVIRONMENT ${environment})
-if(NOT out MATCHES "Versions.*Back end.*MEMORY USE SUMMARY" OR NOT out MATCHES "prefix.[a-z0-9]+.(lib)?KXMBasMem[.]")
+if(NOT out MATCHES "Versions.*Back end.*MEMORY USE SUMMARY" OR NOT out MATCHES "prefix[^\n]*(lib)?KXMBasMem[.]")
   message(FATAL_ERROR "kxmdiag printed '${out}'")
 endif()
 # Its helper finds the library that it replays with, and has nothing to read here.
