@@ -29,7 +29,9 @@ install(DIRECTORY ${PROJECT_BINARY_DIR}/modules/
         DESTINATION ${CMAKE_INSTALL_LIBDIR}/fortran/modules COMPONENT fortran
         FILES_MATCHING PATTERN "*.mod")
 # Module files are one compiler's own; another one makes them from the source.
-install(FILES bindings/kxmbasmem.f90 bindings/kxm_unit7.f90 bindings/kxm_unit7_binding.cpp
+install(FILES bindings/kxmbasmem.f90 bindings/kxm_arrays.F90 bindings/kxm_arrays_type.inc
+              bindings/kxm_tracking.f90 bindings/kxm_checks.f90 bindings/kxm_fortran_binding.cpp
+              bindings/kxm_unit7.f90 bindings/kxm_unit7_binding.cpp
         DESTINATION ${CMAKE_INSTALL_DATADIR}/kxmbasmem COMPONENT fortran)
 if(KXM_RUNTIME_DLLS)
   install(FILES ${KXM_RUNTIME_DLLS} DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT runtime)
@@ -59,7 +61,10 @@ install(DIRECTORY ${PROJECT_BINARY_DIR}/reference/html/ DESTINATION ${CMAKE_INST
         COMPONENT documents OPTIONAL) # when the target docs was built
 install(FILES CHANGELOG.md DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT documents)
 
-# What is installed, and nothing else.
+# What is installed, and nothing else. The launcher is Linux's own.
+if(TARGET kxmrun)
+  list(APPEND kxm_tools kxmrun kxmrun_preload)
+endif()
 get_property(kxm_man_pages GLOBAL PROPERTY KXM_MAN_PAGE_FILES)
 add_custom_target(kxm_installed DEPENDS ${kxm_man_pages})
 add_dependencies(kxm_installed ${kxm_targets} KXMBasMem_Fortran ${kxm_tools})

@@ -85,6 +85,9 @@ set(CPACK_DEBIAN_DOCUMENTS_PACKAGE_ARCHITECTURE all)
 set(CPACK_DEBIAN_RUNTIME_DEBUGINFO_PACKAGE ON)
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_CONTROL_EXTRA
     "${PROJECT_SOURCE_DIR}/packaging/triggers;${CPACK_KXM_PACKAGING}/shlibs")
+if(TARGET kxmrun) # with a library to preload
+  set(CPACK_DEBIAN_TOOLS_PACKAGE_CONTROL_EXTRA ${PROJECT_SOURCE_DIR}/packaging/triggers)
+endif()
 # What is linked against this library needs it at least as new.
 file(WRITE ${CPACK_KXM_PACKAGING}/shlibs
   "libKXMBasMem ${PROJECT_VERSION_MAJOR} libkxmbasmem0 (>= ${PROJECT_VERSION})\n")

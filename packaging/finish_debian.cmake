@@ -2,7 +2,7 @@
 # trigger that does; they are taken out again.
 foreach(package ${CPACK_PACKAGE_FILES})
   get_filename_component(name ${package} NAME)
-  if(name MATCHES "^libkxmbasmem0_")
+  if(name MATCHES "^(libkxmbasmem0|kxmbasmem-tools)_")
     set(folder ${CPACK_TOPLEVEL_DIRECTORY}/unpacked)
     file(REMOVE_RECURSE ${folder})
     execute_process(COMMAND dpkg-deb -R ${package} ${folder} COMMAND_ERROR_IS_FATAL ANY)
