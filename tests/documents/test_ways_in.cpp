@@ -31,6 +31,18 @@ TEST(WaysIn, SolveTheSamePlateOnEveryBackEnd) {
     }
 }
 
+#ifdef KXMRUN_PROGRAM
+TEST(WaysIn, LauncherRunsTheProgramAsItWas) {
+    const test::ChildResult result = test::run_child(
+        {KXMRUN_PROGRAM, {"--limit", "1G", "--summary", "--", PLATE_PROGRAM, "60"}, {}});
+    EXPECT_EQ(result.exit_code, 0) << result.err;
+    EXPECT_EQ(result.out, "0.0737\n") << result.err;
+    EXPECT_NE(
+        test::run_child({KXMRUN_PROGRAM, {"--limit", "1M", "--", PLATE_PROGRAM}, {}}).exit_code, 0)
+        << "what it asks for does not fit";
+}
+#endif
+
 // The pools hold what the containers have: 60 elements a side have 59 * 59 rows of 9 entries.
 TEST(WaysIn, PoolsTellWhatWasHeld) {
     const test::ChildResult result = run("plate_pools", {{"KXQ_DLALLOCATOR", "1"}});

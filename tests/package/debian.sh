@@ -48,6 +48,10 @@ use() {
     for tool in kxmdiag memtrack memtrack-replay; do
         says "$tool $version" "$root/usr/bin/$tool" --version
     done
+    if [ -x "$root/usr/bin/kxmrun" ]; then
+        says "kxmrun $version" "$root/usr/bin/kxmrun" --version
+        says 42 "$root/usr/bin/kxmrun" --limit 1G -- "$work/c_alone"
+    fi
     "$root/usr/bin/kxmdiag" versions | grep -q "$root/$libraries/libKXMBasMem.so" ||
         fail "kxmdiag found another library"
 }
