@@ -7,6 +7,7 @@
 # The machine is left as it was. Root installs with dpkg into a copy-on-write view of the machine that ends with this
 # script; where that cannot be had, the packages are unpacked by dpkg into a folder of their own.
 set -eu
+PATH=$PATH:/usr/sbin:/sbin
 tell() { echo "== $*"; }
 fail() { echo "debian.sh: $*" >&2; exit 1; }
 says() { # says WHAT PROGRAM...: what the program must print
@@ -65,7 +66,8 @@ if [ "${1:-}" = --inside ]; then
     use "" "$here/client" "$version" "$here/work"
     dpkg -P libkxmbasmem0 libkxmbasmem-dev libkxmbasmem-fortran-dev kxmbasmem-tools kxmbasmem-doc \
         >"$here/log" 2>&1 || { cat "$here/log"; fail "dpkg -P"; }
-    [ -z "$(find /usr -iname '*kxmbas*')" ] || fail "left behind: $(find /usr -iname '*kxmbas*')"
+    left=$(find /usr -path /usr/local -prune -o -iname '*kxmbas*' -print)
+    [ -z "$left" ] || fail "left behind: $left"
     exit 0
 fi
 
@@ -110,6 +112,6 @@ tell "dpkg --root"
 root=$work/root
 mkdir -p "$root/var/lib/dpkg/updates" "$root/var/lib/dpkg/info" "$work/use"
 : >"$root/var/lib/dpkg/status"
-PATH=$PATH:/usr/sbin:/sbin dpkg --root="$root" --log=/dev/null --force-depends,not-root,script-chrootless -i "$work/packages"/*.deb \
-    >"$work/log" 2>&1 || { cat "$work/log"; fail "dpkg"; }
+dpkg --root="$root" --log=/dev/null --force-depends,not-root,script-chrootless \
+    -i "$work/packages"/*.deb     >"$work/log" 2>&1 || { cat "$work/log"; fail "dpkg"; }
 use "$root" "$client" "$version" "$work/use"
