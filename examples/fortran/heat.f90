@@ -226,7 +226,7 @@ contains
     end subroutine keep
 
     subroutine thin_out()
-        integer :: i, left
+        integer :: i, left, ignored
 
         interval = 2 * interval
         left = 0
@@ -242,7 +242,7 @@ contains
             nullify (kept(i)%t)
         end do
         snapshots = left
-        if (mem_trim(0_c_size_t) == 1) return ! what lies free goes back, too
+        ignored = mem_trim(0_c_size_t) ! what lies free goes back, too
     end subroutine thin_out
 
     ! Each product of three waves keeps its form and fades at a rate of its own, which is known exactly for

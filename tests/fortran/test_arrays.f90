@@ -2,12 +2,12 @@
 ! standard streams is looked at by the test that starts this program.
 program test_arrays
     use, intrinsic :: iso_c_binding
-    use, intrinsic :: iso_fortran_env, only: error_unit
     use, intrinsic :: ieee_arithmetic, only: ieee_quiet_nan, ieee_value
     use kxm_arrays
     use kxm_checks
     use kxm_tracking
     use kxmbasmem
+    use test_checks
     implicit none
 
     call kxm_begin_tracking('unused') ! all of these do nothing without the variable
@@ -22,15 +22,6 @@ program test_arrays
     print '(a)', 'all array checks passed'
 
 contains
-
-    subroutine check(good, what)
-        logical, intent(in) :: good
-        character(*), intent(in) :: what
-        if (.not. good) then
-            write (error_unit, '(2a)') 'failed: ', what
-            error stop 1
-        end if
-    end subroutine check
 
     ! Filled to the last element, side by side, none disturbs another: their sizes are right.
     subroutine every_type_and_rank()
