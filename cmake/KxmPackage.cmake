@@ -66,11 +66,12 @@ kxm_debian_package(runtime libkxmbasmem0 libs
 kxm_debian_package(development libkxmbasmem-dev libdevel
   "${what}This package has the headers, and the files of CMake and pkg-config.")
 kxm_debian_package(fortran libkxmbasmem-fortran-dev libdevel
-  "${what}This package has the Fortran module.")
+  "${what}This package has the Fortran modules.")
 kxm_debian_package(tools kxmbasmem-tools devel
 "The memtrack command reads what a run on the memory library recorded: peak,
 leaks, phases, comparisons, replays. The kxmdiag command tells which library
-and back end a solver would find, and what is wrong with its settings.")
+and back end a solver would find, and what is wrong with its settings. The
+kxmrun command runs a program, as it is, on the library.")
 kxm_debian_package(documents kxmbasmem-doc doc
 "How a solver moves onto the memory library, its settings, limits, recordings
 and figures, and a reference of its interfaces.")

@@ -113,5 +113,5 @@ root=$work/root
 mkdir -p "$root/var/lib/dpkg/updates" "$root/var/lib/dpkg/info" "$work/use"
 : >"$root/var/lib/dpkg/status"
 dpkg --root="$root" --log=/dev/null --force-depends,not-root,script-chrootless \
-    -i "$work/packages"/*.deb     >"$work/log" 2>&1 || { cat "$work/log"; fail "dpkg"; }
+    -i "$work/packages"/*.deb >"$work/log" 2>&1 || { cat "$work/log"; fail "dpkg"; }
 use "$root" "$client" "$version" "$work/use"
