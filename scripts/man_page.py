@@ -6,7 +6,7 @@ each of its commands), and a text with the sections that no help has.
 
 The text begins with the line of the page's NAME; then each line [SECTION] begins a section. An empty line ends
 a paragraph, lines that begin with blanks are shown as they stand, `this` is bold, and a line "- text" begins a
-list's item. OPTIONS and COMMANDS are put in behind DESCRIPTION, and its EXIT STATUS comes from the text as well.
+list's item. OPTIONS and COMMANDS are put in behind DESCRIPTION; a SYNOPSIS in the text stands for the help's.
 """
 import itertools
 import os
@@ -140,7 +140,8 @@ def man_page(program, text, version, date):
     _, usage, lists, footer = parse_help(help_of(program))
     page = [f'.TH {tool.upper()} 1 "{date}" "KXMBasMem {version}" "User Commands"',
             ".SH NAME", f"{escape(tool)} \\- {escape(name_line)}",
-            ".SH SYNOPSIS", f"\\fB{escape(usage)}\\fR"]
+            ".SH SYNOPSIS"]
+    page += paragraphs(sections.pop("SYNOPSIS", [f"`{usage}`"]))
     page += [".SH DESCRIPTION"] + paragraphs(sections.pop("DESCRIPTION"))
     for title in ("Positionals", "Options"):
         if lists.get(title):
