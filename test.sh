@@ -134,7 +134,7 @@ esac
 mkdir -p build
 need_test_packages
 # A test run is not to pass because a part was left out of the build.
-configure_options=-DKXM_MEMTRACK_HTML=ON
+configure_options="-DKXM_MEMTRACK_HTML=ON -DKXM_EXAMPLE_MPI=ON"
 case $what in
 windows | soak) ;;
 *) need_browser_packages ;;

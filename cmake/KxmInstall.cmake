@@ -17,10 +17,12 @@ install(DIRECTORY KXMBase/ProtectedInterfaces/ DESTINATION ${CMAKE_INSTALL_INCLU
 install(FILES KX0CORE/KX0CORE.h bindings/kxm_allocator.h bindings/kxm_cache_pool.h
               bindings/kxm_memory_resource.h bindings/kxm_utf8_names.h
         DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
-install(FILES ${PROJECT_BINARY_DIR}/modules/kxmbasmem.mod
-        DESTINATION ${CMAKE_INSTALL_LIBDIR}/fortran/modules)
+install(DIRECTORY ${PROJECT_BINARY_DIR}/modules/
+        DESTINATION ${CMAKE_INSTALL_LIBDIR}/fortran/modules FILES_MATCHING PATTERN "*.mod")
 # Module files are one compiler's own; another one makes them from the source.
-install(FILES bindings/kxmbasmem.f90 bindings/kxm_unit7.f90 bindings/kxm_unit7_binding.cpp
+install(FILES bindings/kxmbasmem.f90 bindings/kxm_arrays.F90 bindings/kxm_arrays_type.inc
+              bindings/kxm_tracking.f90 bindings/kxm_checks.f90 bindings/kxm_fortran_binding.cpp
+              bindings/kxm_unit7.f90 bindings/kxm_unit7_binding.cpp
         DESTINATION ${CMAKE_INSTALL_DATADIR}/kxmbasmem)
 if(KXM_RUNTIME_DLLS)
   install(FILES ${KXM_RUNTIME_DLLS} DESTINATION ${CMAKE_INSTALL_BINDIR})

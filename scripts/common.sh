@@ -65,6 +65,8 @@ need_test_packages() {
     # What opens memtrack's exports, and allocators that its replay compares with.
     need_packages python3 python3-jsonschema valgrind heaptrack protobuf-compiler nodejs
     need_packages libjemalloc2 libmimalloc2.0 libtcmalloc-minimal4
+    # The example job on several ranks.
+    need_packages libopenmpi-dev openmpi-bin
 }
 
 # For the test that opens memtrack's page; without them it says that it is skipped.

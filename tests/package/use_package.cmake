@@ -39,6 +39,20 @@ foreach(program c_client cxx_client global_new_client fortran_client)
   endif()
 endforeach()
 
+# A project of Fortran alone, which has no C++ compiler to link with.
+set(options -S ${CLIENT}/../fortran_only -B ${WORK}/fortran_only -G ${GENERATOR}
+            -DCMAKE_PREFIX_PATH=${WORK}/prefix -DEXPECTED_VERSION=${VERSION})
+if(TOOLCHAIN)
+  list(APPEND options -DCMAKE_TOOLCHAIN_FILE=${TOOLCHAIN} -DCMAKE_FIND_ROOT_PATH_MODE_PACKAGE=BOTH)
+endif()
+run(COMMAND ${CMAKE_COMMAND} ${options} ENVIRONMENT --unset=CXX)
+run(COMMAND ${CMAKE_COMMAND} --build ${WORK}/fortran_only)
+run(COMMAND ${EMULATOR} ${WORK}/fortran_only/fortran_only${suffix} OUTPUT out
+    ENVIRONMENT WINEPATH=${WORK}/prefix/bin)
+if(NOT out STREQUAL "42")
+  message(FATAL_ERROR "fortran_only printed '${out}'")
+endif()
+
 run(COMMAND ${EMULATOR} ${WORK}/prefix/bin/memtrack${suffix} --help OUTPUT out)
 if(NOT out MATCHES "Usage: .*memtrack")
   message(FATAL_ERROR "memtrack printed '${out}'")
