@@ -86,7 +86,7 @@ need_windows_packages() {
 }
 
 need_check_packages() {
-    need_packages clang-14 clang-format-14 libclang-rt-14-dev
+    need_packages clang-14 clang-format-14 libclang-rt-14-dev cppcheck
 }
 
 # build PRESET [TARGET...]; $configure_options goes to CMake.
