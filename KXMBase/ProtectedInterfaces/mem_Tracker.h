@@ -25,6 +25,10 @@
 #endif
 #define MEM_MAX_THREADS 64
 
+namespace kxm {
+struct TrackerRevival; // the library's own checks
+} // namespace kxm
+
 /// One event, in memory and on disk: 40 bytes, little-endian.
 struct KXMBASMEM_API mem_Transaction {
     enum TypeEnm {
@@ -105,6 +109,18 @@ public:
     void StartTracking();
     void StopTracking();
 
+    /// Writes the table of phases and what the last file lacks, and changes nothing else: what follows is
+    /// recorded as if nothing had been written, and overwrites it. Without events, nothing. For a process that may end at any
+    /// moment. `wait` for other threads to leave the tracker; without it, in a handler of a fatal signal,
+    /// a tenth of a second at most, and the calling thread may be in it itself. False when a file cannot
+    /// be written. pre: as for Finalize, a converter.
+    bool Save(bool wait);
+
+    // Around a fork, for the library: the tracker's lock. The child begins a record of its own, whose
+    // name is the parent's, a point and the child's process number; it has the parent's phases.
+    static void LockForFork();
+    static void UnlockAfterFork(bool in_child);
+
     int AddThread(); ///< hands out the next thread number
     int CurrTransactionId() const;
 
@@ -135,7 +151,10 @@ private:
     bool EnterPath(int thread, const char* path);
     void Tell(const char* text, int line);
     void FlushBuffer();
+    void NameFile(char* name, std::size_t capacity) const;
+    int WriteRecords(int file) const;
     bool WriteBuffer(int file);
+    void BeginAnewInChild();
 
     std::int32_t m_rank;
     char m_baseOutputName[e_baseNameSize];
@@ -161,8 +180,11 @@ private:
     mem_PtrHash m_untracked;
     bool m_tellingFatal;
 
+    friend struct kxm::TrackerRevival;
+
     static UseEnm m_useFlag;
     static mem_Tracker* m_instance;
+    static mem_Tracker* m_lockedForFork;
 };
 
 /// What an entry that keeps `cached` keeps next: on while the tracker is on; once off, always off.

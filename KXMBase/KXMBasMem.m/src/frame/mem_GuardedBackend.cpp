@@ -5,11 +5,11 @@
 
 #include <cstdint>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <limits>
 
 #include "platform/compiler.h"
+#include "platform/os.h"
 
 namespace {
 
@@ -105,16 +105,16 @@ void* block_of(void* ptr) {
 } // namespace
 
 void* myMalloc(std::size_t size) {
-    return dress(std::malloc(with_overhead(size)), size);
+    return dress(os::runtime_allocator.malloc(with_overhead(size)), size);
 }
 
 void myFree(void* ptr) {
     if (ptr == nullptr) {
-        std::free(nullptr);
+        os::runtime_allocator.free(nullptr);
         return;
     }
     check_guards(Entry::free, ptr);
-    std::free(block_of(ptr));
+    os::runtime_allocator.free(block_of(ptr));
 }
 
 void* myRealloc(void* ptr, std::size_t size) {
@@ -123,7 +123,7 @@ void* myRealloc(void* ptr, std::size_t size) {
         check_guards(Entry::realloc, ptr);
         old = block_of(ptr);
     }
-    return dress(std::realloc(old, with_overhead(size)), size);
+    return dress(os::runtime_allocator.realloc(old, with_overhead(size)), size);
 }
 
 void* myCalloc(std::size_t count, std::size_t size) {
@@ -134,5 +134,5 @@ void* myCalloc(std::size_t count, std::size_t size) {
     const bool wraps =
         size != 0 && (rounding > size_max - overhead || total > size_max - overhead - rounding);
     const std::size_t elements = wraps ? size_max : quotient(total + overhead + rounding, size);
-    return dress(std::calloc(elements, size), total);
+    return dress(os::runtime_allocator.calloc(elements, size), total);
 }

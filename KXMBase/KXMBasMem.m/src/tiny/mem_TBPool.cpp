@@ -19,6 +19,7 @@
 mem_TBPool* mem_TBPool::theInstance = nullptr;
 mem_mlock mem_TBPool::theLock{};
 bool mem_TBPool::m_useThreadLock = false;
+bool mem_TBPool::m_lockedForFork = false;
 std::int64_t mem_TBPool::m_allocatedCurrent = 0;
 std::int64_t mem_TBPool::m_allocatedPeak = 0;
 std::int64_t mem_TBPool::m_numAllocations = 0;
@@ -80,13 +81,14 @@ void release(mem_mlock& lock) {
 }
 
 // A table: quicker than to compute it. Size 0 is as 1.
-constexpr auto class_of_size = [] {
+constexpr std::array<std::uint8_t, blocks::largest_class_size + 1> classes_of_sizes() {
     std::array<std::uint8_t, blocks::largest_class_size + 1> classes{};
     for (std::size_t size = 1; size < classes.size(); ++size) {
         classes[size] = static_cast<std::uint8_t>(blocks::size_class(size));
     }
     return classes;
-}();
+}
+constexpr std::array class_of_size = classes_of_sizes();
 
 // -1 when `ptr` is not on a word.
 int words_between(const void* from, const void* ptr) {
@@ -153,6 +155,7 @@ KXM_NEVER_INLINE void mem_TBPool::Initialize() {
     m_allocatedPeak = 0;
 }
 
+// cppcheck-suppress uninitMemberVarPrivate ; its elements are, in the body
 mem_TBPool::mem_TBPool()
     : m_valid(true), m_poolID(3000), m_allocator(&allocator_objects::heap),
       m_blocks(8, 32, m_allocator), m_blockCount(0), m_freeIndex(0) {
@@ -191,6 +194,24 @@ void mem_TBPool::ThreadLock(bool on) {
     theLock.event = nullptr;
     if (on) {
         m_useThreadLock = true;
+    }
+}
+
+void mem_TBPool::LockForFork() {
+    m_lockedForFork = m_useThreadLock;
+    if (m_lockedForFork) {
+        acquire(theLock);
+    }
+}
+
+void mem_TBPool::UnlockAfterFork(bool in_child) {
+    if (!m_lockedForFork) {
+        return;
+    }
+    if (in_child) {
+        mem_mlock_renew(theLock);
+    } else {
+        release(theLock);
     }
 }
 
@@ -470,6 +491,18 @@ void* realloc(void* ptr, std::size_t size) {
 
 void free(void* ptr) {
     mem_TBPool::GiveBack(ptr);
+}
+
+void lock_for_fork() {
+    mem_TBPool::LockForFork();
+}
+
+void unlock_in_parent() {
+    mem_TBPool::UnlockAfterFork(false);
+}
+
+void renew_in_child() {
+    mem_TBPool::UnlockAfterFork(true);
 }
 
 } // namespace tiny_seam

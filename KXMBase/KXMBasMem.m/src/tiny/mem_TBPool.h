@@ -45,7 +45,7 @@ using tiny_seam::Tag;
 
 inline constexpr std::uint64_t dead_tag = 0xDEADBEEF;
 inline constexpr int block_words = 1020; ///< what of a page is behind the tag
-static_assert(sizeof(Tag) + 4 * block_words == page_bytes);
+static_assert(sizeof(Tag) + std::size_t{4} * block_words == page_bytes);
 
 inline mem_FixedBlock* block_in(Tag* tag) {
     return static_cast<mem_FixedBlock*>(static_cast<void*>(tag + 1));
@@ -98,6 +98,9 @@ public:
     /// pre: no thread is inside the pool.
     static void ThreadLock(bool on);
 
+    static void LockForFork();
+    static void UnlockAfterFork(bool in_child);
+
     /// Always 0: the fast paths carry no counters.
     std::size_t MemoryCurrent() { return static_cast<std::size_t>(m_allocatedCurrent); }
     std::size_t MemoryPeak() { return static_cast<std::size_t>(m_allocatedPeak); }
@@ -141,6 +144,7 @@ private:
     static mem_TBPool* theInstance;
     static mem_mlock theLock;
     static bool m_useThreadLock;
+    static bool m_lockedForFork;
     static std::int64_t m_allocatedCurrent;
     static std::int64_t m_allocatedPeak;
     static std::int64_t m_numAllocations; ///< used by nothing

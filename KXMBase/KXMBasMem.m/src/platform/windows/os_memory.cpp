@@ -57,6 +57,7 @@ bool vm_query(const void* address, Region& region) {
     return true;
 }
 
+// cppcheck-suppress uninitMemberVar ; the storage is for a system that lists its regions
 UpwardQueries::UpwardQueries() {}
 
 UpwardQueries::~UpwardQueries() {}
@@ -67,6 +68,10 @@ bool UpwardQueries::query(const void* address, Region& region) {
 
 void* vm_reserve(std::size_t size) {
     return VirtualAlloc(nullptr, size, MEM_RESERVE, PAGE_READONLY);
+}
+
+const GranuleMap* vm_granules() {
+    return nullptr; // the system answers vm_query at once
 }
 
 } // namespace os
