@@ -7,8 +7,8 @@
 ! Names are those of the entries without regard to case. What is easier to use from Fortran stands beside
 ! this module: kxm_arrays (arrays instead of addresses), kxm_tracking and kxm_checks.
 module kxmbasmem
-    use, intrinsic :: iso_c_binding, only: c_bool, c_char, c_double, c_float, c_int, c_int64_t, &
-                                           c_ptr, c_size_t
+    use, intrinsic :: iso_c_binding, only: c_bool, c_char, c_double, c_f_pointer, c_float, c_int, &
+                                           c_int64_t, c_null_char, c_ptr, c_size_t
     implicit none
     private
 
@@ -32,7 +32,7 @@ module kxmbasmem
     public :: kxmbaserrorstackreactivate, kxmbaserrorstackdeactivate, kxmbaserrorcategory
     public :: kxmbasalloc_initializec, kxmbasalloc_finalizec, kxmbasmem_formalize
     public :: mem_scanmemory_ifc, kxmbasmemclearstack
-    public :: kxmbaswritemsg
+    public :: kxmbaswritemsg, kxmbasmemversion
     public :: mem_aligned_malloc, mem_aligned_realloc, mem_aligned_free, mem_alignedalloc
 
     ! Parameters of mem_mallopt, which are the heap's alone.
@@ -388,4 +388,24 @@ contains
 
         call write_msg(text, length, len(text, c_size_t))
     end subroutine kxmbaswritemsg
+
+    ! The version of the loaded library, as '0.1.0'.
+    function kxmbasmemversion() result(version)
+        character(len=:), allocatable :: version
+        character(kind=c_char), pointer :: text(:)
+        integer :: i
+
+        interface
+            type(c_ptr) function version_text() bind(c, name="KXMBasMemVersion")
+                import :: c_ptr
+            end function version_text
+        end interface
+
+        call c_f_pointer(version_text(), text, [32])
+        version = ''
+        do i = 1, size(text)
+            if (text(i) == c_null_char) exit
+            version = version//text(i)
+        end do
+    end function kxmbasmemversion
 end module kxmbasmem

@@ -46,6 +46,11 @@ install(FILES ${PROJECT_BINARY_DIR}/KXMBasMemConfig.cmake
 
 # The file tells its own prefix, so that an installed tree can be moved.
 file(RELATIVE_PATH KXM_PC_TO_PREFIX /${CMAKE_INSTALL_LIBDIR}/pkgconfig /)
+string(REGEX REPLACE "/$" "" KXM_PC_TO_PREFIX ${KXM_PC_TO_PREFIX})
+set(KXM_PC_OBJECTS objects) # as CMake names the folder of installed objects
+if(CMAKE_BUILD_TYPE)
+  string(APPEND KXM_PC_OBJECTS -${CMAKE_BUILD_TYPE})
+endif()
 set(kxm_component_of_kxmbasmem development)
 set(kxm_component_of_kxmbasmem-fortran fortran)
 foreach(name kxmbasmem kxmbasmem-fortran)
@@ -56,7 +61,7 @@ endforeach()
 
 install(DIRECTORY docs/ DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT documents
         FILES_MATCHING PATTERN "*.md" PATTERN "*.png" PATTERN "*.svg")
-install(DIRECTORY examples/adopting DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples COMPONENT documents)
+install(DIRECTORY examples/adopting examples/fortran DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples COMPONENT documents)
 install(DIRECTORY ${PROJECT_BINARY_DIR}/reference/html/ DESTINATION ${CMAKE_INSTALL_DOCDIR}/reference
         COMPONENT documents OPTIONAL) # when the target docs was built
 install(FILES CHANGELOG.md DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT documents)

@@ -1,4 +1,4 @@
-# The packages that cpack makes: for Debian four, by component, and one zip for Windows. packaging/README.md
+# The packages that cpack makes: for Debian five, by component, and one zip for Windows. packaging/README.md
 # tells what is in them; ./package.sh makes them.
 set(KXM_PACKAGE_MAINTAINER "KXMBasMem maintainers <maintainers@kxmbasmem.invalid>" CACHE STRING
     "Who answers for the packages: Name <address>")

@@ -70,6 +70,7 @@ contains
         end do
     end subroutine read_arguments
 
+    ! [limit]
     ! The first block is taken before a limit is set: a heap without a segment of its own cannot refuse well.
     subroutine set_limit()
         use, intrinsic :: iso_c_binding, only: c_ptr
@@ -81,6 +82,7 @@ contains
         write (error_unit, '(a)') 'heat: a limit needs the heap: set KXQ_DLALLOCATOR'
         status = wrong_call
     end subroutine set_limit
+    ! [limit]
 
     subroutine take_work_arrays()
         integer :: stat, shape(3), first(3)
@@ -209,6 +211,7 @@ contains
         integer :: stat
 
         call kxm_enter_phase('snapshots')
+        ! [survive]
         call kxm_allocate(t, [cells, cells, cells], stat)
         if (stat /= 0) then
             refusals = refusals + 1
@@ -216,6 +219,7 @@ contains
             call thin_out()
             if (mod(step, interval) == 0) call kxm_allocate(t, [cells, cells, cells], stat)
         end if
+        ! [survive]
         if (stat == 0) then
             t = real(u(1:cells, 1:cells, 1:cells), c_float)
             snapshots = snapshots + 1

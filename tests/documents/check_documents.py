@@ -106,6 +106,12 @@ def check_references(tree):
                                  r"[\w./-]*)`", text):
             if not (tree.root / target).exists():
                 tree.fault(f"{path}: there is no {target}")
+        if path.parent == tree.root / "docs":  # installed side by side, without the tree around them
+            for target in re.findall(r"(?:docs|bindings)/[\w./-]*", text):
+                tree.fault(f"{path}: {target} is not where the document is installed")
+            for target in re.findall(r"`([\w-]+\.md)`", text):
+                if not (path.parent / target).exists():
+                    tree.fault(f"{path}: there is no {target} beside it")
 
 
 def main(root, version, *options):

@@ -131,6 +131,8 @@ contains
         info = mem_dlmallinfo()
         call check(info%arena == 0 .and. info%keepcost == 0, 'mem_DLMallinfo')
         call mem_releasememorylock()
+        call check(scan(kxmbasmemversion(), '0123456789.') == 1 .and. verify(kxmbasmemversion(), '0123456789.') == 0, &
+                   'KXMBasMemVersion')
     end subroutine figures_answer
 
     subroutine reports_are_printed()

@@ -15,6 +15,7 @@ else()
   list(TRANSFORM names REPLACE "@@?KXMBASMEM_[0-9]+$" "")
   list(FILTER names EXCLUDE REGEX "^KXMBASMEM_[0-9]+$") # the version itself
 endif()
+list(FILTER names EXCLUDE REGEX "^_ZN4host") # for the launcher, which is of the same version always
 list(REMOVE_DUPLICATES names)
 list(SORT names)
 list(LENGTH names count)

@@ -51,17 +51,17 @@ if(NOT out STREQUAL "0.0738")
 endif()
 
 # A project of Fortran alone, which has no C++ compiler to link with.
-set(options -S ${CLIENT}/../fortran_only -B ${WORK}/fortran_only -G ${GENERATOR}
-            -DCMAKE_PREFIX_PATH=${WORK}/prefix -DEXPECTED_VERSION=${VERSION})
+set(options -S ${WORK}/prefix/share/doc/kxmbasmem/examples/fortran -B ${WORK}/fortran_only -G ${GENERATOR}
+            -DCMAKE_PREFIX_PATH=${WORK}/prefix)
 if(TOOLCHAIN)
   list(APPEND options -DCMAKE_TOOLCHAIN_FILE=${TOOLCHAIN} -DCMAKE_FIND_ROOT_PATH_MODE_PACKAGE=BOTH)
 endif()
 run(COMMAND ${CMAKE_COMMAND} ${options} ENVIRONMENT --unset=CXX)
 run(COMMAND ${CMAKE_COMMAND} --build ${WORK}/fortran_only)
-run(COMMAND ${EMULATOR} ${WORK}/fortran_only/fortran_only${suffix} OUTPUT out
-    ENVIRONMENT WINEPATH=${WORK}/prefix/bin)
-if(NOT out STREQUAL "42")
-  message(FATAL_ERROR "fortran_only printed '${out}'")
+run(COMMAND ${EMULATOR} ${WORK}/fortran_only/heat${suffix} --cells 20 --limit 1 OUTPUT out
+    ENVIRONMENT WINEPATH=${WORK}/prefix/bin KXQ_DLALLOCATOR=1)
+if(NOT out MATCHES "snapshots +[1-9][0-9]*, [1-9][0-9]* refusals")
+  message(FATAL_ERROR "heat printed '${out}'")
 endif()
 
 run(COMMAND ${EMULATOR} ${WORK}/prefix/bin/memtrack${suffix} --help OUTPUT out)
@@ -97,6 +97,13 @@ if(PKG_CONFIG AND NOT TOOLCHAIN)
   run(COMMAND ${WORK}/by_pkg_config OUTPUT out)
   if(NOT out STREQUAL "42")
     message(FATAL_ERROR "by_pkg_config printed '${out}'")
+  endif()
+  run(COMMAND ${PKG_CONFIG} --variable=global_new kxmbasmem OUTPUT object ENVIRONMENT ${environment})
+  run(COMMAND ${CXX} -std=c++20 ${CLIENT}/global_new_client.cpp ${object} -o ${WORK}/by_pkg_config ${flags}
+              -Wl,-rpath,${WORK}/prefix/${LIBDIR})
+  run(COMMAND ${WORK}/by_pkg_config OUTPUT out)
+  if(NOT out STREQUAL "42")
+    message(FATAL_ERROR "global new by pkg-config printed '${out}'")
   endif()
   # By Fortran's compiler alone, which brings no C++ runtime.
   run(COMMAND ${PKG_CONFIG} --cflags --libs kxmbasmem-fortran OUTPUT flags ENVIRONMENT ${environment})
