@@ -38,7 +38,7 @@ int run_unguarded(int argc, char** argv, JoinTeam join) {
     if (options.help)
         print_help();
     if (options.version)
-        std::puts("elasticity 1.0");
+        std::printf("elasticity %s\n", KXMBasMemVersion());
     if (options.help || options.version)
         return done;
     if (const std::optional<int> status = use_backend(options.backend, argv))

@@ -89,7 +89,7 @@ TEST_F(Program, TellsTheFiguresOfARun) {
     EXPECT_EQ(root["children"][1]["held_at_entry_bytes"].text, "1024");
 
     const test::ChildResult text =
-        call({"report", base_ + ".memT0", base_ + ".phaseStack", base_}); // one run
+        call({"report", base_ + ".memT0", base_ + ".phaseStack"}); // one run
     for (const char* words : {"7 events in 1 file, 2 threads, 3 phases\n",
                               "Not released: 1.00 KiB (1 024 bytes) in 2 blocks\n",
                               "  1000 bytes   97.7 %            1 block   ROOT->w\xc3\xb6rk\n"}) {

@@ -10,11 +10,12 @@
 namespace memtrack {
 
 void CommonOptions::add_bases(CLI::App& command, int at_least, int at_most) {
-    // Several files of one run, as a shell's pattern gives them, are that run, once.
+    // Several files of one run, as a shell's pattern gives them, are that run, once. A base is taken as often
+    // as it is named: diff may compare a run with itself.
     const auto take = [this](const std::vector<std::string>& names) {
         for (const std::string& name : names) {
             std::string base = base_name(name);
-            if (std::find(bases.begin(), bases.end(), base) == bases.end()) {
+            if (base == name || std::find(bases.begin(), bases.end(), base) == bases.end()) {
                 bases.push_back(std::move(base));
             }
         }
@@ -23,7 +24,7 @@ void CommonOptions::add_bases(CLI::App& command, int at_least, int at_most) {
         .add_option_function<std::vector<std::string>>(
             "BASE", take, "Output name of a run, or one of its files; several: ranks of a job")
         ->required()
-        ->expected(at_least, at_most == 0 ? 1 << 20 : at_most);
+        ->expected(at_least, at_most == 0 ? CLI::detail::expected_max_vector_size : at_most);
 }
 
 void CommonOptions::add_output(CLI::App& command) {

@@ -203,7 +203,7 @@ void add_diff(CLI::App& parent, Run& run) {
             "--to", options->to,
             "The ranks of the second job; all BASEs before are the first one's, and figures "
             "are sums over ranks. Without it BASE is given twice: first run, second run")
-        ->expected(1, 1 << 20)
+        ->expected(1, CLI::detail::expected_max_vector_size)
         ->transform([](const std::string& name) { return base_name(name); });
     command
         ->add_option(
