@@ -5,6 +5,7 @@
 #   ./test.sh linux      on Linux alone
 #   ./test.sh windows    on Windows alone
 #   ./test.sh check      on both, and further: clang, ASan+UBSan, TSan, the formatting of the sources
+#   ./test.sh programs   runs programs that nobody here wrote under kxmrun (Linux; some minutes)
 #
 # Missing Debian packages are installed (as root or through sudo), or named.
 set -eu
@@ -27,6 +28,15 @@ on_windows() {
     ctest --preset windows --output-on-failure --no-tests=error
 }
 
+on_programs() {
+    need_build_packages
+    need_program_packages
+    build linux kxmrun memtrack
+    echo "== test: programs"
+    /usr/bin/python3 -B tests/programs/run_programs.py --kxmrun build/linux/bin/kxmrun \
+        --memtrack build/linux/bin/memtrack build/linux/tests/programs
+}
+
 check_format() {
     echo "== formatting"
     git ls-files -z -- '*.cpp' '*.h' '*.c' |
@@ -40,6 +50,11 @@ what=${1:-both}
 }
 case $what in
 both | linux | windows | check) ;;
+programs)
+    mkdir -p build
+    on_programs
+    exit
+    ;;
 -h | --help)
     print_head
     exit 0
