@@ -39,6 +39,10 @@ public:
     static void IncrementStart(int const& unused); ///< a solver's increment begins: closes all
     static void Shift();                           ///< does nothing
 
+    // Around a fork, for the library: the thread that loaded it has another number in the child.
+    static bool IsFirstThread();
+    static void BecomeFirstThread();
+
 private:
     enum { slot_bytes = 40, slots = 20 };
 

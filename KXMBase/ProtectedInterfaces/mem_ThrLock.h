@@ -26,6 +26,9 @@ public:
     /// 1 when the lock was taken, 0 when not. 0 also for the thread that holds it already.
     int TryLock();
 
+    /// Makes it free again in a process that fork has made while the calling thread held it.
+    void RenewAfterFork();
+
     static void* operator new(std::size_t size) noexcept; ///< null when memory is short
     static void operator delete(void* ptr);
 

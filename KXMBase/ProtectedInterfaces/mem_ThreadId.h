@@ -25,6 +25,10 @@ public:
     static void* operator new(std::size_t size) noexcept; ///< null when memory is short
     static void operator delete(void* ptr);
 
+    // Around a fork, for the library: the lock of the count.
+    static void LockForFork();
+    static void UnlockAfterFork(bool in_child);
+
 private:
     mem_ThreadId();
     ~mem_ThreadId() {}

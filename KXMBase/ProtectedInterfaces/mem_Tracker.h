@@ -105,6 +105,17 @@ public:
     void StartTracking();
     void StopTracking();
 
+    /// Writes the table of phases and what the last file lacks, and changes nothing else: what follows is
+    /// recorded as if nothing had been written, and overwrites it. For a process that may end at any
+    /// moment. False when a file cannot be written, and when a thread is in the tracker and `wait` is
+    /// false. pre: as for Finalize, a converter.
+    bool Save(bool wait);
+
+    // Around a fork, for the library: the tracker's lock. The child begins a record of its own, whose
+    // name is the parent's, a point and the child's process number; it has the parent's phases.
+    static void LockForFork();
+    static void UnlockAfterFork(bool in_child);
+
     int AddThread(); ///< hands out the next thread number
     int CurrTransactionId() const;
 
@@ -135,7 +146,10 @@ private:
     bool EnterPath(int thread, const char* path);
     void Tell(const char* text, int line);
     void FlushBuffer();
+    void NameFile(char* name, std::size_t capacity) const;
+    int WriteRecords(int file) const;
     bool WriteBuffer(int file);
+    void BeginAnewInChild();
 
     std::int32_t m_rank;
     char m_baseOutputName[e_baseNameSize];
@@ -163,6 +177,7 @@ private:
 
     static UseEnm m_useFlag;
     static mem_Tracker* m_instance;
+    static mem_Tracker* m_lockedForFork;
 };
 
 /// What an entry that keeps `cached` keeps next: on while the tracker is on; once off, always off.

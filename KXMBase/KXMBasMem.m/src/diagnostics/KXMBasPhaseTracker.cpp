@@ -26,8 +26,16 @@ KXMBasPhaseTracker& KXMBasPhaseTracker::operator=(KXMBasPhaseTracker&&) {
     return *this;
 }
 
+bool KXMBasPhaseTracker::IsFirstThread() {
+    return static_cast<std::int32_t>(os::thread_id()) == s_thread0;
+}
+
+void KXMBasPhaseTracker::BecomeFirstThread() {
+    s_thread0 = static_cast<std::int32_t>(os::thread_id());
+}
+
 void KXMBasPhaseTracker::SaveMarker(char const* text) {
-    if (static_cast<std::int32_t>(os::thread_id()) != s_thread0) {
+    if (!IsFirstThread()) {
         return;
     }
     const std::size_t length = std::strlen(text);

@@ -49,6 +49,12 @@ int mem_ThrLock::TryLock() {
     return 1;
 }
 
+void mem_ThrLock::RenewAfterFork() {
+    os::critical_section_init(
+        section_in(m_section)); // its owner's number was that of the parent's thread
+    status = mem_ThrUnlocked;
+}
+
 void* mem_ThrLock::operator new(std::size_t size) noexcept {
     return mem_malloc(size);
 }

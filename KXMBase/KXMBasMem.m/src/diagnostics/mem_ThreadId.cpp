@@ -75,6 +75,23 @@ void mem_ThreadId::Finalize() {
     m_lock = nullptr;
 }
 
+void mem_ThreadId::LockForFork() {
+    if (m_lock != nullptr) {
+        m_lock->Lock();
+    }
+}
+
+void mem_ThreadId::UnlockAfterFork(bool in_child) {
+    if (m_lock == nullptr) {
+        return;
+    }
+    if (in_child) {
+        m_lock->RenewAfterFork();
+    } else {
+        m_lock->Unlock();
+    }
+}
+
 void* mem_ThreadId::operator new(std::size_t size) noexcept {
     return mem_malloc(size);
 }

@@ -5,6 +5,7 @@
 
 #include <cstdint>
 
+#include "frame/fork.h"
 #include "frame/mem_Binding.h"
 #include "frame/seam_operator_pool.h"
 #include "frame/seam_shutdown.h"
@@ -101,6 +102,7 @@ int KESTRIX_WORKS_KCA2_INTERNAL_KXMBasAlloc() {
 int DllMain(void*, unsigned long reason, void*) {
     constexpr unsigned long process_detach = 0, process_attach = 1;
     if (reason == process_attach) {
+        forking::watch();
         KXMBasAlloc_initialize(s_statusDll);
     } else if (reason == process_detach) {
         KXMBasAlloc_finalize(s_statusDll);

@@ -13,6 +13,7 @@
 #include "heap/dlmalloc.h"
 #include "mem_BoundFunctions.h"
 #include "mem_Interface.h"
+#include "platform/os.h"
 
 bool mem_Mallinfo::useDL = false;
 
@@ -111,9 +112,11 @@ void mem_bindFunctions(bool guarded) {
     } else {
         if (is_set("KXQ_USE_ALIGNED_MEMORY")) {
             // calloc stays the C runtime's, deliberately: its blocks are not for mem_free.
-            bind_allocation(mem_malign, std::calloc, mem_realign, mem_free_aligned);
+            bind_allocation(mem_malign, os::runtime_allocator.calloc, mem_realign,
+                            mem_free_aligned);
         } else {
-            bind_allocation(std::malloc, std::calloc, std::realloc, std::free);
+            const os::RuntimeAllocator& runtime = os::runtime_allocator;
+            bind_allocation(runtime.malloc, runtime.calloc, runtime.realloc, runtime.free);
         }
         bind_stubs();
     }
@@ -162,5 +165,5 @@ void* mem_firstMalloc(std::size_t size) {
     }
     // Not through the table: the first block comes from plain malloc even when the aligned back end
     // has just been bound, whose free it will meet. Kept so.
-    return mem_Mallinfo::useDL ? dlmalloc(size) : std::malloc(size);
+    return mem_Mallinfo::useDL ? dlmalloc(size) : os::runtime_allocator.malloc(size);
 }

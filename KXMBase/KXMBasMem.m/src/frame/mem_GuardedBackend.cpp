@@ -5,11 +5,11 @@
 
 #include <cstdint>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <limits>
 
 #include "platform/compiler.h"
+#include "platform/os.h"
 
 namespace {
 
@@ -98,16 +98,16 @@ void* block_of(void* ptr) {
 } // namespace
 
 void* myMalloc(std::size_t size) {
-    return dress(std::malloc(with_overhead(size)), size);
+    return dress(os::runtime_allocator.malloc(with_overhead(size)), size);
 }
 
 void myFree(void* ptr) {
     if (ptr == nullptr) {
-        std::free(nullptr);
+        os::runtime_allocator.free(nullptr);
         return;
     }
     check_guards(Entry::free, ptr);
-    std::free(block_of(ptr));
+    os::runtime_allocator.free(block_of(ptr));
 }
 
 void* myRealloc(void* ptr, std::size_t size) {
@@ -116,7 +116,7 @@ void* myRealloc(void* ptr, std::size_t size) {
         check_guards(Entry::realloc, ptr);
         old = block_of(ptr);
     }
-    return dress(std::realloc(old, with_overhead(size)), size);
+    return dress(os::runtime_allocator.realloc(old, with_overhead(size)), size);
 }
 
 void* myCalloc(std::size_t count, std::size_t size) {
@@ -126,5 +126,5 @@ void* myCalloc(std::size_t count, std::size_t size) {
     const std::size_t rounding = size - 1;
     const bool wraps = rounding > size_max - overhead || total > size_max - overhead - rounding;
     const std::size_t elements = wraps ? size_max : (total + overhead + size - 1) / size;
-    return dress(std::calloc(elements, size), total);
+    return dress(os::runtime_allocator.calloc(elements, size), total);
 }

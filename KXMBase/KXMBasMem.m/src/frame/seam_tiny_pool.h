@@ -33,4 +33,9 @@ void* alloc(std::size_t size); ///< under the pool's lock, if that is on
 void* realloc(void* ptr, std::size_t size);
 void free(void* ptr); ///< pre: its page has been seen to carry the pool's tag
 
+// Around a fork: the pool's lock, if that is on.
+void lock_for_fork();
+void unlock_in_parent();
+void renew_in_child();
+
 } // namespace tiny_seam

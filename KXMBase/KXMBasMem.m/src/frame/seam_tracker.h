@@ -29,4 +29,9 @@ void free_call(void* ptr);
 void release_call(void* ptr);
 void acquire_call(void* ptr);
 
+// Around a fork: the locks of tracker and thread numbers.
+void lock_for_fork();
+void unlock_in_parent();
+void renew_in_child();
+
 } // namespace tracker_seam

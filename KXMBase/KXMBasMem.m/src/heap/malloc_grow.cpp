@@ -13,12 +13,18 @@
 #include "heap/system_memory_gate.h"
 
 namespace heap {
+
+std::atomic<std::uint64_t>* peak_watch = nullptr;
+
 namespace {
 
 void note_obtained(std::size_t size) {
     state.footprint += size;
     if (state.footprint > state.max_footprint) {
         state.max_footprint = state.footprint;
+        if (peak_watch != nullptr) {
+            peak_watch->store(state.footprint, std::memory_order_relaxed);
+        }
     }
 }
 

@@ -1,13 +1,19 @@
 // Growth of the heap: the slow end of every request that bins, victim and top cannot serve.
 #pragma once
 
+#include <atomic>
 #include <cstddef>
+#include <cstdint>
 
 #include "heap/malloc_bins.h"
 #include "heap/malloc_chunk.h"
 #include "heap/malloc_state.h"
 
 namespace heap {
+
+/// Where the highest footprint is also written, in bytes, as it rises; null for nowhere. Set before other
+/// threads allocate.
+extern std::atomic<std::uint64_t>* peak_watch;
 
 /// The chunk size that stands for a request that cannot be served: every step fails on it.
 inline constexpr std::size_t impossible_size = ~std::size_t{0};

@@ -56,6 +56,34 @@ void set_up() {
 
 } // namespace
 
+namespace {
+
+bool locked_for_fork = false;
+
+} // namespace
+
+void lock_for_fork() {
+    mem_mlock_acquire(magic_mutex);
+    locked_for_fork = state.use_lock != 0;
+    if (locked_for_fork) {
+        mem_mlock_acquire(state.mutex);
+    }
+}
+
+void unlock_in_parent() {
+    if (locked_for_fork) {
+        mem_mlock_release(state.mutex);
+    }
+    mem_mlock_release(magic_mutex);
+}
+
+void renew_in_child() {
+    if (locked_for_fork) {
+        mem_mlock_renew(state.mutex);
+    }
+    mem_mlock_renew(magic_mutex);
+}
+
 int init_mparams() {
     if (params.page_size.seen() == 0) {
         set_up();

@@ -43,6 +43,12 @@ alignas(64) KXM_HIDDEN extern constinit malloc_params params;
 /// Guards the first setting of the parameters.
 extern constinit mem_mlock magic_mutex;
 
+/// Around a fork: the heap's locks are taken and given back, or made anew in the child. Whether there is a
+/// lock to take is settled by the first of them.
+void lock_for_fork();
+void unlock_in_parent();
+void renew_in_child();
+
 /// The first call sets parameters and state up; every call carries the limit and the locking word
 /// to the state. Ends the process when the system's page or granularity is no power of two.
 /// Always returns 0.

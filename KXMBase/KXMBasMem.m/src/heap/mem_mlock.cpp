@@ -39,6 +39,13 @@ os::Event mem_mlock_event(mem_mlock& lock) {
     return published;
 }
 
+void mem_mlock_renew(mem_mlock& lock) {
+    if (const os::Event event = lock.event.exchange(nullptr)) {
+        os::event_close(event); // it may count waiters, too
+    }
+    lock.count.store(0);
+}
+
 void mem_mlock_let_pass(const mem_mlock& lock) {
     int pauses = first_pauses;
     for (int paused = 0; paused < pauses_before_counting; paused += pauses) {

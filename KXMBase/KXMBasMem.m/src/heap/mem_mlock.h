@@ -43,6 +43,10 @@ os::Event mem_mlock_event(mem_mlock& lock);
 void mem_mlock_wait(mem_mlock& lock); ///< for one wake-up
 void mem_mlock_wake(mem_mlock& lock); ///< gives one wake-up
 
+/// Makes it a free lock again in a process that fork has made while this thread held it: who waited for it
+/// is not here.
+void mem_mlock_renew(mem_mlock& lock);
+
 /// Lets the holder leave, for a while, before this thread counts itself in. Who is counted gets the
 /// lock handed over, which costs both threads a switch or nearly; who comes to a free lock does
 /// not.

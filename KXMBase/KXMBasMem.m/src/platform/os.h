@@ -5,9 +5,8 @@
 // Preconditions that hold for every function here: it may be called from any thread; it allocates
 // nothing through this library (so that each may be used under the heap's lock, in a failure report
 // or before the library has started), except that tls_set may cost the C library a block for slots
-// above its first thirty; it throws nothing. A process that forks while other threads run must
-// expect the child to find this room's locks held. Sizes are bytes unless a name says otherwise.
-// Failures are reported by the result alone, never by a message.
+// above its first thirty; it throws nothing. Sizes are bytes unless a name says otherwise. Failures are
+// reported by the result alone, never by a message.
 //
 // What differs between the systems and matters to a caller is data here (Properties), not a
 // conditional there.
@@ -19,6 +18,8 @@
 #include "platform/compiler.h"
 
 namespace os {
+
+struct GranuleMap;
 
 // ---------------------------------------------------------------------------------------------
 // Properties
@@ -96,6 +97,10 @@ private:
 /// took is known to vm_query as reserved; nobody releases it.
 void* vm_reserve(std::size_t size);
 
+/// Tells, without a lock, whether vm_allocate handed an address out: granule_map.h. Null before the first
+/// vm_allocate and on systems that do not keep one; the same ever after.
+const GranuleMap* vm_granules();
+
 // ---------------------------------------------------------------------------------------------
 // Threads and locks
 
@@ -116,6 +121,18 @@ void critical_section_delete(CriticalSection& section); ///< pre: free, and neve
 void critical_section_enter(CriticalSection& section);
 bool critical_section_try_enter(CriticalSection& section);
 void critical_section_leave(CriticalSection& section); ///< pre: held by the calling thread
+
+// A process that makes another one as its copy, with the calling thread alone: fork. Whatever lock another
+// thread holds at that moment would stay held in the child for good.
+
+/// The calling thread runs `before` ahead of each fork, and after it `in_parent` or, in the new process,
+/// `in_child`. Where processes are not copied, none is ever run. pre: called once, by the loading thread.
+void at_fork(void (*before)(), void (*in_parent)(), void (*in_child)());
+/// This room's own part in it, for those three: takes and gives back its locks, and lets the child's thread
+/// learn its own number.
+void lock_for_fork();
+void unlock_in_parent();
+void renew_in_child();
 
 /// A thread-local slot. Numbers start at 1, so that a client may use 0 for "none"; -1 when the
 /// system has no more. A fresh slot reads null in every thread.
@@ -193,6 +210,17 @@ std::size_t error_text(std::uint32_t code, char* buffer, std::size_t capacity);
 
 // ---------------------------------------------------------------------------------------------
 // C runtime beyond the standard
+
+/// The C runtime's allocator as the back ends call it. It is the runtime's own unless a host that stands in
+/// its place has said where the real one is (frame/host.h), before other threads allocate.
+struct RuntimeAllocator {
+    void* (*malloc)(std::size_t size);
+    void* (*calloc)(std::size_t count, std::size_t size);
+    void* (*realloc)(void* ptr, std::size_t size);
+    void (*free)(void* ptr);
+    int (*posix_memalign)(void** ptr, std::size_t alignment, std::size_t size); ///< null on Windows
+};
+KXM_HIDDEN extern RuntimeAllocator runtime_allocator;
 
 /// A block of `size` bytes at a multiple of `alignment`, any power of two; null when memory is
 /// short or the alignment is no power of two. Released by aligned_free alone, which accepts null.

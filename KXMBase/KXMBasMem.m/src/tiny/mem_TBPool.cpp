@@ -19,6 +19,7 @@
 mem_TBPool* mem_TBPool::theInstance = nullptr;
 mem_mlock mem_TBPool::theLock{};
 bool mem_TBPool::m_useThreadLock = false;
+bool mem_TBPool::m_lockedForFork = false;
 std::int64_t mem_TBPool::m_allocatedCurrent = 0;
 std::int64_t mem_TBPool::m_allocatedPeak = 0;
 std::int64_t mem_TBPool::m_numAllocations = 0;
@@ -191,6 +192,24 @@ void mem_TBPool::ThreadLock(bool on) {
     theLock.event = nullptr;
     if (on) {
         m_useThreadLock = true;
+    }
+}
+
+void mem_TBPool::LockForFork() {
+    m_lockedForFork = m_useThreadLock;
+    if (m_lockedForFork) {
+        acquire(theLock);
+    }
+}
+
+void mem_TBPool::UnlockAfterFork(bool in_child) {
+    if (!m_lockedForFork) {
+        return;
+    }
+    if (in_child) {
+        mem_mlock_renew(theLock);
+    } else {
+        release(theLock);
     }
 }
 
@@ -470,6 +489,18 @@ void* realloc(void* ptr, std::size_t size) {
 
 void free(void* ptr) {
     mem_TBPool::GiveBack(ptr);
+}
+
+void lock_for_fork() {
+    mem_TBPool::LockForFork();
+}
+
+void unlock_in_parent() {
+    mem_TBPool::UnlockAfterFork(false);
+}
+
+void renew_in_child() {
+    mem_TBPool::UnlockAfterFork(true);
 }
 
 } // namespace tiny_seam

@@ -98,6 +98,9 @@ public:
     /// pre: no thread is inside the pool.
     static void ThreadLock(bool on);
 
+    static void LockForFork();
+    static void UnlockAfterFork(bool in_child);
+
     /// Always 0: the fast paths carry no counters.
     std::size_t MemoryCurrent() { return static_cast<std::size_t>(m_allocatedCurrent); }
     std::size_t MemoryPeak() { return static_cast<std::size_t>(m_allocatedPeak); }
@@ -141,6 +144,7 @@ private:
     static mem_TBPool* theInstance;
     static mem_mlock theLock;
     static bool m_useThreadLock;
+    static bool m_lockedForFork;
     static std::int64_t m_allocatedCurrent;
     static std::int64_t m_allocatedPeak;
     static std::int64_t m_numAllocations; ///< used by nothing

@@ -35,6 +35,7 @@ static_assert(offsetof(mem_Transaction, stackId) == 36);
 
 mem_Tracker::UseEnm mem_Tracker::m_useFlag = mem_Tracker::e_useUnknown;
 mem_Tracker* mem_Tracker::m_instance = nullptr;
+mem_Tracker* mem_Tracker::m_lockedForFork = nullptr;
 
 namespace {
 
@@ -425,7 +426,7 @@ void mem_Tracker::FlushBuffer() {
         fatal("AssertionFailed:m_baseOutputNameSet", __LINE__);
     }
     char name[e_baseNameSize + 32];
-    std::snprintf(name, sizeof name, "%s.memT%d", m_baseOutputName, m_fileNumber);
+    NameFile(name, sizeof name);
     const os::File file = os::file_create(name);
     if (file < 0) {
         std::fprintf(stderr, "\nUnable to open memory tracking file.\n");
@@ -445,10 +446,19 @@ void mem_Tracker::FlushBuffer() {
     }
 }
 
+void mem_Tracker::NameFile(char* name, std::size_t capacity) const {
+    std::snprintf(name, capacity, "%s.memT%d", m_baseOutputName, m_fileNumber);
+}
+
+// A tracking::Written, which the public header does not know.
+int mem_Tracker::WriteRecords(int file) const {
+    return static_cast<int>(tracking::write_records(file, m_itemsInCurrBuffer, m_buffer,
+                                                    static_cast<std::size_t>(m_itemsInCurrBuffer) *
+                                                        sizeof(mem_Transaction)));
+}
+
 bool mem_Tracker::WriteBuffer(int file) {
-    switch (tracking::write_records(file, m_itemsInCurrBuffer, m_buffer,
-                                    static_cast<std::size_t>(m_itemsInCurrBuffer) *
-                                        sizeof(mem_Transaction))) {
+    switch (static_cast<tracking::Written>(WriteRecords(file))) {
     case tracking::Written::count_short:
         Tell("AssertionFailed:numBytesWritten == sizeof(int)", __LINE__);
         return false;
@@ -460,6 +470,63 @@ bool mem_Tracker::WriteBuffer(int file) {
         break;
     }
     return true;
+}
+
+// The events stay in the buffer, which a full file or a later save writes under the same name.
+bool mem_Tracker::Save(bool wait) {
+    if (wait) {
+        m_lock.Lock();
+    } else if (m_lock.TryLock() == 0) {
+        return false;
+    }
+    m_stackHash.WriteToDisk(m_baseOutputName);
+    bool written = true;
+    if (m_itemsInCurrBuffer > 0) {
+        char name[e_baseNameSize + 32];
+        NameFile(name, sizeof name);
+        const os::File file = os::file_create(name);
+        written = file >= 0 && WriteRecords(file) == static_cast<int>(tracking::Written::whole);
+        if (file >= 0) {
+            os::file_close(file);
+        }
+    }
+    m_lock.Unlock();
+    return written;
+}
+
+// ---------------------------------------------------------------------------------------------
+// Fork
+
+void mem_Tracker::LockForFork() {
+    m_lockedForFork = CheckUseFlag() == e_useOn ? m_instance : nullptr;
+    if (m_lockedForFork != nullptr) {
+        m_lockedForFork->m_lock.Lock();
+    }
+}
+
+void mem_Tracker::UnlockAfterFork(bool in_child) {
+    if (m_lockedForFork == nullptr) {
+        return;
+    }
+    if (in_child) {
+        m_lockedForFork->m_lock.RenewAfterFork();
+        m_lockedForFork->BeginAnewInChild();
+    } else {
+        m_lockedForFork->m_lock.Unlock();
+    }
+}
+
+// What the parent recorded is the parent's to write.
+void mem_Tracker::BeginAnewInChild() {
+    m_itemsInCurrBuffer = 0;
+    m_fileNumber = 0;
+    m_currTransactionId = 0;
+    char suffix[16];
+    std::snprintf(suffix, sizeof suffix, ".%u", os::process_id());
+    const std::size_t length = std::strlen(m_baseOutputName);
+    if (length + std::strlen(suffix) < sizeof m_baseOutputName) {
+        std::strcpy(m_baseOutputName + length, suffix);
+    }
 }
 
 // ---------------------------------------------------------------------------------------------

@@ -41,4 +41,20 @@ void acquire_call(void* ptr) {
     mem_Tracker::Instance().AcquireCall(ptr);
 }
 
+// A hook may number its thread, so the tracker's lock comes first.
+void lock_for_fork() {
+    mem_Tracker::LockForFork();
+    mem_ThreadId::LockForFork();
+}
+
+void unlock_in_parent() {
+    mem_ThreadId::UnlockAfterFork(false);
+    mem_Tracker::UnlockAfterFork(false);
+}
+
+void renew_in_child() {
+    mem_ThreadId::UnlockAfterFork(true);
+    mem_Tracker::UnlockAfterFork(true);
+}
+
 } // namespace tracker_seam

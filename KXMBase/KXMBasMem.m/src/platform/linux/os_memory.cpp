@@ -18,6 +18,7 @@
 #include "platform/os.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
@@ -27,6 +28,8 @@
 #include <sys/resource.h>
 #include <unistd.h>
 
+#include "platform/granule_map.h"
+#include "platform/linux/fork_parts.h"
 #include "platform/linux/proc_maps.h"
 
 namespace os {
@@ -68,6 +71,7 @@ std::size_t table_count = 0;
 std::size_t table_usable = 0;
 std::uintptr_t next_segment = 0;
 std::uintptr_t direct_top = 0;
+std::atomic<GranuleMap*> granules{nullptr};
 
 class TableGuard {
 public:
@@ -132,10 +136,16 @@ bool prepare_table() {
     if (table != nullptr) {
         return true;
     }
-    void* const got = map(0, table_capacity * sizeof(Allocation), PROT_NONE, MAP_NORESERVE);
-    if (got == nullptr) {
+    void* const bits = map(0, sizeof(GranuleMap), PROT_READ | PROT_WRITE, MAP_NORESERVE);
+    if (bits == nullptr) {
         return false;
     }
+    void* const got = map(0, table_capacity * sizeof(Allocation), PROT_NONE, MAP_NORESERVE);
+    if (got == nullptr) {
+        munmap(bits, sizeof(GranuleMap));
+        return false;
+    }
+    granules.store(new (bits) GranuleMap, std::memory_order_release);
     table = static_cast<Allocation*>(got);
     // The table's own address varies as the kernel varies every process's layout, and does not
     // where that is switched off, so the zones follow the user's choice.
@@ -147,6 +157,35 @@ bool prepare_table() {
     const std::uintptr_t shift = step * (zones.spread / steps);
     next_segment = zones.segments + shift;
     direct_top = zones.direct_top - shift;
+    return true;
+}
+
+// Sets or clears the bits of a range. False when a page for them cannot be had, which clearing never needs.
+bool mark(std::uintptr_t base, std::size_t size, bool held) {
+    GranuleMap& map_of_bits = *granules.load(std::memory_order_relaxed);
+    constexpr unsigned bits = GranuleMap::granule_bits;
+    const std::uintptr_t end = round_up(base + size, granularity) >> bits;
+    for (std::uintptr_t granule = base >> bits; granule < end;) {
+        std::atomic<GranuleMap::Word*>& leaf = map_of_bits.leaf[granule >> GranuleMap::leaf_bits];
+        GranuleMap::Word* words = leaf.load(std::memory_order_relaxed);
+        if (words == nullptr) {
+            void* const page_of_bits = map(0, GranuleMap::leaf_bytes, PROT_READ | PROT_WRITE, 0);
+            if (page_of_bits == nullptr) {
+                return false;
+            }
+            words = static_cast<GranuleMap::Word*>(page_of_bits);
+            leaf.store(words, std::memory_order_release);
+        }
+        // A word at a time.
+        GranuleMap::Word& word = words[granule / 64 % (GranuleMap::leaf_bytes / 8)];
+        const std::uintptr_t first = granule % 64;
+        const std::uintptr_t count = std::min<std::uintptr_t>(64 - first, end - granule);
+        const std::uint64_t mask =
+            (count == 64 ? ~std::uint64_t{0} : (std::uint64_t{1} << count) - 1) << first;
+        const std::uint64_t now = word.load(std::memory_order_relaxed);
+        word.store(held ? now | mask : now & ~mask, std::memory_order_relaxed);
+        granule += count;
+    }
     return true;
 }
 
@@ -258,7 +297,11 @@ std::size_t unmap_run(const Allocation* first, const Allocation* last) {
     }
     const std::uintptr_t base = first->base;
     const std::uintptr_t end = (last - 1)->base + (last - 1)->size;
+    const int saved_errno = errno;
+    mark(base, end - base, false); // first: the kernel may give the place to another at once
     if (munmap(reinterpret_cast<void*>(base), end - base) != 0) {
+        mark(base, end - base, true);
+        errno = saved_errno;
         return 0;
     }
     if (round_up(end, granularity) == next_segment) {
@@ -300,6 +343,10 @@ void* vm_allocate(std::size_t size, Placement placement) {
         }
         base = placement == Placement::segment ? place_segment(bytes, alignment)
                                                : place_direct(bytes, alignment);
+        if (base != 0 && !mark(base, bytes, true)) {
+            munmap(reinterpret_cast<void*>(base), bytes);
+            base = 0;
+        }
         if (base == 0) {
             return nullptr;
         }
@@ -366,6 +413,23 @@ bool UpwardQueries::query(const void* address, Region& region) {
 
 void* vm_reserve(std::size_t size) {
     return map(0, round_up(size, page), PROT_NONE, MAP_NORESERVE);
+}
+
+const GranuleMap* vm_granules() {
+    return granules.load(std::memory_order_acquire);
+}
+
+void fork_parts::lock_table() {
+    pthread_mutex_lock(&table_lock);
+}
+
+void fork_parts::unlock_table() {
+    pthread_mutex_unlock(&table_lock);
+}
+
+// The lock counts those who wait for it, and they are not here.
+void fork_parts::renew_table() {
+    table_lock = PTHREAD_MUTEX_INITIALIZER;
 }
 
 } // namespace os

@@ -11,6 +11,9 @@
 
 namespace os {
 
+constinit RuntimeAllocator runtime_allocator{std::malloc, std::calloc, std::realloc, std::free,
+                                             posix_memalign};
+
 void* aligned_alloc(std::size_t size, std::size_t alignment) {
     if (alignment == 0 || (alignment & (alignment - 1)) != 0) {
         errno = EINVAL;
@@ -18,8 +21,8 @@ void* aligned_alloc(std::size_t size, std::size_t alignment) {
     }
     // The system refuses alignments below a pointer's; a larger one serves them as well.
     void* block = nullptr;
-    const int error =
-        posix_memalign(&block, alignment < sizeof(void*) ? sizeof(void*) : alignment, size);
+    const int error = runtime_allocator.posix_memalign(
+        &block, alignment < sizeof(void*) ? sizeof(void*) : alignment, size);
     if (error != 0) {
         errno = error;
         return nullptr;
@@ -28,7 +31,7 @@ void* aligned_alloc(std::size_t size, std::size_t alignment) {
 }
 
 void aligned_free(void* block) {
-    std::free(block);
+    runtime_allocator.free(block);
 }
 
 void assertion_failed(const char* expression, const char* source, unsigned line) {

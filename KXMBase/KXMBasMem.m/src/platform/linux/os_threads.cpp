@@ -2,7 +2,10 @@
 // word in a page of its own, so that making one needs no allocator.
 #include "platform/os.h"
 
+#include "platform/linux/fork_parts.h"
+
 #include <atomic>
+#include <cerrno>
 #include <climits>
 #include <linux/futex.h>
 #include <new>
@@ -40,8 +43,10 @@ bool take_permit(EventWord& word, std::uint32_t& state, std::uint32_t also) {
 constexpr int spins_before_sleep = 100;
 
 void futex(EventWord* word, int operation, std::uint32_t value) {
+    const int saved_errno = errno; // a lock within an allocation is no failure of it
     syscall(SYS_futex, reinterpret_cast<std::uint32_t*>(word), operation, value, nullptr, nullptr,
             0);
+    errno = saved_errno;
 }
 
 pthread_mutex_t* mutex_of(CriticalSection& section) {
@@ -144,13 +149,36 @@ void tls_set(int slot, void* value) {
     pthread_setspecific(static_cast<pthread_key_t>(slot - 1), value);
 }
 
+namespace {
+
+// In the static block of thread-local storage, which needs no allocation on first use.
+thread_local std::uint32_t own_thread_id __attribute__((tls_model("initial-exec"))) = 0;
+
+} // namespace
+
 std::uint32_t thread_id() {
-    // In the static block of thread-local storage, which needs no allocation on first use.
-    static thread_local std::uint32_t id __attribute__((tls_model("initial-exec"))) = 0;
-    if (id == 0) {
-        id = static_cast<std::uint32_t>(syscall(SYS_gettid));
+    if (own_thread_id == 0) {
+        own_thread_id = static_cast<std::uint32_t>(syscall(SYS_gettid));
     }
-    return id;
+    return own_thread_id;
+}
+
+void at_fork(void (*before)(), void (*in_parent)(), void (*in_child)()) {
+    pthread_atfork(before, in_parent, in_child);
+}
+
+void lock_for_fork() {
+    fork_parts::lock_table();
+}
+
+void unlock_in_parent() {
+    fork_parts::unlock_table();
+}
+
+void renew_in_child() {
+    fork_parts::renew_table();
+    fork_parts::renew_symbols();
+    own_thread_id = 0;
 }
 
 const char* const single_threaded_word = &__libc_single_threaded;

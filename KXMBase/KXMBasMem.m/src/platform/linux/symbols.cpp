@@ -10,6 +10,7 @@
 // table in use does without it: a signal handler may be what interrupted the user, and must not wait.
 #include "platform/linux/symbols.h"
 
+#include "platform/linux/fork_parts.h"
 #include "platform/os.h"
 #include "platform/symbol_name.h"
 
@@ -345,6 +346,14 @@ void note_thread_start(std::uint64_t address) {
             none == address) {
             return;
         }
+    }
+}
+
+// Whoever was at the table is not here to finish, so what it holds may be half written.
+void fork_parts::renew_symbols() {
+    if (table_in_use.test(std::memory_order_relaxed)) {
+        table = nullptr;
+        table_in_use.clear(std::memory_order_relaxed);
     }
 }
 

@@ -69,4 +69,8 @@ void* vm_reserve(std::size_t size) {
     return VirtualAlloc(nullptr, size, MEM_RESERVE, PAGE_READONLY);
 }
 
+const GranuleMap* vm_granules() {
+    return nullptr; // the system answers vm_query at once
+}
+
 } // namespace os

@@ -10,6 +10,9 @@
 
 namespace os {
 
+constinit RuntimeAllocator runtime_allocator{std::malloc, std::calloc, std::realloc, std::free,
+                                             nullptr};
+
 void* aligned_alloc(std::size_t size, std::size_t alignment) {
     if (alignment == 0 || (alignment & (alignment - 1)) != 0) {
         return nullptr; // the runtime would treat it as a program error

@@ -72,6 +72,11 @@ std::uint32_t thread_id() {
     return GetCurrentThreadId();
 }
 
+void at_fork(void (*)(), void (*)(), void (*)()) {} // processes are not copied here
+void lock_for_fork() {}
+void unlock_in_parent() {}
+void renew_in_child() {}
+
 // The system does not say.
 static const char never_certain = 0;
 const char* const single_threaded_word = &never_certain;
