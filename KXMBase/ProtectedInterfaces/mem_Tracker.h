@@ -107,8 +107,9 @@ public:
 
     /// Writes the table of phases and what the last file lacks, and changes nothing else: what follows is
     /// recorded as if nothing had been written, and overwrites it. For a process that may end at any
-    /// moment. False when a file cannot be written, and when a thread is in the tracker and `wait` is
-    /// false. pre: as for Finalize, a converter.
+    /// moment. `wait` for other threads to leave the tracker; without it, in a handler of a fatal signal,
+    /// a tenth of a second at most, and the calling thread may be in it itself. False when a file cannot
+    /// be written. pre: as for Finalize, a converter.
     bool Save(bool wait);
 
     // Around a fork, for the library: the tracker's lock. The child begins a record of its own, whose

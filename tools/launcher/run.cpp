@@ -50,9 +50,11 @@ std::string settings_text(const Options& options) {
         }
     };
     add("limit", options.limit);
-    add("trim", options.trim_threshold);
-    add("mmap", options.mmap_threshold);
-    add("granularity", options.granularity);
+    // Unasked, what the C runtime's own thresholds grow to, so that a program which takes and gives back
+    // its work arrays does not pay the system for it each time.
+    add("trim", options.trim_threshold.value_or(std::uint64_t{64} << 20));
+    add("mmap", options.mmap_threshold.value_or(std::uint64_t{32} << 20));
+    add("granularity", options.granularity.value_or(std::uint64_t{256} << 10));
     if (options.tiny) {
         text += ",tiny=1";
     }

@@ -106,7 +106,7 @@ void after_fork_in_child() {
 // After the last destructor: with no object's name, it outlives even those of this library's.
 void at_the_end(void*) {
     own.inside = true; // for good
-    save_recording();
+    save_recording(true);
     note_end(Event{});
 }
 
@@ -115,7 +115,7 @@ void before_replacement() {
     const bool was_inside = own.inside;
     own.inside = true;
     const int saved_errno = errno;
-    save_recording();
+    save_recording(true);
     note_end(replaced);
     errno = saved_errno;
     own.inside = was_inside;
@@ -147,6 +147,7 @@ __attribute__((constructor)) void start() {
         reinterpret_cast<void*>(static_cast<void* (*)(std::size_t)>(malloc))) {
         process.figures->events.fetch_or(other_malloc);
     }
+    watch_signals();
     pthread_atfork(before_fork, after_fork_in_parent, after_fork_in_child);
     __cxa_atexit(at_the_end, nullptr, nullptr);
     process.backend = backend;
@@ -156,7 +157,7 @@ __attribute__((constructor)) void start() {
 
 [[noreturn]] void end_now(int status) {
     own.inside = true;
-    save_recording();
+    save_recording(true);
     note_end(Event{});
     for (;;) {
         syscall(SYS_exit_group, status);

@@ -72,9 +72,13 @@ public:
 
 // recording.cpp
 KXMRUN_HIDDEN void begin_recording(); ///< names the record; pre: tracking is on in the library
-KXMRUN_HIDDEN void save_recording();  ///< pre: inside
+/// Without `wait` for a thread that dies, perhaps in the midst of an event. pre: inside
+KXMRUN_HIDDEN void save_recording(bool wait);
 KXMRUN_HIDDEN void
 note_end(Event how); ///< figures of a process that ends or goes on as another program
+
+// signals.cpp
+KXMRUN_HIDDEN void watch_signals(); ///< pre: process.tracking is settled
 
 // figures.cpp
 KXMRUN_HIDDEN void open_figures();

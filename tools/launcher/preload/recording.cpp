@@ -116,11 +116,11 @@ void begin_recording() {
     errno = saved_errno;
 }
 
-void save_recording() {
+void save_recording(bool wait) {
     if (!process.tracking || getpid() != process.pid) { // a vfork's child has its parent's memory
         return;
     }
-    const bool done = mem_Tracker::Instance().Save(true);
+    const bool done = mem_Tracker::Instance().Save(wait);
     process.figures->recorded.store(
         static_cast<std::uint32_t>(mem_Tracker::Instance().CurrTransactionId()));
     process.figures->events.fetch_or(done ? saved : not_saved);

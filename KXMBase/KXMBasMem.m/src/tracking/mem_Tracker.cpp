@@ -11,10 +11,12 @@
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <cstddef>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <thread>
 
 #include "mem_BoundFunctions.h"
 #include "mem_ThreadId.h"
@@ -474,10 +476,15 @@ bool mem_Tracker::WriteBuffer(int file) {
 
 // The events stay in the buffer, which a full file or a later save writes under the same name.
 bool mem_Tracker::Save(bool wait) {
+    bool locked = wait;
     if (wait) {
         m_lock.Lock();
-    } else if (m_lock.TryLock() == 0) {
-        return false;
+    }
+    for (int attempt = 0; !locked && attempt < 100; ++attempt) {
+        locked = m_lock.TryLock() != 0;
+        if (!locked) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
     }
     m_stackHash.WriteToDisk(m_baseOutputName);
     bool written = true;
@@ -490,7 +497,9 @@ bool mem_Tracker::Save(bool wait) {
             os::file_close(file);
         }
     }
-    m_lock.Unlock();
+    if (locked) {
+        m_lock.Unlock();
+    }
     return written;
 }
 
