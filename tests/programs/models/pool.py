@@ -4,6 +4,7 @@ import hashlib
 import lzma
 import multiprocessing
 import os
+import sys
 import threading
 import zlib
 
@@ -15,7 +16,8 @@ def work(number):
     return hashlib.sha256(packed).hexdigest(), sum(len(entry[1]) for entry in table.values())
 
 
-def pack(number, results):
+def pack(number, together, results):
+    together.wait()  # memory may run short now: Python cannot stand that while it starts a thread
     data = b"".join(hashlib.sha256(b"%d %d" % (number, i)).digest()[: 8 + i % 9] for i in range(20000))
     packed = lzma.compress(data, preset=1)
     assert lzma.decompress(packed) == data
@@ -25,9 +27,11 @@ def pack(number, results):
 if __name__ == "__main__":
     multiprocessing.set_start_method("fork")
     results = {}
-    threads = [threading.Thread(target=pack, args=(number, results)) for number in range(6)]
+    together = threading.Barrier(7)
+    threads = [threading.Thread(target=pack, args=(number, together, results)) for number in range(6)]
     for thread in threads:
         thread.start()
+    together.wait()
     children = []
     for number in range(12):
         child = os.fork()
@@ -39,6 +43,7 @@ if __name__ == "__main__":
         thread.join()
     print("threads", sorted(results.items()))
     assert len(results) == len(threads), "a thread ended early"
+    sys.stdout.flush()  # or every worker prints it again
     with multiprocessing.Pool(4, maxtasksperchild=5) as pool:
         for result in pool.imap(work, range(40)):
             print(*result)

@@ -71,6 +71,6 @@ double everything(const std::string& text, const double* x) {
         list->push_back((*i)[2]);
         std::stable_sort(list->begin(), list->end());
     }
-    return all(std::make_index_sequence<40>(), x) +
+    return all(std::make_index_sequence<25>(), x) +
            static_cast<double>(variants(std::make_index_sequence<16>(), words.size()));
 }
