@@ -106,7 +106,7 @@ public:
     void StopTracking();
 
     /// Writes the table of phases and what the last file lacks, and changes nothing else: what follows is
-    /// recorded as if nothing had been written, and overwrites it. For a process that may end at any
+    /// recorded as if nothing had been written, and overwrites it. Without events, nothing. For a process that may end at any
     /// moment. `wait` for other threads to leave the tracker; without it, in a handler of a fatal signal,
     /// a tenth of a second at most, and the calling thread may be in it itself. False when a file cannot
     /// be written. pre: as for Finalize, a converter.

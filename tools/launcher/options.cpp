@@ -87,8 +87,7 @@ std::optional<int> read_options(int argc, char** argv, Options& options) {
            "--huge-pages",
            [&options](const std::string& text) { options.huge_pages = text == "on"; },
            "Whether large blocks may lie on huge pages")
-        ->check(CLI::IsMember({"on", "off"}))
-;
+        ->check(CLI::IsMember({"on", "off"}));
     add_size(app, "--trim-threshold", options.trim_threshold,
              "Free memory at the top above which it goes back to the system");
     add_size(app, "--mmap-threshold", options.mmap_threshold,
@@ -124,16 +123,14 @@ std::optional<int> read_options(int argc, char** argv, Options& options) {
     }
     try {
         app.parse(own_arguments, argv);
-        if (own_arguments < argc) {
-            if (!options.command.empty()) {
-                throw CLI::ValidationError("\"" + options.command[0] +
-                                           "\" is not expected before --");
-            }
-            options.command.assign(argv + own_arguments + 1, argv + argc);
+        if (!options.command.empty()) {
+            throw CLI::ValidationError("\"" + options.command[0] +
+                                       "\" is not expected: the program stands behind --");
         }
-        if (options.command.empty()) {
+        if (argc - own_arguments < 2) {
             throw CLI::ValidationError("a program is missing: kxmrun [options] -- program ...");
         }
+        options.command.assign(argv + own_arguments + 1, argv + argc);
         if (const std::string why = contradiction(options); !why.empty()) {
             throw CLI::ValidationError(why);
         }

@@ -131,8 +131,8 @@ std::string quoted(const std::string& text) {
 
 // A process that was killed has told no count, and has left whole files alone.
 std::uint64_t recorded_by(const ProcessFigures& process) {
-    if (!has(process, recording)) {
-        return 0;
+    if (!has(process, recording) || (has(process, saved) && value(process.recorded) == 0)) {
+        return 0; // a child that did nothing but become another program leaves no files
     }
     return value(process.recorded) + 1;
 }

@@ -19,6 +19,7 @@ namespace kxmrun {
 
 constinit Process process{};
 constinit thread_local Thread own{};
+constinit Known known{};
 
 namespace {
 
@@ -170,10 +171,52 @@ void give_later(void* block) {
                                                     std::memory_order_relaxed));
 }
 
-// pre: inside.
+// ---- Recording. All of it inside.
+
+void tell_taken(void* block, std::size_t size, bool zeroed) {
+    if (!process.tracking) {
+        return;
+    }
+    if (known.only_recorded) {
+        known.recorded.insert(block);
+    }
+    if (zeroed) {
+        mem_Tracker::Instance().CallocCall(block, 1, size);
+    } else {
+        mem_Tracker::Instance().MallocCall(block, size);
+    }
+}
+
+// Whether the recording has seen the block, which it is about to see no more. On the heap, what the C runtime
+// gave was given before the start or to somebody inside.
+bool leaves_record(void* block) {
+    if (!process.tracking || (process.backend == Backend::heap && !in_heap(block))) {
+        return false;
+    }
+    return known.only_recorded
+               ? known.recorded.remove(block)
+               : process.backend == Backend::heap || !known.unrecorded.remove(block);
+}
+
+// `was_recorded`: of the old block, which stays where there is no fresh one.
+void tell_resized(void* fresh, void* block, std::size_t size, bool was_recorded) {
+    if (!process.tracking) {
+        return;
+    }
+    if (known.only_recorded) {
+        known.recorded.insert(fresh != nullptr ? fresh : was_recorded ? block : nullptr);
+    } else if (fresh == nullptr && !was_recorded && process.backend != Backend::heap) {
+        known.unrecorded.insert(block);
+    }
+    if (was_recorded) {
+        mem_Tracker::Instance().ReallocCall(fresh, block, size);
+    } else {
+        mem_Tracker::Instance().MallocCall(fresh, size);
+    }
+}
+
 void give_and_tell(void* block) {
-    // On the heap, what the C runtime gave was given before the start or to somebody inside: not recorded.
-    if (process.tracking && (process.backend != Backend::heap || in_heap(block))) {
+    if (leaves_record(block)) {
         mem_Tracker::Instance().FreeCall(block);
     }
     give(block);
@@ -201,25 +244,38 @@ bool outside() {
 
 enum class Kind { malloc, calloc };
 
+// The C runtime's, for somebody inside or before the start.
+bool notes_unrecorded() {
+    return process.backend == Backend::none ||
+           (process.tracking && process.backend != Backend::heap);
+}
+
+void* note_unrecorded(void* block) {
+    if (notes_unrecorded()) {
+        known.unrecorded.insert(block);
+    }
+    return block;
+}
+
+void forget_unrecorded(void* block) {
+    if (notes_unrecorded()) {
+        known.unrecorded.remove(block);
+    }
+}
+
 __attribute__((noinline)) void* general_take(std::size_t size, std::size_t alignment, Kind kind) {
     const bool zeroed = kind == Kind::calloc;
     if (outside()) {
-        return zeroed           ? __libc_calloc(1, size)
-               : alignment > 16 ? __libc_memalign(alignment, size)
-                                : __libc_malloc(size);
+        return note_unrecorded(zeroed           ? __libc_calloc(1, size)
+                               : alignment > 16 ? __libc_memalign(alignment, size)
+                                                : __libc_malloc(size));
     }
     const Inside inside;
     if (some_wait()) {
         give_those_waiting();
     }
     void* const block = take(size, alignment, zeroed);
-    if (process.tracking) {
-        if (zeroed) {
-            mem_Tracker::Instance().CallocCall(block, 1, size);
-        } else {
-            mem_Tracker::Instance().MallocCall(block, size);
-        }
-    }
+    tell_taken(block, size, zeroed);
     return block != nullptr ? block : refuse(size);
 }
 
@@ -228,6 +284,7 @@ __attribute__((noinline)) void general_give(void* block) {
         if (is_ours(block)) {
             give_later(block);
         } else {
+            forget_unrecorded(block);
             __libc_free(block);
         }
         return;
@@ -243,58 +300,44 @@ __attribute__((noinline)) void general_give(void* block) {
     errno = saved_errno;
 }
 
-// By way of a new block. `told` runs before the old one goes.
-template <typename Told> void* move(void* block, std::size_t size, Told told) {
+// By way of a new block; told before the old one goes.
+void* move(void* block, std::size_t size) {
+    const bool was_recorded = leaves_record(block);
     void* const fresh = take(size, 16, false);
     if (fresh != nullptr) {
         const std::size_t kept = usable(block);
         std::memcpy(fresh, block, kept < size ? kept : size);
     }
-    told(fresh);
+    tell_resized(fresh, block, size, was_recorded);
     if (fresh != nullptr) {
         give(block);
     }
     return fresh;
 }
 
+bool stays_in_slot(void* block, std::size_t size) {
+    const std::size_t slot = (tiny_size(block) + tiny_header + 15) / 16 * 16;
+    if (size > most || size + tiny_header > slot) {
+        return false;
+    }
+    std::memcpy(slot_of(block), &size, sizeof size);
+    return true;
+}
+
 // pre: inside; size is not 0.
 void* resize(void* block, std::size_t size) {
-    const auto told_as_realloc = [block, size](void* fresh) {
-        if (process.tracking) {
-            mem_Tracker::Instance().ReallocCall(fresh, block, size);
-        }
-    };
-    if (size > most) {
-        told_as_realloc(nullptr);
-        return nullptr;
+    const bool heap = process.backend == Backend::heap;
+    const bool tiny = heap && in_heap(block) && is_tiny(block);
+    const bool in_place_if_it_can = heap ? in_heap(block) : process.backend == Backend::runtime;
+    if (!in_place_if_it_can || (tiny && !stays_in_slot(block, size))) {
+        return move(block, size); // on the heap: it was the C runtime's, and becomes ours
     }
-    switch (process.backend) {
-    case Backend::heap:
-        if (!in_heap(block)) { // of before the start: it becomes ours
-            return move(block, size, [size](void* fresh) {
-                if (process.tracking) {
-                    mem_Tracker::Instance().MallocCall(fresh, size);
-                }
-            });
-        }
-        if (is_tiny(block)) {
-            const std::size_t slot = (tiny_size(block) + tiny_header + 15) / 16 * 16;
-            if (size + tiny_header > slot) {
-                return move(block, size, told_as_realloc);
-            }
-            std::memcpy(slot_of(block), &size, sizeof size);
-            told_as_realloc(block);
-            return block;
-        }
-        break;
-    case Backend::runtime:
-        break;
-    default:
-        return move(block, size, told_as_realloc);
-    }
-    void* const result =
-        process.backend == Backend::heap ? dlrealloc(block, size) : __libc_realloc(block, size);
-    told_as_realloc(result);
+    const bool was_recorded = leaves_record(block);
+    void* const result = tiny          ? block
+                         : size > most ? nullptr
+                         : heap        ? dlrealloc(block, size)
+                                       : __libc_realloc(block, size);
+    tell_resized(result, block, size, was_recorded);
     return result;
 }
 
@@ -305,9 +348,12 @@ __attribute__((noinline)) void* general_resize(void* block, std::size_t size) {
         return result != nullptr ? result : refuse(size);
     }
     if (!is_ours(block)) {
-        return __libc_realloc(block, size);
+        forget_unrecorded(block);
+        void* const fresh = __libc_realloc(block, size);
+        note_unrecorded(fresh != nullptr ? fresh : block);
+        return fresh;
     }
-    void* const fresh = __libc_malloc(size);
+    void* const fresh = note_unrecorded(__libc_malloc(size));
     if (fresh != nullptr) {
         const std::size_t kept = usable(block);
         std::memcpy(fresh, block, kept < size ? kept : size);

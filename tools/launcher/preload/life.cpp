@@ -96,8 +96,11 @@ void after_fork_in_parent() {
 void after_fork_in_child() {
     take_figures();
     if (process.tracking) {
+        known.only_recorded = true;
+        known.recorded.clear();
         begin_recording();
     }
+    known.unrecorded.clear();
     own.inside = false;
 }
 
@@ -142,6 +145,9 @@ __attribute__((constructor)) void start() {
     process.tracking = mem_Tracker::CheckUseFlag() == mem_Tracker::e_useOn;
     if (process.tracking) {
         begin_recording();
+    }
+    if (!process.tracking || backend == Backend::heap) {
+        known.unrecorded.clear();
     }
     if (dlsym(RTLD_DEFAULT, "malloc") !=
         reinterpret_cast<void*>(static_cast<void* (*)(std::size_t)>(malloc))) {

@@ -14,6 +14,7 @@
 #include <malloc.h>
 
 #include "../figures.h"
+#include "address_set.h"
 #include "platform/granule_map.h"
 
 // The C runtime's own, which no preloaded library takes the place of.
@@ -54,6 +55,15 @@ struct Thread {
     void* handed; ///< what the guarded back end's request to the C runtime is to get (guarded.h)
 };
 KXMRUN_HIDDEN extern constinit thread_local Thread own __attribute__((tls_model("initial-exec")));
+
+/// Which blocks a recording knows. Elsewhere than on the heap the C runtime also gave those of before the start
+/// and those of threads inside: `unrecorded` has them, until it turns out that nothing is recorded. A child of a
+/// fork has its parent's blocks, which its own recording never saw: there `recorded` has those that it did.
+struct Known {
+    AddressSet unrecorded, recorded;
+    bool only_recorded;
+};
+KXMRUN_HIDDEN extern constinit Known known;
 
 /// A thread's stay inside. A signal handler of the thread sees it whole.
 class Inside {

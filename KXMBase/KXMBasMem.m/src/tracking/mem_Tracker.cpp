@@ -486,8 +486,10 @@ bool mem_Tracker::Save(bool wait) {
             std::this_thread::sleep_for(std::chrono::milliseconds(1));
         }
     }
-    m_stackHash.WriteToDisk(m_baseOutputName);
     bool written = true;
+    if (m_fileNumber > 0 || m_itemsInCurrBuffer > 0) {
+        m_stackHash.WriteToDisk(m_baseOutputName);
+    }
     if (m_itemsInCurrBuffer > 0) {
         char name[e_baseNameSize + 32];
         NameFile(name, sizeof name);

@@ -1,0 +1,80 @@
+// A program of the library's own that forks while its threads allocate through it, with or without tracking: the
+// children go on with the library, and each that ends its recording leaves it under a name of its own.
+#include <KXMBasMem.h>
+#include <kxm_utf8_names.h>
+
+#include <atomic>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <sys/wait.h>
+#include <thread>
+#include <unistd.h>
+#include <vector>
+
+namespace {
+
+std::atomic<bool> stop{false};
+
+void churn() {
+    for (std::size_t i = 0; !stop; ++i) {
+        mem_Free(mem_Realloc(mem_Malloc(i % 2000 + 1), i % 900 + 1));
+    }
+}
+
+void finish() {
+    if (mem_Tracker_Interface::IsTrackingActive()) {
+        kxm::register_utf8_names();
+        mem_ThreadId::Finalize();
+        mem_Tracker::Finalize();
+    }
+}
+
+int child() {
+    std::thread other([] { mem_Free(mem_Malloc(10)); });
+    other.join();
+    KXMBasPhaseTracker::SaveMarker("Child Start");
+    if (KXMBasPhaseTracker::Size() != 1) {
+        return 1; // its first thread is not known any more
+    }
+    for (std::size_t i = 0; i < 500; ++i) {
+        mem_Free(mem_Malloc(i * 300));
+    }
+    finish();
+    return 33;
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+    if (argc > 1) {
+        mem_Tracker_Interface::SetOutputName(argv[1]);
+    }
+    if (argc > 2) { // the pool, with its lock
+        mem_TBAllocator(1);
+        mem_TBThreadLock(true);
+    }
+    std::vector<std::thread> threads;
+    for (int i = 0; i < 3; ++i) {
+        threads.emplace_back(churn);
+    }
+    for (int i = 0; i < 20; ++i) {
+        const pid_t pid = fork();
+        if (pid == 0) {
+            _exit(child());
+        }
+        int status = 0;
+        waitpid(pid, &status, 0);
+        if (!WIFEXITED(status) || WEXITSTATUS(status) != 33) {
+            std::printf("child %d: status %d\n", i, status);
+            _exit(1);
+        }
+    }
+    stop = true;
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    finish();
+    std::puts("forked");
+    return 0;
+}

@@ -1,0 +1,1 @@
+int main() {} // linked statically, so that nothing can be preloaded into it
