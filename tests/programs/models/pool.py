@@ -45,5 +45,6 @@ if __name__ == "__main__":
     assert len(results) == len(threads), "a thread ended early"
     sys.stdout.flush()  # or every worker prints it again
     with multiprocessing.Pool(4, maxtasksperchild=5) as pool:
-        for result in pool.imap(work, range(40)):
-            print(*result)
+        found = list(pool.imap(work, range(40)))
+    for result in found:  # not before, for workers that start late
+        print(*result)
