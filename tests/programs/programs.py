@@ -96,14 +96,14 @@ def getdp(size):
 def ccx(size):
     return Program("ccx", ["bracket.geo", "bracket.inp"], ["ccx", "bracket"], ["bracket.dat"],
                    [50],
-                   {16: r"\*ERROR in u_[a-z]*alloc: error allocating memory"}, 10000,
+                   {16: r"\*ERROR in u_[a-z]*alloc: error allocating memory"}, 500000,
                    environment={"OMP_NUM_THREADS": "2"}, prepare=bracket_mesh(size), check=first_frequency)
 
 
 def gmsh(size):
     return Program("gmsh", ["bracket.geo"], ["gmsh", "-3", "-setnumber", "size", str(size), "bracket.geo", "-o",
                                              "bracket.msh"],
-                   ["bracket.msh"], [16, 32], {1: "Error +: Out of memory", 134: "std::bad_alloc"}, 100000)
+                   ["bracket.msh"], [16, 32], {1: "Error +: Out of memory", 134: "std::bad_alloc"}, 1000000)
 
 
 PROGRAMS = [
@@ -112,18 +112,18 @@ PROGRAMS = [
     ccx(12),
     Program("octave", ["laplace.m"], ["octave-cli", "-q", "--norc", "laplace.m"], ["out", "err"],
             [12, 24],  # with 12 a factorisation of its libraries writes to null
-            {1: "error: out of memory", 139: "fatal: caught signal Segmentation fault"}, 100000),
+            {1: "error: out of memory", 139: "fatal: caught signal Segmentation fault"}, 1000000),
     Program("scipy", ["conduction.py"], [PYTHON, "conduction.py"], ["out", "err"],
-            [20, 40], {1: "MemoryError|RuntimeError: SUPERLU_MALLOC fails"}, 10000),
+            [20, 40], {1: "MemoryError|RuntimeError: SUPERLU_MALLOC fails"}, 20000),
     Program("g++", ["templates.cpp"], ["g++", "-std=c++20", "-O1", "-c", "templates.cpp"],
-            ["out", "err", "templates.o"], [8], {1: "cc1plus: out of memory allocating"}, 10000, processes=3),
+            ["out", "err", "templates.o"], [8], {1: "cc1plus: out of memory allocating"}, 1000000, processes=3),
     Program("sqlite3", ["queries.sql"], ["sqlite3", "mesh.db"], ["out", "err", "mesh.db"],
-            [2, 8], {1: "Runtime error near .*: out of memory"}, 10000, stdin="queries.sql",
-            counted=True),
+            [2, 8], {1: "Runtime error near .*: out of memory"}, 1000000,
+            stdin="queries.sql", counted=True),
     Program("git", ["history.sh"], ["sh", "history.sh"], ["out", "err"],
-            [8], {128: "fatal: Out of memory, malloc failed"}, 10000, processes=50),
+            [8], {128: "fatal: Out of memory, malloc failed"}, 20000, processes=100),
     Program("make", ["many.mk"], ["make", "-s", "-j3", "-f", "many.mk"], ["out", "err", "program"],
-            [1], {2: "cc1: out of memory allocating"}, 10000, processes=50),
-    Program("python", ["pool.py"], [PYTHON, "pool.py"], ["out", "err"], [24], {1: "MemoryError"}, 10000,
+            [1], {2: "cc1: out of memory allocating"}, 500000, processes=100),
+    Program("python", ["pool.py"], [PYTHON, "pool.py"], ["out", "err"], [24], {1: "MemoryError"}, 1000000,
             processes=21, environment={"PYTHONMALLOC": "malloc"}),
 ]

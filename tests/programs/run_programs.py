@@ -131,8 +131,6 @@ def check_recordings(program, run, memtrack):
         need(figures["complete"] and not figures["problems"], f"{base} is not whole: {figures['problems']}")
         need(base not in told or told[base] == figures["events"],
              f"{base}: {figures['events']} events, the launcher tells {told.get(base)}")
-        # The loader's and other early blocks, which were had before recording began, may go in it.
-        need(figures["unknown_releases"] <= 100, f"{base}: {figures['unknown_releases']} unknown releases")
         need(figures["failed"] == 0, f"{base}: {figures['failed']} requests refused")
         sums["events"] += figures["events"]
         sums["blocks"] += figures["allocated"]["blocks"]
@@ -254,14 +252,14 @@ def main():
                 plain = plain or run
                 verdict = f"ok  {run.seconds:6.2f} s {run.resident / MIB:7.1f} MiB  {told}".rstrip()
                 cells[program.name, mode] = f"{run.seconds:.2f}"
-            except (Fault, AssertionError) as fault:
+            except (Fault, AssertionError, OSError, ValueError, subprocess.TimeoutExpired) as fault:
                 verdict = f"FAULT: {fault}"
                 cells[program.name, mode] = "FAULT"
                 faults.append(f"{program.name}, {mode}: {fault}; kept in {os.path.join(scratch, program.name)}")
                 kept = True
-                if plain is None:
-                    break
             print(f"{program.name:8} {mode:8} {verdict}", flush=True)
+            if plain is None:
+                break
         if not kept:
             shutil.rmtree(os.path.join(scratch, program.name))
     print("\nSeconds, where the results were right:")
