@@ -11,7 +11,7 @@ no_arguments "$@"
 mkdir -p build demo-output
 need_build_packages
 need_npm
-build linux elasticity elasticity_demo_mesh memtrack kxmdiag
+build linux elasticity elasticity_demo_mesh memtrack kxmdiag kxmrun
 
 program=build/linux/bin/elasticity
 mesh=build/linux/examples/elasticity/beam.msh
@@ -119,6 +119,17 @@ echo "A forgotten array, with the vectors on the tracking allocator:"
 echo "A read of what nobody wrote, with KXA_UMR_PRINT=1 (words of 32 bits in a block of 400 bytes):"
 (cd demo-output && KXA_UMR_PRINT=1 "../$program" --backend heap --quiet --uninitialised-read \
     "../$small")
+
+echo
+echo "== kxmrun: a program that knows nothing of the library, sort, on its heap; recorded; and refused memory"
+seq 200000 -1 1 >demo-output/numbers
+build/linux/bin/kxmrun --summary --track-dir demo-output --track-name sort -- \
+    sort -n --parallel=1 -S 8M demo-output/numbers -o demo-output/sorted
+build/linux/bin/memtrack report -n 1 demo-output/sort | sed -n '1,5p'
+status=0
+build/linux/bin/kxmrun --limit 4M -- sort -n -S 64M demo-output/numbers -o demo-output/sorted || status=$?
+echo "sort made do with less; its exit status: $status"
+[ $status -eq 0 ]
 
 echo
 echo "== kxmdiag: what the library finds on this machine, and a deliberate fault"

@@ -174,6 +174,7 @@ class Launcher(unittest.TestCase):
         self.assertTrue(os.WIFSTOPPED(os.waitpid(process.pid, os.WUNTRACED)[1]))
         process.send_signal(signal.SIGCONT)
         self.assertEqual(process.wait(10), 5)
+        self.assertIn("malloc of its own", self.ran([KXMRUN, "--", victim("launcher_own_malloc")]).stderr)
         file = os.path.join(self.folder, "summary")
         self.ran([KXMRUN, f"--summary={file}", "-q", "--", "/bin/ls"])
         with open(file) as summary:

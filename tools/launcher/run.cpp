@@ -147,6 +147,38 @@ struct Signals {
     _exit(usage_status);
 }
 
+// One that is pending for the launcher, or 0. The set may be of several.
+int pending(const sigset_t& set, siginfo_t& what) {
+    const timespec at_once{};
+    const int signal = sigtimedwait(&set, &what, &at_once);
+    return signal > 0 ? signal : 0;
+}
+
+void pass_on(pid_t child, int signal, const siginfo_t& what) {
+    // What the kernel itself sends has gone to the whole group.
+    if (signal != SIGCHLD && what.si_code <= 0 && what.si_pid != child) {
+        kill(child, signal);
+    }
+}
+
+// The child has stopped: so does the launcher, unless it has been told meanwhile to go on. What comes for it
+// while it is stopped reaches the child first, as it would a stopped program.
+void stop_with(pid_t child, const Signals& signals) {
+    sigset_t going_on;
+    sigemptyset(&going_on);
+    sigaddset(&going_on, SIGCONT);
+    siginfo_t what{};
+    if (pending(going_on, what) == 0) {
+        kill(getpid(), SIGSTOP);
+        sigset_t others = signals.all;
+        sigdelset(&others, SIGCHLD);
+        while (const int signal = pending(others, what)) {
+            pass_on(child, signal, what);
+        }
+    }
+    kill(child, SIGCONT);
+}
+
 // Until the child has ended; its figures are in `usage`.
 int wait_for(pid_t child, const Signals& signals, struct rusage& usage) {
     for (;;) {
@@ -161,11 +193,10 @@ int wait_for(pid_t child, const Signals& signals, struct rusage& usage) {
                 if (!WIFSTOPPED(status)) {
                     return status;
                 }
-                kill(getpid(), SIGSTOP);
-                kill(child, SIGCONT); // here again: somebody has let the launcher go on
+                stop_with(child, signals);
             }
-        } else if (what.si_code <= 0 && what.si_pid != child) {
-            kill(child, signal); // what the kernel itself sends has gone to the whole group
+        } else {
+            pass_on(child, signal, what);
         }
     }
 }

@@ -171,7 +171,7 @@ void tell_strangers(const Figures* figures, const Processes& all) {
         all, [](const ProcessFigures& process) { return has(process, other_malloc) ? 1 : 0; });
     if (!strangers.empty()) {
         std::fprintf(stderr,
-                     "kxmrun: %s: it brings its own malloc, so the library did not serve it\n",
+                     "kxmrun: %s: it brings a malloc of its own, so the library did not serve it\n",
                      name_of(*strangers[0]).c_str());
     }
 }

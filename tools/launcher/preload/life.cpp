@@ -156,6 +156,7 @@ __attribute__((constructor)) void start() {
     watch_signals();
     pthread_atfork(before_fork, after_fork_in_parent, after_fork_in_child);
     __cxa_atexit(at_the_end, nullptr, nullptr);
+    at_quick_exit([] { at_the_end(nullptr); });
     process.backend = backend;
     process.plain_heap = backend == Backend::heap && !process.tiny && !process.tracking;
     own.inside = false;

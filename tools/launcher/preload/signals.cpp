@@ -14,6 +14,7 @@ namespace {
 constexpr int fatal_signals[] = {SIGSEGV, SIGBUS, SIGFPE,  SIGILL,  SIGABRT, SIGTERM,
                                  SIGINT,  SIGHUP, SIGQUIT, SIGPIPE, SIGALRM, SIGXCPU};
 
+using Signal = sighandler_t (*)(int, sighandler_t);
 using Sigaction = int (*)(int, const struct sigaction*, struct sigaction*);
 Sigaction real_sigaction = nullptr;
 
@@ -87,8 +88,15 @@ KXMRUN_ENTRY int sigaction(int signal, const struct sigaction* action,
     return result;
 }
 
-// As the system's: the handler stays, and calls that it interrupts go on.
+// While recorded, as the system's: the handler stays, and calls that it interrupts go on.
 KXMRUN_ENTRY sighandler_t signal(int signal, sighandler_t handler) noexcept {
+    if (!process.tracking) {
+        static Signal real = nullptr;
+        if (real == nullptr) {
+            real = reinterpret_cast<Signal>(dlsym(RTLD_NEXT, "signal"));
+        }
+        return real(signal, handler);
+    }
     struct sigaction action {};
     action.sa_handler = handler;
     action.sa_flags = SA_RESTART;
