@@ -1,8 +1,8 @@
 #!/bin/sh
 # Builds the library and runs the example job on it: a steel cantilever of 57,000 tetrahedra, solved
-# once on each back end, and three times against a memory limit that is too low. Shows what each run
-# allocated, how a refusal is reported and survived, what the library says of a leak and of a read of
-# what was never written, and where the results are.
+# once on each back end, and three times against a memory limit that is too low; on three processes, too,
+# where mpirun is installed. Shows what each run allocated, how a refusal is reported and survived, what the
+# library says of a leak and of a read of what was never written, and where the results are.
 set -eu
 cd "$(dirname "$0")"
 . scripts/common.sh
@@ -11,7 +11,7 @@ no_arguments "$@"
 mkdir -p build demo-output
 need_build_packages
 need_npm
-build linux elasticity elasticity_demo_mesh memtrack kxmdiag kxmrun
+build linux elasticity elasticity_ranks elasticity_demo_mesh memtrack kxmdiag heat kxmrun
 
 program=build/linux/bin/elasticity
 mesh=build/linux/examples/elasticity/beam.msh
@@ -110,6 +110,35 @@ if build/linux/bin/memtrack html --quiet --force --output demo-output/beam.html 
     echo "The same as a page, to look into with a browser: demo-output/beam.html"
 fi
 echo "More of it, each with --help: build/linux/bin/memtrack leaks | peak | phases | events | block | diff"
+
+# On several processes; also as root and with fewer cores, which Open MPI would refuse.
+ranks() {
+    OMPI_ALLOW_RUN_AS_ROOT=1 OMPI_ALLOW_RUN_AS_ROOT_CONFIRM=1 \
+        OMPI_MCA_btl_vader_single_copy_mechanism=none OMPI_MCA_mpi_yield_when_idle=1 \
+        mpirun --oversubscribe "$@"
+}
+echo
+if command -v mpirun >/dev/null 2>&1 && [ -x build/linux/bin/elasticity_mpi ]; then
+    echo "== the job on three processes, each with a limit of 120 MiB, which one alone outgrows, and recorded"
+    rm -f demo-output/ranks.*
+    ranks -n 3 -x KXA_MEM_TRACK=1 -x KXA_MEM_OUTPUTDIR=demo-output build/linux/bin/elasticity_mpi \
+        --backend heap --tiny-pool --memory-limit 120 --tracking ranks \
+        --output demo-output/ranks.vtu "$mesh" |
+        grep -e '^deflection' -e '^difference' -e '^rank ' -e '^[0-9] '
+    echo
+    echo "What memtrack reads from the three records together:"
+    build/linux/bin/memtrack report -n 3 demo-output/ranks.0 demo-output/ranks.1 demo-output/ranks.2 |
+        grep --no-group-separator -e ' ranks: ' -e '^Peak' -e '^Over' -A 3
+    size=$(du -ch demo-output/ranks.*.memT* | tail -n 1 | cut -f 1)
+    echo "The files, $size, are demo-output/ranks.*; they may be deleted. The result is ranks.pvtu."
+else
+    echo "== the job on several processes is left out: no mpirun here, or the build found no MPI"
+    echo "   (Debian packages libopenmpi-dev and openmpi-bin)"
+fi
+
+echo
+echo "== a solver in Fortran alone, with a limit of 5 MiB: it keeps fewer snapshots and finishes"
+KXQ_DLALLOCATOR=1 build/linux/bin/heat --limit 5
 
 echo
 echo "== two mistakes made on purpose, on a small mesh, and what the library says of them"

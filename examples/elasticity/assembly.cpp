@@ -101,11 +101,12 @@ Numbering number_unknowns(const Mesh& mesh) {
         result.row_of_node[node] = static_cast<std::int32_t>(result.node_of_row.size());
         result.node_of_row.push_back(static_cast<std::int32_t>(node));
     }
+    result.rows = result.node_of_row.size();
     return result;
 }
 
 RowLists couple_rows(const Mesh& mesh, const Numbering& numbering) {
-    RowLists lists(numbering.node_of_row.size());
+    RowLists lists(numbering.rows);
     Vector<std::int32_t> rows;
     for (std::size_t e = 0; e < mesh.element_count(); ++e) {
         rows.clear();
@@ -116,7 +117,8 @@ RowLists couple_rows(const Mesh& mesh, const Numbering& numbering) {
         }
         std::sort(rows.begin(), rows.end());
         for (const std::int32_t row : rows)
-            lists.add(index(row), rows);
+            if (index(row) < numbering.rows)
+                lists.add(index(row), rows);
     }
     return lists;
 }
@@ -152,7 +154,7 @@ void add_stiffness(const Mesh& mesh, const Numbering& numbering, const Material&
                     const std::int32_t* node = mesh.element(first + e);
                     const std::int32_t row = numbering.row_of_node[index(node[a])];
                     const std::int32_t column = numbering.row_of_node[index(node[b])];
-                    if (row >= 0 && column >= 0)
+                    if (row >= 0 && row < matrix.rows && column >= 0)
                         add_block(matrix, row, column, block);
                 }
     });

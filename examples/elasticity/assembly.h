@@ -26,6 +26,7 @@ struct Load {
 struct Numbering {
     Vector<std::int32_t> row_of_node;
     Vector<std::int32_t> node_of_row;
+    std::size_t rows = 0; // of the system; what follows are columns alone
 };
 
 Numbering number_unknowns(const Mesh& mesh);

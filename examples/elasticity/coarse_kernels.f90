@@ -5,22 +5,33 @@
 ! far-reaching part of the error, which a slender body is full of, across the mesh in one step.
 !     Z: (box, six modes) -> nodes;  E = Z^T A Z = L L^T;  z = z + Z E^-1 Z^T r
 module coarse_kernels
-    use, intrinsic :: iso_c_binding, only: c_double, c_int, c_int32_t, c_int64_t, c_size_t
+    use, intrinsic :: iso_c_binding, only: c_double, c_f_procpointer, c_funptr, c_int, c_int32_t, &
+                                           c_int64_t, c_ptr, c_size_t
     use work_arrays, only: work_array, acquire, release
     implicit none
     private
 
     public :: coarse_project, coarse_factor, coarse_apply
 
+    abstract interface
+        subroutine combine_values(values, count, context) bind(c)
+            import :: c_double, c_int32_t, c_ptr
+            integer(c_int32_t), value :: count
+            real(c_double), intent(inout) :: values(count)
+            type(c_ptr), value :: context
+        end subroutine combine_values
+    end interface
+
 contains
 
-    ! coarse = Z^T A Z. arm(:, i) is the position of node i seen from the centre of its box.
+    ! coarse = Z^T A Z of these rows. arm(:, i) is the position of node i seen from the centre of its box;
+    ! boxes and arms are those of all columns.
     subroutine coarse_project(rows, start, column, block, box, arm, boxes, coarse) &
         bind(c, name="coarse_project")
         integer(c_int32_t), value, intent(in) :: rows, boxes
         integer(c_int64_t), intent(in) :: start(0:rows)
-        integer(c_int32_t), intent(in) :: column(0:*), box(0:rows - 1)
-        real(c_double), intent(in) :: block(3, 3, 0:*), arm(3, 0:rows - 1)
+        integer(c_int32_t), intent(in) :: column(0:*), box(0:*)
+        real(c_double), intent(in) :: block(3, 3, 0:*), arm(3, 0:*)
         real(c_double), intent(out) :: coarse(6, 0:boxes - 1, 6, 0:boxes - 1)
         real(c_double) :: left(3, 6), right(3, 6), moved(3)
         integer(c_int64_t) :: k
@@ -81,13 +92,18 @@ contains
         end do
     end subroutine coarse_factor
 
-    ! z = z + Z E^-1 Z^T r. failed is 0, or -1 when no memory was to be had.
-    subroutine coarse_apply(rows, box, arm, boxes, factor, r, z, failed) bind(c, name="coarse_apply")
+    ! z = z + Z E^-1 Z^T r; combine adds up Z^T r over the processes. failed is 0, or -1 when no memory
+    ! was to be had.
+    subroutine coarse_apply(rows, box, arm, boxes, factor, r, z, combine, context, failed) &
+        bind(c, name="coarse_apply")
         integer(c_int32_t), value, intent(in) :: rows, boxes
         integer(c_int32_t), intent(in) :: box(rows)
         real(c_double), intent(in) :: arm(3, rows), factor(6 * boxes, 6 * boxes), r(3, rows)
         real(c_double), intent(inout) :: z(3, rows)
+        type(c_funptr), value, intent(in) :: combine
+        type(c_ptr), value, intent(in) :: context
         integer(c_int), intent(out) :: failed
+        procedure(combine_values), pointer :: combine_all
         type(work_array) :: work
         real(c_double), pointer, contiguous :: motion(:)
 
@@ -96,6 +112,8 @@ contains
         if (.not. associated(motion)) return
         failed = 0
         call restrict_to_boxes(rows, box, arm, boxes, r, motion)
+        call c_f_procpointer(combine, combine_all)
+        call combine_all(motion, 6 * boxes, context)
         call solve(6 * boxes, factor, motion)
         call prolong(rows, box, arm, boxes, motion, z)
         call release(work)

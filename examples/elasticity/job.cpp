@@ -4,6 +4,7 @@
 #include "gmsh_reader.h"
 #include "input_error.h"
 #include "kernels.h"
+#include "partition.h"
 #include "progress.h"
 #include "tracking.h"
 #include "vtk_writer.h"
@@ -43,91 +44,113 @@ private:
 };
 
 Mesh read_mesh(const Options& options, JobReport& report) {
-    const StepClock clock(report.steps[step_read]);
     Mesh mesh = read_gmsh(options.mesh);
     check_mesh(mesh);
     renumber(mesh);
-    if (options.cache_pool) {
-        mesh.records = std::make_shared<Records>(mesh);
-        if (!options.quiet)
-            mesh.records->print();
-    }
     report.nodes = mesh.nodes.size();
     report.elements = mesh.element_count();
     report.nodes_per_element = mesh.nodes_per_element;
     return mesh;
 }
 
-struct LinearSystem {
+// The body, or this rank's part of it, and what is known of the whole.
+struct Model {
+    Mesh mesh;
+    LoadVector load;
     Numbering numbering;
-    SparseMatrix matrix;
-    Vector<double> right;
-    Vector<Point> positions;
+    Part part;
 };
 
-RowLists couple(const Mesh& mesh, const Numbering& numbering, JobReport& report) {
-    const StepClock clock(report.steps[step_couple]);
-    return couple_rows(mesh, numbering);
+Model make_model(const Options& options, JobReport& report, const Team& team) {
+    const StepClock clock(report.steps[step_read]);
+    Model model;
+    model.mesh = read_mesh(options, report);
+    Mesh& mesh = model.mesh;
+    model.load = load_vector(mesh, options.load);
+    if (options.check)
+        report.known = known_solution(mesh, options.material, options.load, model.load.area);
+    else
+        report.known.reason = "not asked for";
+    model.numbering = number_unknowns(mesh);
+    if (model.numbering.rows == 0)
+        throw InputError(mesh.file, 0, {"every node belongs to group \"fixed\": nothing can move"});
+    model.part = team.ranks() == 1 ? whole(mesh) : cut_out(mesh, model.numbering, model.load, team);
+    if (options.cache_pool) {
+        mesh.records = std::make_shared<Records>(mesh);
+        if (!options.quiet)
+            mesh.records->print();
+    }
+    return model;
 }
 
-LinearSystem assemble(const Mesh& mesh, const Options& options, const LoadVector& load,
-                      JobReport& report) {
+struct LinearSystem {
+    SparseMatrix matrix;
+    Vector<double> right;
+    Vector<Point> positions; // of the columns, the rows first
+};
+
+RowLists couple(const Model& model, JobReport& report) {
+    const StepClock clock(report.steps[step_couple]);
+    return couple_rows(model.mesh, model.numbering);
+}
+
+LinearSystem assemble(const Model& model, const Options& options, JobReport& report, Team& team) {
     LinearSystem system;
-    system.numbering = number_unknowns(mesh);
-    if (system.numbering.node_of_row.empty())
-        throw InputError(mesh.file, 0, {"every node belongs to group \"fixed\": nothing can move"});
-    RowLists lists = couple(mesh, system.numbering, report);
+    RowLists lists = couple(model, report);
     const StepClock clock(report.steps[step_assemble]);
     system.matrix = matrix_pattern(std::move(lists));
-    add_stiffness(mesh, system.numbering, options.material, system.matrix);
-    for (const std::int32_t node : system.numbering.node_of_row) {
+    add_stiffness(model.mesh, model.numbering, options.material, system.matrix);
+    for (const std::int32_t node : model.numbering.node_of_row) {
         const auto i = static_cast<std::size_t>(node);
-        system.positions.push_back(mesh.nodes[i]);
-        system.right.insert(system.right.end(), &load.force[3 * i], &load.force[3 * i] + 3);
+        const double* force = &model.load.force[3 * i];
+        if (system.positions.size() < model.numbering.rows)
+            system.right.insert(system.right.end(), force, force + 3);
+        system.positions.push_back(model.mesh.nodes[i]);
     }
-    report.unknowns = system.matrix.unknowns();
-    report.nonzeros = system.matrix.nonzeros();
+    double figures[] = {static_cast<double>(system.matrix.unknowns()),
+                        static_cast<double>(system.matrix.nonzeros())};
+    team.sum(figures, 2);
+    report.unknowns = static_cast<std::int64_t>(figures[0]);
+    report.nonzeros = static_cast<std::int64_t>(figures[1]);
     return system;
 }
 
-// Displacements of all nodes, those of the fixed ones at zero.
-Vector<double> solve_system(const LinearSystem& system, std::size_t nodes, const Options& options,
-                            JobReport& report) {
+// Displacements of all nodes here, those of the fixed ones at zero.
+Vector<double> solve_system(Model& model, const LinearSystem& system, const Options& options,
+                            JobReport& report, Team& team) {
     const StepClock clock(report.steps[step_solve]);
     Vector<double> x;
     Progress progress(options.quiet);
     report.solver = solve(
         system.matrix, system.positions, system.right, x, options.solver,
-        [&](std::int64_t iteration, double residual) { progress.iteration(iteration, residual); });
-    Vector<double> displacement(3 * nodes, 0.0);
-    for (std::size_t row = 0; row < system.numbering.node_of_row.size(); ++row) {
-        const auto node = static_cast<std::size_t>(system.numbering.node_of_row[row]);
+        [&](std::int64_t iteration, double residual) { progress.iteration(iteration, residual); },
+        {team, model.part.rows});
+    Vector<double> displacement(3 * model.mesh.nodes.size(), 0.0);
+    for (std::size_t row = 0; row < model.numbering.node_of_row.size(); ++row) {
+        const auto node = static_cast<std::size_t>(model.numbering.node_of_row[row]);
         std::copy_n(&x[3 * row], 3, &displacement[3 * node]);
     }
     return displacement;
 }
 
 // The mean displacement of the loaded face along the load: the load's work, over its force.
-double mean_deflection(const LoadVector& load, const Vector<double>& displacement, double force) {
+double mean_deflection(const Model& model, const Vector<double>& displacement, double force,
+                       Team& team) {
     if (force == 0)
         return 0;
-    return vector_dot(static_cast<std::int64_t>(displacement.size()), load.force.data(),
-                      displacement.data()) /
+    return team.sum(vector_dot(static_cast<std::int64_t>(3 * model.part.own_nodes),
+                               model.load.force.data(), displacement.data())) /
            force;
 }
 
-void compare(const Mesh& mesh, const Options& options, const LoadVector& load,
-             const Vector<double>& displacement, JobReport& report) {
-    report.deflection = mean_deflection(load, displacement, options.load.force);
-    for (std::size_t i = 0; i < displacement.size(); i += 3)
+void compare(const Model& model, const Options& options, const Vector<double>& displacement,
+             JobReport& report, Team& team) {
+    report.deflection = mean_deflection(model, displacement, options.load.force, team);
+    for (std::size_t i = 0; i < 3 * model.part.own_nodes; i += 3)
         report.displacement =
             std::max(report.displacement,
                      std::hypot(displacement[i], displacement[i + 1], displacement[i + 2]));
-    if (!options.check) {
-        report.known.reason = "not asked for";
-        return;
-    }
-    report.known = known_solution(mesh, options.material, options.load, load.area);
+    report.displacement = team.largest(report.displacement);
     if (!report.known.applies)
         return;
     const double known = report.known.deflection;
@@ -135,13 +158,31 @@ void compare(const Mesh& mesh, const Options& options, const LoadVector& load,
     report.within_tolerance = std::abs(report.difference) <= options.check_tolerance;
 }
 
-Vector<double> compute_stress(const Mesh& mesh, const Options& options,
-                              const Vector<double>& displacement, JobReport& report) {
+Vector<double> compute_stress(Model& model, const Options& options,
+                              const Vector<double>& displacement, JobReport& report, Team& team) {
     const StepClock clock(report.steps[step_stress]);
-    Vector<double> stress = nodal_stress(mesh, options.material, displacement);
-    for (std::size_t i = 0; i < stress.size(); i += 6)
+    Vector<double> stress = nodal_stress(model.mesh, options.material, displacement);
+    team.exchange(model.part.nodes, stress.data(), 6); // a copy's elements are not all here
+    for (std::size_t i = 0; i < 6 * model.part.own_nodes; i += 6)
         report.stress = std::max(report.stress, von_mises(&stress[i]));
+    report.stress = team.largest(report.stress);
     return stress;
+}
+
+// Each rank's figures in its own place, zeros elsewhere: the sum has them all.
+void gather_figures(const Model& model, JobReport& report, Team& team) {
+    constexpr std::size_t figures = 4;
+    Vector<double> all(figures * static_cast<std::size_t>(team.ranks()), 0.0);
+    double* const own = &all[figures * static_cast<std::size_t>(team.rank())];
+    own[0] = 3 * static_cast<double>(model.numbering.rows);
+    own[1] = static_cast<double>(model.mesh.element_count());
+    own[2] = static_cast<double>(memory_figures().peak_bytes);
+    own[3] = static_cast<double>(mem_MaxFootprint());
+    team.sum(all.data(), all.size());
+    for (std::size_t i = 0; i < all.size(); i += figures)
+        report.ranks.push_back(
+            {static_cast<std::int64_t>(all[i]), static_cast<std::int64_t>(all[i + 1]),
+             static_cast<std::uint64_t>(all[i + 2]), static_cast<std::size_t>(all[i + 3])});
 }
 
 } // namespace
@@ -150,28 +191,27 @@ const char* present_step() {
     return step_name;
 }
 
-void run_job(const Options& options, JobReport& report) {
-    const Mesh mesh = read_mesh(options, report);
+void run_job(const Options& options, JobReport& report, Team& team) {
+    Model model = make_model(options, report, team);
     // Opened before the long work, so that a name that cannot be written is told at once.
-    std::optional<OutputFile> output;
+    std::optional<ResultFile> output;
     if (!options.output.empty())
-        output.emplace(options.output);
+        output.emplace(options.output, team);
 
-    const LoadVector load = load_vector(mesh, options.load);
     Vector<double> displacement;
     {
-        const LinearSystem system = assemble(mesh, options, load, report);
-        displacement = solve_system(system, mesh.nodes.size(), options, report);
+        const LinearSystem system = assemble(model, options, report, team);
+        displacement = solve_system(model, system, options, report, team);
     }
-    if (!report.solver.converged)
-        return;
-    compare(mesh, options, load, displacement, report);
-    const Vector<double> stress = compute_stress(mesh, options, displacement, report);
-    const StepClock clock(report.steps[step_write]);
-    if (output) {
-        write_vtk(*output, mesh, displacement, stress);
-        output->commit();
+    if (report.solver.converged) {
+        compare(model, options, displacement, report, team);
+        const Vector<double> stress = compute_stress(model, options, displacement, report, team);
+        const StepClock clock(report.steps[step_write]);
+        if (output)
+            output->write(model.mesh, model.part.own_element, displacement, stress);
     }
+    if (team.ranks() > 1)
+        gather_figures(model, report, team);
 }
 
 } // namespace elasticity

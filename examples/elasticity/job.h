@@ -3,6 +3,7 @@
 
 #include "known_solution.h"
 #include "options.h"
+#include "team.h"
 
 #include <cstdint>
 
@@ -24,7 +25,15 @@ enum StepNumber {
     step_count
 };
 
-/// Everything that is told of a run.
+/// What one of several processes had to do and to hold.
+struct RankFigures {
+    std::int64_t unknowns = 0;
+    std::int64_t elements = 0; // those on a border are two ranks'
+    std::uint64_t peak_bytes = 0;
+    std::size_t max_footprint = 0; // bytes
+};
+
+/// Everything that is told of a run; of several ranks together, but for steps.
 struct JobReport {
     Step steps[step_count] = {{"read"}, {"couple"}, {"assemble"}, {"solve"}, {"stress"}, {"write"}};
     std::size_t nodes = 0;
@@ -39,14 +48,15 @@ struct JobReport {
     KnownSolution known;
     double difference = 0; // relative, of deflection and known.deflection
     bool within_tolerance = true;
+    Vector<RankFigures> ranks{}; // when there are several, gathered at the end
 
     bool succeeded() const { return solver.converged && within_tolerance; }
 };
 
-/// Runs the job and fills `report` as it goes, so that what is known stays known when it throws:
+/// Runs this rank's share of the job and fills `report` as it goes, so that what is known stays known when it throws:
 /// InputError for wrong input or an output that cannot be written, std::bad_alloc when memory is
 /// refused. Results are written only if the solver converged.
-void run_job(const Options& options, JobReport& report);
+void run_job(const Options& options, JobReport& report, Team& team = alone());
 
 /// Name of the step that is running, or ran last.
 const char* present_step();

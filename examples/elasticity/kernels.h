@@ -27,8 +27,11 @@ void coarse_project(std::int32_t rows, const std::int64_t* start, const std::int
                     const double* block, const std::int32_t* box, const double* arm,
                     std::int32_t boxes, double* coarse);
 void coarse_factor(std::int32_t n, double* coarse);
+/// Adds up the projected residuals of all processes.
+typedef void (*Combine)(double* values, std::int32_t count, void* context);
 void coarse_apply(std::int32_t rows, const std::int32_t* box, const double* arm, std::int32_t boxes,
-                  const double* factor, const double* r, double* z, int* failed);
+                  const double* factor, const double* r, double* z, Combine combine, void* context,
+                  int* failed);
 
 } // extern "C"
 

@@ -9,6 +9,7 @@
 
 #include <KXMBasMem.h>
 
+#include <algorithm>
 #include <cinttypes>
 #include <cmath>
 #include <cstdio>
@@ -64,6 +65,18 @@ void print_steps(const JobReport& report) {
     std::printf("%-10s %9.3f\n", "total", total);
 }
 
+void print_ranks(const JobReport& report) {
+    if (report.ranks.empty())
+        return;
+    std::printf("\nrank     unknowns   tetrahedra   held at most MiB   footprint at most MiB\n");
+    for (std::size_t rank = 0; rank < report.ranks.size(); ++rank) {
+        const RankFigures& figures = report.ranks[rank];
+        std::printf("%-4zu %12" PRId64 " %12" PRId64 " %18.1f %23.1f\n", rank, figures.unknowns,
+                    figures.elements, mib(static_cast<double>(figures.peak_bytes)),
+                    mib(static_cast<double>(figures.max_footprint)));
+    }
+}
+
 void print_pools() {
     if (!pools_count()) {
         std::puts(
@@ -78,9 +91,9 @@ void print_pools() {
         std::printf("%-20s %6d %16zu %16zu\n", pool.name, pool.number, pool.present, pool.peak);
 }
 
-void print_memory(const Options& options) {
+void print_memory(const Options& options, bool several) {
     const MemoryFigures figures = memory_figures();
-    std::printf("\nmemory, back end %s\n", present_backend());
+    std::printf("\nmemory%s, back end %s\n", several ? " of rank 0" : "", present_backend());
     std::printf("  requests of this program  %12" PRIu64 "\n", figures.requests);
     std::printf("  of at most 128 bytes      %12" PRIu64 "%s\n", figures.small_requests,
                 options.tiny_pool ? ", from the tiny block pool" : "");
@@ -152,6 +165,11 @@ void write_figures(JsonObject& json, const Options& options, const JobReport& re
         json.number(name + "_seconds", step.seconds);
         json.number(name + "_footprint_kib", step.footprint_kib);
     }
+    json.number("ranks", std::max<std::size_t>(1, report.ranks.size()));
+    std::size_t rank_footprint = mem_MaxFootprint();
+    for (const RankFigures& rank : report.ranks)
+        rank_footprint = std::max(rank_footprint, rank.max_footprint);
+    json.number("largest_rank_footprint_bytes", rank_footprint);
     const MemoryFigures figures = memory_figures();
     json.number("requests", figures.requests);
     json.number("small_requests", figures.small_requests);
@@ -175,7 +193,8 @@ void print_report(const Options& options, const JobReport& report) {
     print_mesh(report);
     print_solution(options, report);
     print_steps(report);
-    print_memory(options);
+    print_ranks(report);
+    print_memory(options, !report.ranks.empty());
     if (std::fflush(stdout) != 0 || std::ferror(stdout))
         throw InputError({"standard output cannot be written"});
 }

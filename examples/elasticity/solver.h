@@ -3,6 +3,7 @@
 
 #include "mesh.h"
 #include "sparse_matrix.h"
+#include "team.h"
 
 #include <functional>
 
@@ -29,8 +30,19 @@ struct SolverResult {
 /// Called after each iteration with its number and the relative residual.
 using SolverProgress = std::function<void(std::int64_t, double)>;
 
-/// Solves matrix * x = right from x = 0. `positions` are those of the matrix's rows. A matrix that
-/// is not positive definite ends the iteration without convergence.
+/// Who else solves, and what this process needs of them.
+struct Others {
+    Team& team;
+    Halo& rows;
+};
+
+/// Solves matrix * x = right from x = 0. `positions` are those of the matrix's columns, its rows first;
+/// x is as long, with the others' rows renewed. A matrix that is not positive definite ends the
+/// iteration without convergence.
+SolverResult solve(const SparseMatrix& matrix, const Vector<Point>& positions,
+                   const Vector<double>& right, Vector<double>& x, const SolverSettings& settings,
+                   const SolverProgress& progress, const Others& others);
+/// The same in one process.
 SolverResult solve(const SparseMatrix& matrix, const Vector<Point>& positions,
                    const Vector<double>& right, Vector<double>& x, const SolverSettings& settings,
                    const SolverProgress& progress);

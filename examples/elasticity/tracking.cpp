@@ -2,6 +2,8 @@
 // is given back, then the tracker goes.
 #include "tracking.h"
 
+#include "input_error.h"
+
 #include <KXMBasMem.h>
 #include <kxm_utf8_names.h>
 
@@ -16,13 +18,16 @@ bool started = false, silent = false;
 
 } // namespace
 
-void start_tracking(const String& output, bool quiet) {
+void start_tracking(const String& output, bool quiet, const Team& team) {
     if (!mem_Tracker_Interface::IsTrackingActive())
         return;
     started = true;
     silent = quiet;
-    mem_Tracker_Interface::SetRank(0);
-    mem_Tracker_Interface::SetOutputName(output.c_str());
+    String name = output;
+    if (team.ranks() > 1) // ranks that write under one name destroy each other's files
+        name.append(".").append(std::string_view(Number(team.rank())));
+    mem_Tracker_Interface::SetRank(team.rank());
+    mem_Tracker_Interface::SetOutputName(name.c_str());
 }
 
 void end_tracking() noexcept {

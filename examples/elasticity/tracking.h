@@ -3,11 +3,13 @@
 #pragma once
 
 #include "memory.h"
+#include "team.h"
 
 namespace elasticity {
 
-/// Names the files of this process: `output` and what tracking adds to it. `quiet` is for the end.
-void start_tracking(const String& output, bool quiet);
+/// Names the files of this process: `output`, with its rank where there are several, and what tracking
+/// adds to it. `quiet` is for the end.
+void start_tracking(const String& output, bool quiet, const Team& team = alone());
 
 /// Ends what start_tracking began, if it was called, so that the last of the files are written. No other thread may be allocating, and the
 /// process records nothing from here on. Unless `quiet`, what the job holds at this moment, by its own

@@ -35,13 +35,14 @@ private:
     OutputFile& file_;
 };
 
-void write_cells(OutputFile& file, Writer& writer, const Mesh& mesh) {
-    const std::size_t count = mesh.element_count();
+void write_cells(OutputFile& file, Writer& writer, const Mesh& mesh,
+                 const Vector<std::size_t>& elements) {
+    const std::size_t count = elements.size();
     const int nodes = mesh.nodes_per_element;
     file.write({"<Cells>\n"});
     writer.array("Int32", "connectivity", 1, count, [&](std::size_t i) {
         for (int k = 0; k < nodes; ++k)
-            file.write({k > 0 ? " " : "", Number(mesh.element(i)[k])});
+            file.write({k > 0 ? " " : "", Number(mesh.element(elements[i])[k])});
     });
     writer.array("Int64", "offsets", 1, count, [&](std::size_t i) {
         file.write({Number((i + 1) * static_cast<std::size_t>(nodes))});
@@ -51,16 +52,14 @@ void write_cells(OutputFile& file, Writer& writer, const Mesh& mesh) {
     file.write({"</Cells>\n"});
 }
 
-} // namespace
-
-void write_vtk(OutputFile& file, const Mesh& mesh, const Vector<double>& displacement,
-               const Vector<double>& stress) {
+void write_vtk(OutputFile& file, const Mesh& mesh, const Vector<std::size_t>& elements,
+               const Vector<double>& displacement, const Vector<double>& stress) {
     Writer writer(file);
     const std::size_t nodes = mesh.nodes.size();
     file.write({"<?xml version=\"1.0\"?>\n"
                 "<VTKFile type=\"UnstructuredGrid\" version=\"0.1\" byte_order=\"LittleEndian\">\n"
                 "<UnstructuredGrid>\n<Piece NumberOfPoints=\"",
-                Number(nodes), "\" NumberOfCells=\"", Number(mesh.element_count()), "\">\n"});
+                Number(nodes), "\" NumberOfCells=\"", Number(elements.size()), "\">\n"});
     file.write({"<PointData Vectors=\"displacement\" Scalars=\"von_mises\">\n"});
     writer.array("Float64", "displacement", 3, nodes,
                  [&](std::size_t i) { writer.numbers(&displacement[3 * i], 3); });
@@ -75,8 +74,64 @@ void write_vtk(OutputFile& file, const Mesh& mesh, const Vector<double>& displac
         writer.numbers(xyz, 3);
     });
     file.write({"</Points>\n"});
-    write_cells(file, writer, mesh);
+    write_cells(file, writer, mesh, elements);
     file.write({"</Piece>\n</UnstructuredGrid>\n</VTKFile>\n"});
+}
+
+// The name of a piece in the list is that of a file beside it.
+void write_list(OutputFile& file, std::string_view stem, int ranks) {
+    const std::size_t folder = stem.find_last_of("/\\");
+    if (folder != std::string_view::npos)
+        stem.remove_prefix(folder + 1);
+    file.write({"<?xml version=\"1.0\"?>\n"
+                "<VTKFile type=\"PUnstructuredGrid\" version=\"0.1\" byte_order=\"LittleEndian\">\n"
+                "<PUnstructuredGrid GhostLevel=\"0\">\n"
+                "<PPointData Vectors=\"displacement\" Scalars=\"von_mises\">\n"
+                "<PDataArray type=\"Float64\" Name=\"displacement\" NumberOfComponents=\"3\"/>\n"
+                "<PDataArray type=\"Float64\" Name=\"stress\" NumberOfComponents=\"6\"/>\n"
+                "<PDataArray type=\"Float64\" Name=\"von_mises\" NumberOfComponents=\"1\"/>\n"
+                "</PPointData>\n<PPoints>\n"
+                "<PDataArray type=\"Float64\" Name=\"points\" NumberOfComponents=\"3\"/>\n"
+                "</PPoints>\n"});
+    for (int rank = 0; rank < ranks; ++rank)
+        file.write({"<Piece Source=\"", stem, ".", Number(rank), ".vtu\"/>\n"});
+    file.write({"</PUnstructuredGrid>\n</VTKFile>\n"});
+}
+
+String without_ending(const String& name) {
+    for (const std::string_view ending : {".pvtu", ".vtu"})
+        if (name.size() > ending.size() && name.ends_with(ending))
+            return name.substr(0, name.size() - ending.size());
+    return name;
+}
+
+String piece_name(const String& stem, int rank) {
+    String name = stem + ".";
+    name += std::string_view(Number(rank));
+    return name + ".vtu";
+}
+
+} // namespace
+
+ResultFile::ResultFile(const String& name, const Team& team)
+    : stem_(without_ending(name)), ranks_(team.ranks()),
+      file_(ranks_ == 1 ? name : piece_name(stem_, team.rank())) {
+    if (ranks_ > 1 && team.rank() == 0)
+        list_.emplace(stem_ + ".pvtu");
+}
+
+void ResultFile::write(const Mesh& mesh, const Vector<char>& own,
+                       const Vector<double>& displacement, const Vector<double>& stress) {
+    Vector<std::size_t> elements;
+    for (std::size_t e = 0; e < mesh.element_count(); ++e)
+        if (own.empty() || own[e])
+            elements.push_back(e);
+    write_vtk(file_, mesh, elements, displacement, stress);
+    file_.commit();
+    if (list_) {
+        write_list(*list_, stem_, ranks_);
+        list_->commit();
+    }
 }
 
 } // namespace elasticity

@@ -1,8 +1,8 @@
 ! The entries as a numerical routine uses them: blocks as arrays, sizes by value, results checked.
 program test_entries
     use, intrinsic :: iso_c_binding
-    use, intrinsic :: iso_fortran_env, only: error_unit
     use kxmbasmem
+    use test_checks
     implicit none
 
     call blocks_hold_arrays()
@@ -16,15 +16,6 @@ program test_entries
     print '(a)', 'all Fortran checks passed'
 
 contains
-
-    subroutine check(good, what)
-        logical, intent(in) :: good
-        character(*), intent(in) :: what
-        if (.not. good) then
-            write (error_unit, '(2a)') 'failed: ', what
-            error stop 1
-        end if
-    end subroutine check
 
     subroutine blocks_hold_arrays()
         real(c_double), pointer :: x(:, :)

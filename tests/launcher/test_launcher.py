@@ -75,6 +75,11 @@ class Launcher(unittest.TestCase):
             result = self.ran([KXMRUN, *options, "--", victim("launcher_storm"), victim("launcher_plugin.so"), "alarms"])
             self.assertEqual(result.stdout, "the storm is over\n")
 
+    def test_damage_is_told_on_the_guarded_back_end(self):
+        result = self.ran([KXMRUN, "--backend", "guarded", "--", victim("launcher_overwrite")])
+        self.assertEqual(re.sub("0x[0-9a-f]+", "X", result.stderr),
+                         "".join(f"FREE:memory overwrite detected at X {end} end\n" for end in ("back", "front", "front")))
+
     def test_a_limit_refuses_and_is_told(self):
         result = self.ran([KXMRUN, "--limit", "64M", "--", victim("launcher_work_arrays")])
         self.assertRegex(result.stdout, r"total +221400000\.0\nrefused +T\n")

@@ -1,5 +1,6 @@
 // Virtual memory as the heap relies on it: whole allocations alone are released, a query tells an
 // allocation's start from its middle, segments join and direct mappings stand apart.
+#include "platform/granule_map.h"
 #include "platform/os.h"
 
 #include <cstdint>
@@ -210,6 +211,29 @@ TEST(VirtualMemory, KnowsMemoryThatItDidNotHandOut) {
     EXPECT_EQ(middle.base + middle.size, region.base + region.size);
 
     EXPECT_FALSE(os::vm_query(reinterpret_cast<const void*>(UINTPTR_MAX), region));
+}
+
+// Told without a lock, for each granule that an allocation touches, and for no other.
+TEST(VirtualMemory, TellsWhoseAnAddressIsWithoutALock) {
+    constexpr std::size_t granule = 65536, size = 70 * granule + 100;
+    auto* const first = static_cast<char*>(os::vm_allocate(size, os::Placement::segment));
+    auto* const second = static_cast<char*>(os::vm_allocate(granule, os::Placement::direct));
+    ASSERT_TRUE(first != nullptr && second != nullptr);
+    const os::GranuleMap* const map = os::vm_granules();
+    const bool kept = map != nullptr; // not on every system
+    const int local = 0;
+    for (std::size_t at = 0; kept && at < size; at += granule / 2) {
+        EXPECT_TRUE(map->holds(first + at));
+    }
+    EXPECT_FALSE(kept && (map->holds(first - 1) || map->holds(first + 71 * granule)));
+    EXPECT_FALSE(kept && (map->holds(&local) || map->holds(nullptr)));
+    EXPECT_FALSE(kept && map->holds(reinterpret_cast<void*>(~std::uintptr_t{0})));
+    EXPECT_TRUE(os::vm_release(first));
+    for (std::size_t at = 0; kept && at < size; at += granule / 2) {
+        EXPECT_FALSE(map->holds(first + at));
+    }
+    EXPECT_EQ(kept, kept && map->holds(second));
+    EXPECT_TRUE(os::vm_release(second));
 }
 
 } // namespace

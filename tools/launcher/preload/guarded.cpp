@@ -13,11 +13,11 @@ namespace {
 
 constexpr std::size_t header = 24; // the library's, in front of its block
 constexpr std::size_t guard = 16;
-constexpr char guard_text[] = "DEADBEEFDEADBEEF";
+constexpr std::size_t notes = 16;
 
-std::uint64_t word_before(const void* block) {
+std::uint64_t word_before(const void* block, std::size_t distance) {
     std::uint64_t word = 0;
-    std::memcpy(&word, static_cast<const char*>(block) - sizeof word, sizeof word);
+    std::memcpy(&word, static_cast<const char*>(block) - distance, sizeof word);
     return word;
 }
 
@@ -28,25 +28,33 @@ std::uint32_t signature(const void* block) {
     return static_cast<std::uint32_t>(mixed >> 32) | 0x80000000U;
 }
 
-bool is_signed(const void* block) {
-    return word_before(block) >> 32 == signature(block);
+bool is_note(const void* block, std::uint64_t word) {
+    return word >> 32 == signature(block);
 }
 
-// A program that wrote in front of its block has hit the word, and behind it the library's front guard may
-// stand, which such a block of the common alignment has there.
-bool lost_signature(const void* block) {
-    return word_before(block) >> 48 != 0 &&
-           std::memcmp(static_cast<const char*>(block) - 8 - guard, guard_text, guard) == 0;
+// What the C runtime may have in front of a block: a size with its three flags.
+bool may_be_size(std::uint64_t word) {
+    return word >= 32 && word < std::uint64_t{1} << 47 && (word & 8) == 0;
+}
+
+void write_notes(void* block, std::uint64_t word) {
+    char* const place = static_cast<char*>(block) - notes;
+    std::memcpy(place, &word, sizeof word);
+    std::memcpy(place + sizeof word, &word, sizeof word);
+}
+
+bool is_undamaged(const void* block) {
+    return is_note(block, word_before(block, 8));
 }
 
 std::size_t offset_of(const void* block) {
-    return is_signed(block) ? word_before(block) & 0xffffffffU : 8;
+    return word_before(block, is_undamaged(block) ? 8 : 16) & 0xffffffffU;
 }
 
 } // namespace
 
 void* take(std::size_t size, std::size_t alignment) {
-    const std::size_t slack = alignment <= 16 ? 8 : alignment + 8;
+    const std::size_t slack = alignment + notes;
     // Asked for here, and handed to the library when it asks: it cannot bear a null.
     void* const raw = __libc_malloc(header + slack + size + guard);
     if (raw == nullptr || slack > 0xffffffffU) {
@@ -54,26 +62,28 @@ void* take(std::size_t size, std::size_t alignment) {
         return nullptr;
     }
     const std::uintptr_t base = reinterpret_cast<std::uintptr_t>(raw) + header;
-    const std::uintptr_t place = (base + 8 + alignment - 1) & ~(alignment - 1);
+    const std::uintptr_t place = (base + notes + alignment - 1) & ~(alignment - 1);
     const std::size_t offset = place - base;
     own.handed = raw;
     mem_malloc(offset + size); // exactly to the end of the data, where the guard is to be
     void* const block = reinterpret_cast<void*>(place);
-    const std::uint64_t word = std::uint64_t{signature(block)} << 32 | offset;
-    std::memcpy(reinterpret_cast<void*>(place - sizeof word), &word, sizeof word);
+    write_notes(block, std::uint64_t{signature(block)} << 32 | offset);
     return block;
 }
 
 bool is(const void* block) {
-    return is_signed(block) || lost_signature(block);
+    const std::uint64_t word = word_before(block, 8);
+    return is_note(block, word) || (!may_be_size(word) && is_note(block, word_before(block, 16)));
 }
 
 void give(void* block) {
-    if (!is_signed(block)) {
+    if (!is_undamaged(block)) {
         std::fprintf(stderr, "FREE:memory overwrite detected at 0x%x front end\n",
                      static_cast<unsigned>(reinterpret_cast<std::uintptr_t>(block) - 8));
     }
-    mem_free(static_cast<char*>(block) - offset_of(block));
+    const std::size_t offset = offset_of(block);
+    write_notes(block, 0); // whoever gets this place next has no note by chance
+    mem_free(static_cast<char*>(block) - offset);
 }
 
 std::size_t size(const void* block) {

@@ -2,11 +2,12 @@
 // which a program's do not; so each begins somewhat inside the library's block, and the word in front of it
 // says how far:
 //
-//     | size | DEADBEEFDEADBEEF | ... | signature, offset | user data | DEADBEEFDEADBEEF |
-//                               ^ the library's block     ^ the program's, offset bytes further on
+//     | size | DEADBEEFDEADBEEF | ... | note | note | user data | DEADBEEFDEADBEEF |
+//                               ^ the library's block  ^ the program's, so many bytes further on
 //
-// The upper half of that word is a signature of the address. A block of the C runtime has its size there, whose
-// upper half is nearly zero, so no block is taken for the other kind.
+// The note's lower half is that distance, its upper half a signature of the address. In front of a block of the
+// C runtime stands its size, whose upper half is nearly zero, so no block is taken for the other kind. A program
+// that writes in front of its block damages the second note first, and the first one serves.
 #pragma once
 
 #include <cstddef>
