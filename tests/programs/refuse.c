@@ -34,11 +34,15 @@ static void* taken(void* p) {
     return p;
 }
 
-void* malloc(size_t size) { return refused(size) ? NULL : taken(__libc_malloc(size)); }
+void* malloc(size_t size) {
+    return refused(size) ? NULL : taken(__libc_malloc(size));
+}
 
 void* calloc(size_t count, size_t size) {
     size_t bytes;
-    return __builtin_mul_overflow(count, size, &bytes) || refused(bytes) ? NULL : taken(__libc_calloc(count, size));
+    return __builtin_mul_overflow(count, size, &bytes) || refused(bytes)
+               ? NULL
+               : taken(__libc_calloc(count, size));
 }
 
 void* realloc(void* old, size_t size) {
@@ -54,9 +58,13 @@ void* realloc(void* old, size_t size) {
     return p;
 }
 
-void* memalign(size_t alignment, size_t size) { return refused(size) ? NULL : taken(__libc_memalign(alignment, size)); }
+void* memalign(size_t alignment, size_t size) {
+    return refused(size) ? NULL : taken(__libc_memalign(alignment, size));
+}
 
-void* aligned_alloc(size_t alignment, size_t size) { return memalign(alignment, size); }
+void* aligned_alloc(size_t alignment, size_t size) {
+    return memalign(alignment, size);
+}
 
 int posix_memalign(void** result, size_t alignment, size_t size) {
     const int before = errno;

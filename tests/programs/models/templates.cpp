@@ -27,9 +27,7 @@ template <int Order, int Dimension> struct Shape {
     }
 };
 
-template <std::size_t N> struct Tag {
-    std::array<double, N + 1> values;
-};
+template <std::size_t N> struct Tag { std::array<double, N + 1> values; };
 
 template <std::size_t... N> double all(std::index_sequence<N...>, const double* x) {
     auto tuple = std::make_tuple(Shape<static_cast<int>(N % 24), 3>::value(x)...);
@@ -39,7 +37,9 @@ template <std::size_t... N> double all(std::index_sequence<N...>, const double* 
 template <std::size_t... N> std::size_t variants(std::index_sequence<N...>, std::size_t seed) {
     std::vector<std::variant<Tag<N>...>> list;
     std::map<std::string, std::function<std::size_t()>> calls;
-    ((list.emplace_back(Tag<N>{}), calls.emplace(std::to_string(N + seed), [] { return sizeof(Tag<N>); })), ...);
+    ((list.emplace_back(Tag<N>{}),
+      calls.emplace(std::to_string(N + seed), [] { return sizeof(Tag<N>); })),
+     ...);
     std::size_t bytes = 0;
     for (const auto& one : list) {
         bytes += std::visit([](const auto& tag) { return tag.values.size(); }, one);
