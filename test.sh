@@ -4,7 +4,10 @@
 #   ./test.sh            on Linux and on Windows (under Wine)
 #   ./test.sh linux      on Linux alone
 #   ./test.sh windows    on Windows alone
-#   ./test.sh check      on both, and further: clang, ASan+UBSan, TSan, the formatting of the sources
+#   ./test.sh check      on both, and further: clang, ASan+UBSan, TSan, cppcheck, the formatting of the sources
+#   ./test.sh soak [N]   what takes longer, about N minutes (60): threads under stress on every back end, plainly,
+#                        under TSan and under Wine; the fuzzers; every n-th system call failing; systems that
+#                        give little; clang-tidy
 #
 # Missing Debian packages are installed (as root or through sudo), or named.
 set -eu
@@ -33,13 +36,90 @@ check_format() {
         xargs -0 clang-format-14 --dry-run --Werror
 }
 
-what=${1:-both}
-[ $# -le 1 ] || {
-    echo "test.sh: one argument at most" >&2
-    exit 2
+analyse() {
+    echo "== cppcheck"
+    cppcheck --std=c++20 --language=c++ --enable=warning,performance,portability --inline-suppr \
+        --error-exitcode=1 --quiet -j 2 --platform=unix64 \
+        -IKXMBase/ProtectedInterfaces -IKXMBase/KXMBasMem.m/src -IKX0CORE \
+        KXMBase KX0CORE bindings tools examples/elasticity
 }
+
+analyse_further() {
+    echo "== clang-tidy"
+    configure_options="$configure_options -DCMAKE_EXPORT_COMPILE_COMMANDS=ON" build linux-clang
+    git ls-files -z -- 'KXMBase/*.cpp' 'KX0CORE/*.cpp' 'bindings/*.cpp' 'tools/*.cpp' 'examples/*.cpp' |
+        grep -zv /windows/ | xargs -0 -n 4 -P 2 clang-tidy-14 --quiet -p build/linux-clang
+}
+
+# stress SECONDS PROGRAM...: on every back end, for that long in all.
+stress() {
+    seconds=$(($1 / 6 + 1))
+    shift
+    scratch=$(mktemp -d)
+    for variables in KXQ_CRTMALLOC=1 KXA_DEADBEEF=1 KXQ_USE_ALIGNED_MEMORY=1 KXQ_DLALLOCATOR=1 \
+        "KXQ_DLALLOCATOR=1 KXM_STRESS_TINY=1" \
+        "KXQ_DLALLOCATOR=1 KXA_MEM_TRACK=1 KXA_MEM_OUTPUTDIR=$scratch"; do
+        left=$seconds
+        while [ "$left" -gt 0 ]; do # in slices, with another seed and another number of threads each
+            slice=$((left < 30 ? left : 30))
+            # shellcheck disable=SC2086  # words are meant to split
+            env $variables "$@" "$slice" $((left % 13 + 2)) "$left"
+            left=$((left - slice))
+        done
+    done
+    rm -r "$scratch"
+}
+
+soak() {
+    minutes=$1
+    build linux
+    programs=build/linux/bin
+    tests=build/linux/tests/bin
+    mesh=examples/meshes/cantilever-22.msh
+    echo "== every n-th system call fails"
+    python3 -B tests/soak/fault_injection.py "$programs" "$tests" "$mesh"
+    echo "== systems that give little"
+    python3 -B tests/soak/restricted.py "$programs" "$tests" "$mesh"
+    echo "== threads under stress"
+    stress $((minutes * 10)) "$tests/stress"
+    build linux-tsan stress
+    TSAN_OPTIONS="allocator_may_return_null=1 suppressions=$PWD/tests/support/tsan.supp halt_on_error=1" \
+        stress $((minutes * 10)) build/linux-tsan/tests/bin/stress
+    need_windows_packages
+    build windows stress
+    start_wine_server
+    trap stop_wine_server EXIT
+    trap 'exit 130' INT TERM
+    WINEPATH=build/windows/bin stress $((minutes * 10)) cmake/run-wine.sh build/windows/tests/bin/stress.exe
+    echo "== fuzzers"
+    build linux-fuzz
+    for target in heap tiny cache recorder memtrack; do
+        findings=build/linux-fuzz/findings-$target
+        mkdir -p "$findings"
+        TMPDIR=/dev/shm build/linux-fuzz/tests/bin/fuzz_$target -max_len=4000 -verbosity=0 -print_final_stats=1 \
+            -max_total_time=$((minutes * 6)) -artifact_prefix="$findings/" "$findings"
+    done
+    analyse_further
+}
+
+what=${1:-both}
+minutes=60
+case $#:$what in
+0:* | 1:*) ;;
+2:soak) minutes=$2 ;;
+*)
+    echo "test.sh: one argument at most, and the minutes of soak" >&2
+    exit 2
+    ;;
+esac
+case $minutes in
+'' | *[!0-9]* | 0*)
+    echo "test.sh: '$minutes' is no number of minutes" >&2
+    exit 2
+    ;;
+esac
 case $what in
-both | linux | windows | check) ;;
+both | linux | windows | check | soak) ;;
 -h | --help)
     print_head
     exit 0
@@ -54,8 +134,11 @@ esac
 mkdir -p build
 need_test_packages
 # A test run is not to pass because a part was left out of the build.
-configure_options="-DKXM_MEMTRACK_HTML=ON -DKXM_EXAMPLE_MPI=ON"
-[ $what = windows ] || need_browser_packages
+configure_options="-DKXM_MEMTRACK_HTML=ON -DKXM_MAN_PAGES=ON -DKXM_EXAMPLE_MPI=ON"
+case $what in
+windows | soak) ;;
+*) need_browser_packages ;;
+esac
 case $what in
 linux) on_linux linux ;;
 windows) on_windows ;;
@@ -66,11 +149,17 @@ both)
 check)
     need_check_packages
     check_format
+    analyse
     on_linux linux
     on_linux linux-clang
     on_linux linux-check
     on_linux linux-tsan
     on_windows
+    ;;
+soak)
+    need_check_packages
+    need_packages clang-tidy-14
+    soak "$minutes"
     ;;
 esac
 echo "All tests passed."

@@ -67,6 +67,13 @@ need_test_packages() {
     need_packages libjemalloc2 libmimalloc2.0 libtcmalloc-minimal4
     # The example job on several ranks.
     need_packages libopenmpi-dev openmpi-bin
+    need_package_packages
+    need_packages man-db mandoc
+}
+
+# What makes the packages, with man pages and the reference, and what looks at them.
+need_package_packages() {
+    need_packages python3 dpkg-dev file doxygen lintian
 }
 
 # For the test that opens memtrack's page; without them it says that it is skipped.
@@ -79,7 +86,7 @@ need_windows_packages() {
 }
 
 need_check_packages() {
-    need_packages clang-14 clang-format-14 libclang-rt-14-dev
+    need_packages clang-14 clang-format-14 libclang-rt-14-dev cppcheck
 }
 
 # build PRESET [TARGET...]; $configure_options goes to CMake.

@@ -6,6 +6,7 @@
 #include "KXMBasAlloc.h"
 #include "KXMBasErrorStack.h"
 #include "KXMBasMemStackSweep.h"
+#include "KXMBasMemVersion.h"
 #include "KXMBasMemoryCheck.h"
 #include "KXMBasWriteMsg.h"
 #include "mem_BoundFunctions.h"

@@ -36,7 +36,7 @@ KXMBASMEM_API void operator delete[](void* ptr, mem_BuiltInAlloc) noexcept;
 KXMBASMEM_API void mem_deleteBuiltIn(char* ptr);
 
 /// Base of a class of more than 128 bytes: its objects come from mem_OperatorNewThrow and go back
-/// through mem_Free. An array or a placement form of such a class is the global one, `::new`.
+/// through mem_Free. An array or a placement form of such a class is the global one.
 class KXMBASMEM_API mem_AllocationOperators {
 public:
     static void* operator new(std::size_t size);

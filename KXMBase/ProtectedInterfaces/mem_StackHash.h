@@ -26,7 +26,7 @@ public:
     /// The path's identifier, or 0x7FFFFFFF for an unknown one.
     int LookUp(const char* key);
 
-    /// Writes <baseName>.phaseStack. A file that cannot be written is silently missing. pre: a
+    /// Writes `baseName`.phaseStack. A file that cannot be written is silently missing. pre: a
     /// converter is registered with mem_ToOs.
     void WriteToDisk(const char* baseName);
 

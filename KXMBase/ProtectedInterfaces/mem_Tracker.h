@@ -25,6 +25,10 @@
 #endif
 #define MEM_MAX_THREADS 64
 
+namespace kxm {
+struct TrackerRevival; // the library's own checks
+} // namespace kxm
+
 /// One event, in memory and on disk: 40 bytes, little-endian.
 struct KXMBASMEM_API mem_Transaction {
     enum TypeEnm {
@@ -176,6 +180,8 @@ private:
     std::int32_t m_numUntracked;
     mem_PtrHash m_untracked;
     bool m_tellingFatal;
+
+    friend struct kxm::TrackerRevival;
 
     static UseEnm m_useFlag;
     static mem_Tracker* m_instance;

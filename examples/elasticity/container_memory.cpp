@@ -32,6 +32,7 @@ Handles& handles() {
 }
 
 bool counting = false;
+bool handles_made = false; // not when memory was refused as they were made
 
 PoolFigures figures_of(KXMBasMemPool& pool) {
     return {pool.PoolName(), pool.PoolID(), pool.MemoryCurrent(), pool.MemoryPeak()};
@@ -50,14 +51,18 @@ void start_container_memory(bool tiny_pool, bool track_vectors) {
     if (counting)
         for (KXMBasMemPool* const pool : pools)
             pool->Activate();
+    Handles& made = handles();
+    handles_made = true;
     if (track_vectors)
-        handles().vectors = KXMBasAllocator(new KXMBasMemTrackAlloc);
+        made.vectors = KXMBasAllocator(new KXMBasMemTrackAlloc);
 }
 
 void end_container_memory() noexcept {
-    handles().vectors =
-        KXMBasAllocator(nullptr); // the last handle: an allocator that tracks speaks
-    handles().maps = KXMBasAllocator(nullptr);
+    if (handles_made) {
+        // The last handle: an allocator that tracks speaks.
+        handles().vectors = KXMBasAllocator(nullptr);
+        handles().maps = KXMBasAllocator(nullptr);
+    }
     omi_SingletonBase<KXMBasMemPoolVector>::Finalize();
     omi_SingletonBase<KXMBasMemPoolMap>::Finalize();
     counting = false;

@@ -29,8 +29,9 @@ struct Samples {
     std::int32_t used;
     std::int32_t value[count];
 };
-static_assert(offsetof(Samples, bytes) == 6 * 4 && offsetof(Samples, number) == 10 * 4);
-static_assert(offsetof(Samples, value) == 12 * 4);
+static_assert(offsetof(Samples, bytes) == std::size_t{6} * 4 &&
+              offsetof(Samples, number) == std::size_t{10} * 4);
+static_assert(offsetof(Samples, value) == std::size_t{12} * 4);
 
 } // namespace
 

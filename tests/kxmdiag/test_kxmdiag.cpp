@@ -149,10 +149,17 @@ TEST(Usage, IsTold) {
          {"memory", "space", "settings", "backend", "versions", "report", "faults", "fault "}) {
         EXPECT_TRUE(has(help.out, std::string("\n  ") + command)) << command;
     }
-    for (const std::vector<std::string>& wrong : std::vector<std::vector<std::string>>{
-             {"nonsense"}, {"fault"}, {"space", "--level", "all"}, {"memory", "--jason"}}) {
+    for (const std::vector<std::string>& wrong :
+         std::vector<std::vector<std::string>>{{"nonsense"},
+                                               {"fault"},
+                                               {"space", "--level", "all"},
+                                               {"space", "--limit", "-1"},
+                                               {"--json", "space"},
+                                               {"memory", "--jason"}}) {
         EXPECT_EQ(run(wrong).exit_code, 2) << wrong[0];
     }
+    EXPECT_EQ(run({"--json", "faults"}).out, run({"faults", "--json"}).out);
+    EXPECT_TRUE(has(run({"--json"}).out, "\"library_version\": \"" KXMDIAG_VERSION "\""));
 }
 
 } // namespace

@@ -39,6 +39,17 @@ foreach(program c_client cxx_client global_new_client fortran_client)
   endif()
 endforeach()
 
+# The programs of the documents, as they are installed.
+list(TRANSFORM options REPLACE "^${CLIENT}$" ${WORK}/prefix/share/doc/kxmbasmem/examples/adopting)
+list(TRANSFORM options REPLACE "^${WORK}/build$" ${WORK}/adopting)
+run(COMMAND ${CMAKE_COMMAND} ${options} --no-warn-unused-cli)
+run(COMMAND ${CMAKE_COMMAND} --build ${WORK}/adopting)
+run(COMMAND ${EMULATOR} ${WORK}/adopting/plate_pools${suffix} 20 OUTPUT out
+    ENVIRONMENT WINEPATH=${WORK}/prefix/bin)
+if(NOT out STREQUAL "0.0738")
+  message(FATAL_ERROR "plate_pools printed '${out}'")
+endif()
+
 # A project of Fortran alone, which has no C++ compiler to link with.
 set(options -S ${CLIENT}/../fortran_only -B ${WORK}/fortran_only -G ${GENERATOR}
             -DCMAKE_PREFIX_PATH=${WORK}/prefix -DEXPECTED_VERSION=${VERSION})
@@ -62,7 +73,7 @@ if(TOOLCHAIN)
   set(environment WINEPATH=${WORK}/prefix/bin)
 endif()
 run(COMMAND ${EMULATOR} ${WORK}/prefix/bin/kxmdiag${suffix} OUTPUT out ENVIRONMENT ${environment})
-if(NOT out MATCHES "Versions.*Back end.*MEMORY USE SUMMARY" OR NOT out MATCHES "prefix.[a-z0-9]+.(lib)?KXMBasMem[.]")
+if(NOT out MATCHES "Versions.*Back end.*MEMORY USE SUMMARY" OR NOT out MATCHES "prefix[^\n]*(lib)?KXMBasMem[.]")
   message(FATAL_ERROR "kxmdiag printed '${out}'")
 endif()
 # Its helper finds the library that it replays with, and has nothing to read here.

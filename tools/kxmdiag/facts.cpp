@@ -108,6 +108,7 @@ Section versions() {
     return {"Versions",
             {{"kxmdiag", std::string(KXMDIAG_VERSION)},
              {"library", library_file()},
+             {"library version", std::string(KXMBasMemVersion())},
              {"system", system_name()},
 #if defined(__VERSION__)
              {"compiler", std::string(__VERSION__)}

@@ -23,6 +23,20 @@ constexpr int done = 0, problem_found = 1, wrong_usage = 2;
 /// What the chosen command does; returns the exit status.
 using Run = std::function<int()>;
 
+/// Of --json, which may stand before the command and behind it.
+bool json = false;
+
+void add_json(CLI::App& command) {
+    command.add_flag("--json", json, "Write JSON");
+}
+
+/// For commands whose output is text alone.
+void refuse_json(const CLI::App& command) {
+    if (json) {
+        throw CLI::ValidationError("--json", "There is no JSON of " + command.get_name());
+    }
+}
+
 /// One object of the sections' members, or of each section under its title when there are several.
 void print_json(const std::vector<Section>& sections) {
     std::printf("{");
@@ -63,11 +77,10 @@ void add_facts(
     const std::function<std::vector<Section>()>& sections,
     const std::function<int()>& status = [] { return done; }) {
     CLI::App* const command = app.add_subcommand(name, help);
-    const auto json = std::make_shared<bool>(false);
-    command->add_flag("--json", *json, "Write JSON");
-    command->callback([&run, json, sections, status] {
-        run = [json, sections, status] {
-            if (*json) {
+    add_json(*command);
+    command->callback([&run, sections, status] {
+        run = [sections, status] {
+            if (json) {
                 print_json(sections());
             } else {
                 for (const Section& section : sections()) {
@@ -120,11 +133,11 @@ void print_settings_json(const std::vector<Setting>& all, const std::vector<std:
 }
 
 /// With `all`, every variable with its effect; otherwise those that are set. 1 when a value is not valid.
-int show_settings(bool all, bool json) {
+int show_settings(bool all) {
     const std::vector<Setting> known = settings();
     const std::vector<std::string> unknown = unknown_variables(known);
     const int status = settings_status(known);
-    if (json) {
+    if (all && json) {
         print_settings_json(known, unknown);
         return status;
     }
@@ -148,9 +161,8 @@ int show_settings(bool all, bool json) {
 void add_settings(CLI::App& app, Run& run) {
     CLI::App* const command = app.add_subcommand(
         "settings", "Every environment variable: its value, whether that is valid, what it does");
-    const auto json = std::make_shared<bool>(false);
-    command->add_flag("--json", *json, "Write JSON");
-    command->callback([&run, json] { run = [json] { return show_settings(true, *json); }; });
+    add_json(*command);
+    command->callback([&run] { run = [] { return show_settings(true); }; });
 }
 
 void add_space(CLI::App& app, Run& run) {
@@ -167,8 +179,11 @@ void add_space(CLI::App& app, Run& run) {
     command->add_option("--level", options->level, "detailed, free or summary")
         ->check(CLI::IsMember(levels))
         ->capture_default_str();
-    command->add_option("--limit", options->limit, "The address to stop at")->capture_default_str();
-    command->callback([&run, options, levels] {
+    command->add_option("--limit", options->limit, "The address to stop at")
+        ->check(CLI::NonNegativeNumber) // or -1 would be the highest there is
+        ->capture_default_str();
+    command->callback([&run, command, options, levels] {
+        refuse_json(*command);
         run = [options, levels] {
             mem_ScanMemory(levels.at(options->level), options->limit);
             return done;
@@ -184,11 +199,10 @@ void list_faults(std::FILE* file) {
 
 void add_faults(CLI::App& app, Run& run) {
     CLI::App* const command = app.add_subcommand("faults", "The deliberate faults, by name");
-    const auto json = std::make_shared<bool>(false);
-    command->add_flag("--json", *json, "Write JSON");
-    command->callback([&run, json] {
-        run = [json] {
-            if (*json) {
+    add_json(*command);
+    command->callback([&run] {
+        run = [] {
+            if (json) {
                 const char* comma = "";
                 std::printf("{");
                 for (const Violation& violation : violations()) {
@@ -227,16 +241,27 @@ void add_fault(CLI::App& app, Run& run) {
         "fault", "Commits one of them in this process, which may not survive it");
     const auto name = std::make_shared<std::string>();
     command->add_option("NAME", *name, "As kxmdiag faults lists it");
-    command->callback([&run, name] { run = [name] { return commit(*name); }; });
+    command->callback([&run, command, name] {
+        refuse_json(*command);
+        run = [name] { return commit(*name); };
+    });
 }
 
-/// What there is without a command.
+std::vector<Section> report() {
+    return {versions(), back_end(), settings_in_force(), machine()};
+}
+
+/// What there is without a command; as JSON, what a report has.
 int show_all() {
+    if (json) {
+        print_json(report());
+        return settings_status(settings());
+    }
     print(versions());
     std::printf("\n");
     print(back_end());
     std::printf("\n");
-    const int status = show_settings(false, false);
+    const int status = show_settings(false);
     std::printf("\n");
     print(machine());
     std::printf("\nAddress space, first 2 GiB, in bytes\n");
@@ -250,6 +275,7 @@ int show_all() {
 int main(int argc, char** argv) {
     CLI::App app("Shows what the memory library KXMBasMem finds on this machine.", "kxmdiag");
     app.set_version_flag("-V,--version", "kxmdiag " KXMDIAG_VERSION);
+    app.add_flag("--json", json, "Write JSON; before the command or behind it");
     app.require_subcommand(0, 1);
     app.set_help_all_flag("--help-all", "Help of all commands");
     app.footer("Without a command: versions, back end, settings, machine, address space.\n"
@@ -266,13 +292,9 @@ int main(int argc, char** argv) {
               [] { return std::vector{back_end()}; });
     add_facts(app, run, "versions", "Of this command, the library, the system",
               [] { return std::vector{versions()}; });
-    add_facts(
-        app, run, "report",
-        "Versions, back end, settings and machine together, for a problem report",
-        [] {
-            return std::vector{versions(), back_end(), settings_in_force(), machine()};
-        },
-        [] { return settings_status(settings()); });
+    add_facts(app, run, "report",
+              "Versions, back end, settings and machine together, for a problem report", report,
+              [] { return settings_status(settings()); });
     add_faults(app, run);
     add_fault(app, run);
     try {

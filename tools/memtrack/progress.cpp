@@ -9,10 +9,9 @@
 
 namespace memtrack {
 
-using namespace std::chrono_literals;
-
 Progress::Progress(std::uint64_t total, bool quiet)
-    : total_(total), wanted_(!quiet && platform::error_is_terminal()), next_(start_ + 300ms) {}
+    : total_(total), wanted_(!quiet && platform::error_is_terminal()),
+      next_(start_ + std::chrono::milliseconds(300)) {}
 
 Progress::~Progress() {
     if (drawn_) {
@@ -29,7 +28,7 @@ void Progress::add(std::uint64_t bytes) {
     }
     const std::unique_lock lock(drawing_, std::try_to_lock);
     if (const Clock::time_point now = Clock::now(); lock && now >= next_) {
-        next_ = now + 100ms;
+        next_ = now + std::chrono::milliseconds(100);
         show(now, read);
     }
 }

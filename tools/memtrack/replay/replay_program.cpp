@@ -3,6 +3,7 @@
 // environment chooses as for any program.
 //
 //   memtrack-replay SLOTS [NAME=VALUE...]
+//   memtrack-replay --version | --help
 //
 // Another allocator is preloaded and serves the library's C runtime back end: all are called in the same way.
 // What this program needs for itself is mapped from the system before anything is measured, and touched, so
@@ -179,6 +180,24 @@ bool takes(std::string_view argument, std::string_view name, std::uint64_t& valu
     return true;
 }
 
+// What a person may ask of it; ends the process.
+void answer(std::string_view question) {
+    if (question == "-V" || question == "--version") {
+        std::printf("memtrack-replay %s\n", KXMBasMemVersion());
+    } else if (question == "-h" || question == "--help") {
+        std::printf(
+            "Repeats a recording's requests in a process of its own; memtrack replay starts it.\n"
+            "Usage: memtrack-replay SLOTS [NAME=VALUE...]\n\n"
+            "Options:\n"
+            "  -h,--help                   Print this help message and exit\n"
+            "  -V,--version                Print the version of the library that it replays "
+            "with\n");
+    } else {
+        return;
+    }
+    std::exit(std::fflush(stdout) == 0 ? 0 : 1);
+}
+
 Options options_of(int argc, char** argv) {
     Options options;
     options.slots = argc > 1 ? std::strtoull(argv[1], nullptr, 10) : 0;
@@ -238,6 +257,7 @@ std::uint64_t replay_all(Replay& replay) {
 } // namespace
 
 int main(int argc, char** argv) {
+    answer(argc > 1 ? argv[1] : "");
     platform::use_binary_streams();
     const Options options = options_of(argc, argv);
     set_up_library(options);

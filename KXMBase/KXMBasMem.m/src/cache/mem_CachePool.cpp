@@ -384,6 +384,7 @@ std::int32_t& mem_CachePool::HeadBySize(int list) {
 
 void mem_CachePool::UnlinkBySize(int highest, const mem_Cluster* cluster) {
     for (int k = highest; k >= 0; --k) {
+        // NOLINTNEXTLINE(clang-analyzer-core.CallAndMessage): nobody has a change without a cluster
         if (HeadBySize(k) == cluster->ClusterIndex()) {
             HeadBySize(k) = cluster->NextCluster(mem_RGN_VARIABLE);
             break;

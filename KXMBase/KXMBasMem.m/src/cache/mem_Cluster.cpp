@@ -184,6 +184,7 @@ mem_Region* mem_Cluster::CreateRegion(mem_RegionTypeEnm typ) {
     }
     require((offset & (blocks::slot_words - 1)) == 0, "AssertionFailed:(offset&1023)==0", source);
     mem_Region* const region =
+        // NOLINTNEXTLINE(clang-analyzer-core.CallAndMessage): of a fixed class, all of which have a size
         new (Ptr(offset)) mem_FixedRegion(typ, offset, fixed_region_words, fixedSize[typ], this);
     m_curRegion[typ] = offset >> slot_shift;
     m_clusterRegions[offset >> slot_shift] = typ;
@@ -219,6 +220,7 @@ std::size_t mem_Cluster::AllocSize(mem_CachePoolID id) const {
                : alloc_bytes[type];
 }
 
+// cppcheck-suppress passedByValue ; an identifier is one word
 mem_RegionTypeEnm mem_Cluster::AllocType(mem_CachePoolID id) const {
     const int region_idx = RegionIndex(id);
     require(region_idx >= 0 && region_idx < slot_count,

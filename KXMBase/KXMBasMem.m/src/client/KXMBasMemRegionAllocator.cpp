@@ -76,6 +76,7 @@ KXMBasMemTruePool::KXMBasMemTruePool(const KXMBasMemTruePool& other)
     }
 }
 
+// NOLINTNEXTLINE(bugprone-unhandled-self-assignment): it assigns nothing and ends the process
 KXMBasMemTruePool& KXMBasMemTruePool::operator=(const KXMBasMemTruePool&) {
     std::fputs("*** Error: KXMBasMemTruePool::operator= is not implemented.\n", stderr);
     std::fflush(nullptr);

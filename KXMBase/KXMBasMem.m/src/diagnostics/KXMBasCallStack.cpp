@@ -255,6 +255,7 @@ private:
 
     bool append_symbol(std::size_t line_start) {
         std::memset(b_.symbol, 0, sizeof b_.symbol);
+        // cppcheck-suppress legacyUninitvar ; it is what is made here
         auto* const record = new (b_.symbol) os::SymbolRecord{};
         record->size_of_struct = sizeof(os::SymbolRecord);
         record->max_name_length = max_symbol_name;
@@ -562,6 +563,8 @@ void KXMBasCallStack::InitFunctionPointers() {
         bind(s_SymSetOptions, s_DBGHELP, "SymSetOptions") &&
         bind(s_SymInitialize, s_DBGHELP, "SymInitialize") &&
         bind(s_SymFunctionTableAccess, s_DBGHELP, "SymFunctionTableAccess64")) {
+        // The last: nothing depends on whether it is there.
+        // NOLINTNEXTLINE(bugprone-unused-return-value)
         bind(s_SymGetModuleBase, s_DBGHELP, "SymGetModuleBase64");
     }
 }

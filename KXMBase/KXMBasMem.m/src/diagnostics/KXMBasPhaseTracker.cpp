@@ -22,6 +22,7 @@ KXMBasPhaseTracker& KXMBasPhaseTracker::operator=(KXMBasPhaseTracker const&) {
     return *this;
 }
 
+// NOLINTNEXTLINE(performance-noexcept-move-constructor): the signature is given
 KXMBasPhaseTracker& KXMBasPhaseTracker::operator=(KXMBasPhaseTracker&&) {
     return *this;
 }

@@ -8,6 +8,7 @@ mem_Error::mem_Error(mem_Error const& other) = default;
 mem_Error& mem_Error::operator=(mem_Error const& other) = default;
 mem_Error::~mem_Error() = default;
 
+// NOLINTNEXTLINE(performance-unnecessary-value-param): the signature is given
 void mem_Error::AddError(int errorType, mem_String errorString) {
     errors.push(mem_ErrorBase(errorType, errorString));
 }

@@ -15,6 +15,7 @@ bool is_known(int type) {
 
 mem_ErrorBase::mem_ErrorBase() : errorType(0), errorString(), valid(false) {}
 
+// NOLINTNEXTLINE(performance-unnecessary-value-param): the signature is given
 mem_ErrorBase::mem_ErrorBase(int type, mem_String text)
     : errorType(type), errorString(text), valid(true) {
     if (!is_known(type)) {

@@ -19,6 +19,7 @@ mem_GetWindowsDriveInfo::mem_GetWindowsDriveInfo()
     : errors(), foundError(false), availableMbytes(0), totalMbytes(0), name(), driveType(0),
       valid(false), spaceSeeded(false), typeSeeded(false) {}
 
+// NOLINTNEXTLINE(performance-unnecessary-value-param): the signature is given
 mem_GetWindowsDriveInfo::mem_GetWindowsDriveInfo(mem_String root) : mem_GetWindowsDriveInfo() {
     name = root;
     valid = true;

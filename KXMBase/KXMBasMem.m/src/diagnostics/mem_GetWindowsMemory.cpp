@@ -50,6 +50,7 @@ bool ask_newer(os::MachineMemory& figures, mem_Error* list) {
 // Three rules, which differ on purpose: each is what clients have always been given. All go through
 // kibibytes as a float, which is exact up to 16 GiB and good to seven digits above.
 float plain(std::uint64_t bytes) {
+    // NOLINTNEXTLINE(bugprone-integer-division): whole kibibytes, as said
     return static_cast<float>(bytes / 1024) / 1024.0F;
 }
 

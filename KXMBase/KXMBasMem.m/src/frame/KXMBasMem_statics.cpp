@@ -18,6 +18,8 @@
 #include "objects/heap_allocator_object.h"
 #include "platform/os.h"
 
+// NOLINTBEGIN(cert-err58-cpp): none of these throws
+
 KXMBasMemPool operatorNewPool(1000, "operator_new", nullptr);
 
 std::int32_t s_callStackDepth = GetCallStackDepth();
@@ -42,5 +44,7 @@ namespace {
 
 // After all the others: on systems that do not call DllMain by themselves this starts the library.
 os::LibraryLifetime lifetime;
+
+// NOLINTEND(cert-err58-cpp)
 
 } // namespace

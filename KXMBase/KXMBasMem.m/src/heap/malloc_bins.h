@@ -51,7 +51,7 @@ static_assert(compute_tree_index(256) == 0 && compute_tree_index(384) == 1);
 static_assert(compute_tree_index(512) == 2 && compute_tree_index(12582912) == 31);
 
 inline malloc_chunk* smallbin_at(unsigned index) {
-    return reinterpret_cast<malloc_chunk*>(&state.smallbins[2 * index]);
+    return reinterpret_cast<malloc_chunk*>(&state.smallbins[std::size_t{2} * index]);
 }
 
 // ---------------------------------------------------------------------------------------------

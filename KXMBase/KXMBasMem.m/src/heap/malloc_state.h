@@ -64,7 +64,8 @@ static_assert(offsetof(malloc_state, max_footprint) == 856);
 static_assert(offsetof(malloc_state, mflags) == 864 && offsetof(malloc_state, use_lock) == 868);
 static_assert(offsetof(malloc_state, memory_limit) == 872 && offsetof(malloc_state, mutex) == 880);
 static_assert(offsetof(malloc_state, seg) == 896 && sizeof(malloc_state) == 928);
-static_assert(2 * (numSmallbins - 1) * 8 + sizeof(malloc_chunk) == sizeof(malloc_state::smallbins));
+static_assert(std::size_t{2} * (numSmallbins - 1) * 8 + sizeof(malloc_chunk) ==
+              sizeof(malloc_state::smallbins));
 
 inline constexpr std::uint32_t use_mmap_bit = 1; // the one bit of mflags that is read
 

@@ -23,6 +23,7 @@ void report_and_throw(Message& message, const char* format, ...) {
             char text[64]; // every message fits
             std::va_list arguments;
             va_start(arguments, format);
+            // NOLINTNEXTLINE(clang-analyzer-valist.Uninitialized): it is, in the line above
             std::vsnprintf(text, sizeof text, format, arguments);
             va_end(arguments);
             shared_text::store(message, sizeof message, sizeof message - 1, text);

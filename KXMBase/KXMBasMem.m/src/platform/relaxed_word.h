@@ -20,17 +20,20 @@ template <typename T> void relaxed_write(T& variable, std::type_identity_t<T> va
 
 template <typename T> class relaxed_word {
 public:
-    constexpr relaxed_word(T value = T{}) : word_(value) {}
+    constexpr relaxed_word(T value = T{}) noexcept : word_(value) {}
     relaxed_word(const relaxed_word&) = delete;
 
-    operator T() const { return word_.load(std::memory_order_relaxed); }
+    operator T() const noexcept { return word_.load(std::memory_order_relaxed); }
 
-    relaxed_word& operator=(T value) {
+    relaxed_word& operator=(T value) noexcept {
         word_.store(value, std::memory_order_relaxed);
         return *this;
     }
     relaxed_word& operator=(const relaxed_word& other) { return *this = static_cast<T>(other); }
-    relaxed_word& operator+=(T more) { return *this = static_cast<T>(*this) + more; }
+    relaxed_word& operator+=(T more) {
+        // cppcheck-suppress arithOperationsOnVoidPointer ; nobody adds to a word that is a void pointer
+        return *this = static_cast<T>(*this) + more;
+    }
     relaxed_word& operator-=(T less) { return *this = static_cast<T>(*this) - less; }
 
     void publish(T value) { word_.store(value, std::memory_order_release); }

@@ -81,13 +81,14 @@ void release(mem_mlock& lock) {
 }
 
 // A table: quicker than to compute it. Size 0 is as 1.
-constexpr auto class_of_size = [] {
+constexpr std::array<std::uint8_t, blocks::largest_class_size + 1> classes_of_sizes() {
     std::array<std::uint8_t, blocks::largest_class_size + 1> classes{};
     for (std::size_t size = 1; size < classes.size(); ++size) {
         classes[size] = static_cast<std::uint8_t>(blocks::size_class(size));
     }
     return classes;
-}();
+}
+constexpr std::array class_of_size = classes_of_sizes();
 
 // -1 when `ptr` is not on a word.
 int words_between(const void* from, const void* ptr) {
@@ -154,6 +155,7 @@ KXM_NEVER_INLINE void mem_TBPool::Initialize() {
     m_allocatedPeak = 0;
 }
 
+// cppcheck-suppress uninitMemberVarPrivate ; its elements are, in the body
 mem_TBPool::mem_TBPool()
     : m_valid(true), m_poolID(3000), m_allocator(&allocator_objects::heap),
       m_blocks(8, 32, m_allocator), m_blockCount(0), m_freeIndex(0) {

@@ -45,7 +45,7 @@ using tiny_seam::Tag;
 
 inline constexpr std::uint64_t dead_tag = 0xDEADBEEF;
 inline constexpr int block_words = 1020; ///< what of a page is behind the tag
-static_assert(sizeof(Tag) + 4 * block_words == page_bytes);
+static_assert(sizeof(Tag) + std::size_t{4} * block_words == page_bytes);
 
 inline mem_FixedBlock* block_in(Tag* tag) {
     return static_cast<mem_FixedBlock*>(static_cast<void*>(tag + 1));

@@ -13,6 +13,7 @@ constexpr char root[] = "ROOT";
 
 } // namespace
 
+// cppcheck-suppress uninitMemberVar ; names beyond the depth are not read
 mem_PhaseStack::mem_PhaseStack() : m_depth(0) {
     std::memcpy(m_currentStack, root, sizeof root);
 }

@@ -29,6 +29,7 @@ char* allocate_untracked(std::size_t bytes) {
 
 } // namespace
 
+// cppcheck-suppress uninitMemberVar ; pool words beyond what is used are not read
 mem_StackHash::mem_StackHash()
     : m_filled(0), m_entries(0), m_size(e_slots), m_lookups(0), m_probes(0), m_keyPoolUsed(0),
       m_keyPoolSize(e_poolStep), m_keyPool(m_initialKeyPool), m_emptyKey("EMPTY"),
@@ -140,7 +141,7 @@ void mem_StackHash::WriteToDisk(const char* baseName) {
     }
     os::file_seek(file, file_header_bytes);
     std::int32_t count = 0;
-    char path[path_bytes];
+    static char path[path_bytes]; // a thread's whole stack may be smaller; trackers end one at a time
     for (const mem_StackHashEntry& slot : m_table) {
         if (!IsLive(slot)) {
             continue;

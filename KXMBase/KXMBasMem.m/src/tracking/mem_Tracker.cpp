@@ -89,6 +89,7 @@ long long key_of(const void* p) {
 
 } // namespace
 
+// cppcheck-suppress uninitMemberVar ; the old pointer is the hooks' to write: meant
 mem_Transaction::mem_Transaction()
     : pointer(0), type(-1), transactionId(-1), size(no_size), threadId(-1), stackId(-1) {}
 

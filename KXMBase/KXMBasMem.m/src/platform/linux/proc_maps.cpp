@@ -30,6 +30,7 @@ std::uintptr_t parse_hex(const char*& text) {
 
 } // namespace
 
+// cppcheck-suppress uninitMemberVar ; buffers, filled before they are read
 LineReader::LineReader(const char* name) : file_(open(name, O_RDONLY | O_CLOEXEC)) {}
 
 LineReader::~LineReader() {

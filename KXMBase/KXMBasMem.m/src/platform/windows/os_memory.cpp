@@ -57,6 +57,7 @@ bool vm_query(const void* address, Region& region) {
     return true;
 }
 
+// cppcheck-suppress uninitMemberVar ; the storage is for a system that lists its regions
 UpwardQueries::UpwardQueries() {}
 
 UpwardQueries::~UpwardQueries() {}

@@ -1,0 +1,191 @@
+#!/usr/bin/env python3
+"""Lets each system call of the library fail, one at a time, and judges how the program ends.
+
+    fault_injection.py BIN_FOLDER TEST_FOLDER MESH [--most N]
+
+The example job runs on every back end, recorded and not, with the n-th memory request, release, protection,
+opening or write refused, interrupted or cut short, for n from 1 until the job makes no more of them (at most N times
+each, spread over them all). Then the threaded stress program with refused memory and interrupted waits. Every run
+must end in time, by itself, and in one of the ways that the documents name:
+
+- exit status 0, with the result of the plain run, and, recorded, with a record that is whole
+- exit status 4, with the report of a refused request
+- the fatal error of a tracking file that could not be written, with the files before it whole
+- recorded, an access fault while the library is loaded: without memory for the tracker nothing has begun
+
+A failed part is told with the command that repeats it. Exit status 1.
+"""
+
+import argparse
+import json
+import os
+import pathlib
+import shutil
+import signal
+import subprocess
+import sys
+import tempfile
+
+JOB_SECONDS = 60
+FAILURES = ["mmap:refuse", "mmap:refuse+", "mmap:interrupt", "munmap:refuse", "mprotect:refuse", "mprotect:refuse+",
+            "madvise:refuse", "open:refuse", "open:interrupt", "write:refuse", "write:refuse+", "write:interrupt",
+            "write:short"]
+BACK_ENDS = [["crt"], ["guarded"], ["aligned"], ["heap"], ["heap", "--tiny-pool"], ["heap", "--cache-pool"]]
+LIBRARY_VARIABLES = ("KXA_", "KXQ_", "KXM_", "MC_RESULT")
+
+
+class Ground:
+    """The programs under trial, the folder that they run in, and what went wrong so far."""
+
+    def __init__(self, programs, tests, mesh):
+        self.bin = pathlib.Path(programs).resolve()
+        self.tests = pathlib.Path(tests).resolve()
+        self.mesh = pathlib.Path(mesh).resolve()
+        self.folder = None
+        self.environment = {name: value for name, value in os.environ.items()
+                            if not name.startswith(LIBRARY_VARIABLES)}
+        self.faults = 0
+        self.runs = 0
+
+    def run(self, command, variables, failure=None, number=0):
+        """The ended process, with `calls`: how many calls of the kind it made, or None where it was ended."""
+        for file in self.folder.iterdir():
+            file.unlink()
+        count = self.folder / "count"
+        environment = self.environment | variables
+        if failure:
+            kind, _, later = failure.partition("+")
+            environment |= {"LD_PRELOAD": str(self.tests / "libkxm_inject.so"),
+                            "KXM_INJECT": f"{kind}:{number}{'+' if failure.endswith('+') else ''}",
+                            "KXM_INJECT_COUNT": str(count)}
+        self.runs += 1
+        try:
+            ended = subprocess.run(command, env=environment, capture_output=True, text=True, errors="replace",
+                                   timeout=JOB_SECONDS, cwd=self.folder)
+        except subprocess.TimeoutExpired as hung:
+            ended = subprocess.CompletedProcess(command, None, str(hung.stdout), str(hung.stderr))
+        ended.calls = int(count.read_text()) if count.exists() else None
+        ended.repeat = " ".join([f"{name}={value}" for name, value in environment.items()
+                                 if name == "LD_PRELOAD" or name.startswith(LIBRARY_VARIABLES)] +
+                                [str(word) for word in command])
+        return ended
+
+    def blame(self, ended, what):
+        self.faults += 1
+        print(f"FAILED: {what}\n  {ended.repeat}\n  ended with {ended.returncode}; standard error:")
+        print("\n".join("    " + line for line in ended.stderr.splitlines()[:15]))
+
+
+def spread(count, most):
+    """At most `most` of the numbers 1 to count + 1, thinner upward; the first and the last always."""
+    if count + 1 <= most:
+        return list(range(1, count + 2))
+    return sorted({round((count + 1) ** (i / (most - 1))) for i in range(most)})
+
+
+def deflection(ground):
+    return json.loads((ground.folder / "figures.json").read_text())["deflection_m"]
+
+
+def whole_files(ground, base):
+    """True where each .memT file but the last can be read to its end."""
+    files = sorted(ground.folder.glob(base + ".memT*"), key=lambda file: int(file.name.rpartition("memT")[2]))
+    return all(file.stat().st_size == 4 + 40 * 131072 for file in files[:-1])
+
+
+def judge_job(ground, ended, failure, number, recorded, at_load, right):
+    """None, or what was wrong with how the job ended."""
+    call = failure.partition(":")[0]
+    if ended.returncode is None:
+        return "did not end"
+    if ended.returncode == 0:
+        if deflection(ground) != right:
+            return "another result"
+        if recorded:
+            read = subprocess.run([ground.bin / "memtrack", "report", "elasticity", "--json"], cwd=ground.folder,
+                                  capture_output=True, text=True)
+            # A table of phases that cannot be written is missing without a word, by design.
+            if read.returncode != 0 and not (call in ("open", "write") and "phaseStack" in read.stderr):
+                return "a record that is not whole: " + read.stderr
+        return None
+    if ended.returncode == 4 and call in ("mmap", "mprotect"):
+        words = ["out of memory", "footprint"]
+        missing = [word for word in words if word not in ended.stderr.lower()]
+        return f"a report without '{missing[0]}'" if missing else None
+    if ended.returncode == -signal.SIGABRT and recorded and call in ("open", "write"):
+        told = ("Unable to open memory tracking file." if call == "open" else "AssertionFailed:numBytesWritten")
+        # Everything later is refused as well, the opening among it.
+        return None if told in ended.stderr and whole_files(ground, "elasticity") else "a fatal error without its words"
+    if ended.returncode == -signal.SIGSEGV and recorded and number <= at_load and call in ("mmap", "mprotect"):
+        return None
+    return "no way to end"
+
+
+def try_job(ground, back_end, recorded, most):
+    command = [ground.bin / "elasticity", ground.mesh, "--quiet", "--no-check", "--json", "figures.json",
+               "--backend", *back_end]
+    variables = {"KXA_MEM_TRACK": "1", "KXA_MEM_OUTPUTDIR": str(ground.folder)} if recorded else {}
+    name = " ".join(back_end) + (", recorded" if recorded else "")
+    plain = ground.run(command, variables)
+    if plain.returncode != 0:
+        ground.blame(plain, f"{name}: the plain run")
+        return
+    right = deflection(ground)
+    total, ends = 0, {}
+    for failure in FAILURES:
+        # The job starts itself anew with the variable of its back end; this is what its loading takes then.
+        loading = {"KXQ_DLALLOCATOR": "1"} if back_end[0] == "heap" else {}
+        at_load = ground.run([command[0], "--version"], variables | loading, failure, 10**9).calls
+        calls = ground.run(command, variables, failure, 10**9).calls
+        for number in spread(calls, most):
+            ended = ground.run(command, variables, failure, number)
+            wrong = judge_job(ground, ended, failure, number, recorded, at_load, right)
+            if wrong:
+                ground.blame(ended, f"{name}, {failure} at {number}: {wrong}")
+            if number == calls + 1 and ended.returncode != 0:
+                ground.blame(ended, f"{name}: failed where nothing was refused")
+            ends[ended.returncode] = ends.get(ended.returncode, 0) + 1
+            total += 1
+    print(f"job on {name}: {total} runs, ended with " +
+          ", ".join(f"{status}: {count}" for status, count in sorted(ends.items(), key=str)), flush=True)
+
+
+def try_stress(ground, most):
+    command = [ground.tests / "stress", "0.5", "6"]
+    back_ends = {"heap": {"KXQ_DLALLOCATOR": "1"}, "heap, recorded":
+                 {"KXQ_DLALLOCATOR": "1", "KXA_MEM_TRACK": "1", "KXA_MEM_OUTPUTDIR": str(ground.folder)}}
+    for name, variables in back_ends.items():
+        variables = variables | {"KXM_STRESS_REFUSED": "1"}
+        runs = 0
+        for failure in ["mmap:refuse", "munmap:refuse", "futex:interrupt", "futex:refuse", "mprotect:refuse"]:
+            at_load = ground.run([command[0], "0"], variables, failure, 10**9).calls
+            for number in spread(300, most):
+                if number <= at_load and "recorded" in name: # judged with the job
+                    continue
+                ended = ground.run(command, variables, failure, number)
+                runs += 1
+                if ended.returncode != 0:
+                    ground.blame(ended, f"stress on {name}, {failure} at {number}")
+        print(f"stress on {name}: {runs} runs", flush=True)
+
+
+def main():
+    parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
+    parser.add_argument("bin")
+    parser.add_argument("tests")
+    parser.add_argument("mesh")
+    parser.add_argument("--most", type=int, default=10**9)
+    arguments = parser.parse_args()
+    ground = Ground(arguments.bin, arguments.tests, arguments.mesh)
+    ground.folder = pathlib.Path(tempfile.mkdtemp(prefix="kxm_fault_injection_"))
+    for back_end in BACK_ENDS:
+        for recorded in (False, True):
+            try_job(ground, back_end, recorded, arguments.most)
+    try_stress(ground, min(arguments.most, 60))
+    shutil.rmtree(ground.folder)
+    print(f"{ground.runs} runs, {ground.faults} failed")
+    return 1 if ground.faults else 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())

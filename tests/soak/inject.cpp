@@ -1,0 +1,181 @@
+// Preloaded into a program, lets one system call that the library makes fail: the n-th of its kind. The calls of
+// others, the C runtime's and the program's own, pass.
+//
+//   KXM_INJECT=CALL:FAILURE:N    CALL is mmap, munmap, mprotect, madvise, open, write or futex; FAILURE is refuse
+//                                (with what the system gives when it is short of something), interrupt, or, of
+//                                write, short: half of it; a + behind N: and every later one
+//   KXM_INJECT_COUNT=FILE        is made with the number of calls of that kind, when the program exits by itself
+//   KXM_INJECT_MAPS=N            takes all the mappings that the system grants a process but about N
+#include <cerrno>
+#include <cstdarg>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include <atomic>
+
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <link.h>
+#include <sys/mman.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+namespace {
+
+struct Plan {
+    char call[16] = "";
+    char failure[16] = "";
+    long at = 0;
+    bool later_too = false;
+};
+Plan plan;
+std::atomic<long> calls{0};
+std::uintptr_t library_from = 0, library_to = 0;
+
+template <class Function> Function next(const char* name) {
+    return reinterpret_cast<Function>(dlsym(RTLD_NEXT, name));
+}
+
+int find_library(dl_phdr_info* info, std::size_t, void*) {
+    if (std::strstr(info->dlpi_name, "libKXMBasMem.so") != nullptr) {
+        for (int i = 0; i < info->dlpi_phnum; ++i) {
+            const ElfW(Phdr)& part = info->dlpi_phdr[i];
+            if (part.p_type == PT_LOAD && (part.p_flags & PF_X) != 0) {
+                library_from = info->dlpi_addr + part.p_vaddr;
+                library_to = library_from + part.p_memsz;
+            }
+        }
+    }
+    return 0;
+}
+
+// The library's first call may come before this one's constructors.
+void read_plan() {
+    if (plan.at != 0) {
+        return;
+    }
+    plan.at = -1;
+    dl_iterate_phdr(find_library, nullptr);
+    if (const char* const text = std::getenv("KXM_INJECT")) {
+        char later = 0;
+        std::sscanf(text, "%15[^:]:%15[^:]:%ld%c", plan.call, plan.failure, &plan.at, &later);
+        plan.later_too = later == '+';
+    }
+}
+
+// True when this call is to fail; `wrote` for a write that is to be cut short.
+bool fails(const char* call, const void* caller) {
+    read_plan();
+    const auto from = reinterpret_cast<std::uintptr_t>(caller);
+    if (from < library_from || from >= library_to || std::strcmp(call, plan.call) != 0) {
+        return false;
+    }
+    const long number = ++calls;
+    return number == plan.at || (plan.later_too && number > plan.at);
+}
+
+bool is(const char* failure) {
+    return std::strcmp(plan.failure, failure) == 0;
+}
+
+template <class Result> Result failed(int refusal, Result result) {
+    errno = is("interrupt") ? EINTR : refusal;
+    return result;
+}
+
+// Neighbours of different protection are mappings of their own.
+__attribute__((constructor)) void take_mappings() {
+    const char* const left = std::getenv("KXM_INJECT_MAPS");
+    std::FILE* const file =
+        left != nullptr ? std::fopen("/proc/sys/vm/max_map_count", "r") : nullptr;
+    if (file == nullptr) {
+        return;
+    }
+    long most = 0;
+    if (std::fscanf(file, "%ld", &most) == 1) {
+        constexpr long present = 60; // of a program that has just been loaded
+        const long pages = most - present - std::atol(left);
+        auto* const at =
+            static_cast<char*>(mmap(nullptr, static_cast<std::size_t>(pages) * 4096, PROT_READ,
+                                    MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0));
+        for (long page = 0; page < pages; page += 2) {
+            mprotect(at + page * 4096, 4096, PROT_NONE);
+        }
+    }
+    std::fclose(file);
+}
+
+// Only a program that exits by itself gets here.
+__attribute__((destructor)) void tell() {
+    if (const char* const name = std::getenv("KXM_INJECT_COUNT")) {
+        if (std::FILE* const file = std::fopen(name, "w")) {
+            std::fprintf(file, "%ld\n", calls.load());
+            std::fclose(file);
+        }
+    }
+}
+
+} // namespace
+
+#define CALLER __builtin_return_address(0)
+
+extern "C" {
+
+void* mmap(void* where, std::size_t size, int protection, int flags, int file,
+           off_t offset) noexcept {
+    static const auto real = next<decltype(&mmap)>("mmap");
+    return fails("mmap", CALLER) ? failed(ENOMEM, MAP_FAILED)
+                                 : real(where, size, protection, flags, file, offset);
+}
+
+int munmap(void* where, std::size_t size) noexcept {
+    static const auto real = next<decltype(&munmap)>("munmap");
+    return fails("munmap", CALLER) ? failed(ENOMEM, -1) : real(where, size);
+}
+
+int mprotect(void* where, std::size_t size, int protection) noexcept {
+    static const auto real = next<decltype(&mprotect)>("mprotect");
+    return fails("mprotect", CALLER) ? failed(ENOMEM, -1) : real(where, size, protection);
+}
+
+int madvise(void* where, std::size_t size, int advice) noexcept {
+    static const auto real = next<decltype(&madvise)>("madvise");
+    return fails("madvise", CALLER) ? failed(EINVAL, -1) : real(where, size, advice);
+}
+
+int open(const char* name, int flags, ...) {
+    static const auto real = next<decltype(&open)>("open");
+    std::va_list more;
+    va_start(more, flags);
+    const mode_t mode = (flags & O_CREAT) != 0 ? va_arg(more, mode_t) : 0;
+    va_end(more);
+    return fails("open", CALLER) ? failed(ENOSPC, -1) : real(name, flags, mode);
+}
+
+ssize_t write(int file, const void* data, std::size_t size) {
+    static const auto real = next<decltype(&write)>("write");
+    if (!fails("write", CALLER)) {
+        return real(file, data, size);
+    }
+    return is("short") && size > 1 ? real(file, data, size / 2) : failed(ENOSPC, ssize_t{-1});
+}
+
+long syscall(long number, ...) noexcept {
+    static const auto real = next<decltype(&syscall)>("syscall");
+    std::va_list more;
+    va_start(more, number);
+    long arguments[6];
+    for (long& argument : arguments) {
+        argument = va_arg(more, long);
+    }
+    va_end(more);
+    if (number == SYS_futex && fails("futex", CALLER)) {
+        return failed(EAGAIN, -1L);
+    }
+    return real(number, arguments[0], arguments[1], arguments[2], arguments[3], arguments[4],
+                arguments[5]);
+}
+
+} // extern "C"

@@ -1,0 +1,121 @@
+#!/usr/bin/env python3
+"""Runs the example job and the threaded stress where the system gives little: address space, mappings, stacks and a
+control group's memory. Each run must end in time, with exit status 0 or with the orderly report of a refused request.
+
+    restricted.py BIN_FOLDER TEST_FOLDER MESH
+
+What a part cannot be tried for, a control group that may not be made, is said. Exit status 1: something failed, and is
+told with the command that repeats it.
+"""
+
+import pathlib
+import resource
+import subprocess
+import sys
+import tempfile
+
+from fault_injection import BACK_ENDS, JOB_SECONDS, Ground
+
+MIB = 1 << 20
+
+
+def limited(which, value):
+    return lambda: resource.setrlimit(which, (value, value))
+
+
+class Restricted:
+    def __init__(self, ground):
+        self.ground = ground
+        self.ends = {}
+
+    def job(self, back_end, more=(), **options):
+        return self.run([self.ground.bin / "elasticity", self.ground.mesh, "--quiet", "--no-check", "--backend",
+                         *back_end, *more], **options)
+
+    def run(self, command, variables=None, before=None, also_right=lambda ended: False):
+        environment = self.ground.environment | (variables or {})
+        command = [str(word) for word in command]
+        try:
+            ended = subprocess.run(command, env=environment, capture_output=True, text=True, errors="replace",
+                                   timeout=JOB_SECONDS, preexec_fn=before, cwd=self.ground.folder)
+        except subprocess.TimeoutExpired as hung:
+            ended = subprocess.CompletedProcess(command, None, "", str(hung.stderr))
+        ended.repeat = " ".join(f"{name}={value}" for name, value in (variables or {}).items()) + " " + " ".join(command)
+        orderly = ended.returncode == 0 or (ended.returncode == 4 and "out of memory" in ended.stderr)
+        if not orderly and not also_right(ended):
+            self.ground.blame(ended, "restricted")
+        self.ends[ended.returncode] = self.ends.get(ended.returncode, 0) + 1
+
+    def told(self, what):
+        print(f"{what}: ended with " + ", ".join(f"{status}: {count}" for status, count in
+                                                 sorted(self.ends.items(), key=str)), flush=True)
+        self.ends = {}
+
+
+def address_space(ground):
+    """Less than it takes to load the program is the system loader's or its libraries' to tell."""
+    def not_loaded(ended):
+        return ended.returncode == 127 or "error while loading shared libraries" in ended.stderr
+    for back_end in BACK_ENDS:
+        runs = Restricted(ground)
+        for mib in range(16, 200, 6):
+            runs.job(back_end, before=limited(resource.RLIMIT_AS, mib * MIB), also_right=not_loaded)
+        runs.told(f"address space of 16 to 200 MiB, job on {' '.join(back_end)}")
+
+
+def mappings(ground):
+    variables = {"LD_PRELOAD": str(ground.tests / "libkxm_inject.so")}
+    for back_end in BACK_ENDS:
+        runs = Restricted(ground)
+        for left in [0, 1, 2, 3, 5, 8, 12, 20, 40, 100]:
+            runs.job(back_end, variables=variables | {"KXM_INJECT_MAPS": str(left)})
+        runs.told(f"0 to 100 mappings left, job on {' '.join(back_end)}")
+
+
+def stacks(ground):
+    runs = Restricted(ground)
+    for variables in [{}, {"KXA_DEADBEEF": "1"}, {"KXQ_USE_ALIGNED_MEMORY": "1"}, {"KXQ_DLALLOCATOR": "1"},
+                      {"KXQ_DLALLOCATOR": "1", "KXM_STRESS_TINY": "1"},
+                      {"KXQ_DLALLOCATOR": "1", "KXA_MEM_TRACK": "1", "KXA_MEM_OUTPUTDIR": str(ground.folder)}]:
+        runs.run([ground.tests / "stress", "1", "8"], variables, limited(resource.RLIMIT_STACK, 64 * 1024))
+    runs.told("stacks of 64 KiB, stress")
+
+
+def control_group(ground):
+    """A limit of the library below the group's is met first, so that the job reports and is not killed."""
+    root = pathlib.Path("/sys/fs/cgroup")
+    unified = (root / "cgroup.controllers").exists()
+    group = root / ("" if unified else "memory") / "kxm_restricted"
+    try:
+        group.mkdir()
+    except OSError as error:
+        print(f"control group: not tried, {error}")
+        return
+    try:
+        (group / ("memory.max" if unified else "memory.limit_in_bytes")).write_text(str(60 * MIB))
+        runs = Restricted(ground)
+        for limit in ["2", "8", "40"]:
+            runs.job(["heap"], ["--memory-limit", limit],
+                     before=lambda: (group / "cgroup.procs").write_text("0"))
+        runs.told("control group of 60 MiB, job with limits of 2, 8 and 40 MiB")
+    except OSError as error:
+        print(f"control group: not tried, {error}")
+    finally:
+        group.rmdir()
+
+
+def main():
+    if len(sys.argv) != 4 or sys.argv[1].startswith("-"):
+        sys.exit(__doc__)
+    ground = Ground(*sys.argv[1:])
+    with tempfile.TemporaryDirectory(prefix="kxm_restricted_") as folder:
+        ground.folder = pathlib.Path(folder)
+        address_space(ground)
+        mappings(ground)
+        stacks(ground)
+        control_group(ground)
+    return 1 if ground.faults else 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())
