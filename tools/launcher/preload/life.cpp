@@ -96,6 +96,7 @@ void after_fork_in_parent() {
 
 void after_fork_in_child() {
     take_figures();
+    process.tracking = process.tracking && mem_Tracker::CheckUseFlag() == mem_Tracker::e_useOn;
     if (process.tracking) {
         known.only_recorded = true;
         known.recorded.clear();
