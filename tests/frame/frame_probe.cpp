@@ -148,6 +148,11 @@ int main(int argc, char** argv) {
         std::fflush(stdout);
         mem_Malloc(SIZE_MAX / 2); // the guarded back end has no test of a refusal
         result = 0;
+    } else if (what == "calloc-of-nothing") {
+        std::puts("asking");
+        std::fflush(stdout);
+        mem_Calloc(3, 0); // has its elements' size as a divisor
+        result = 0;
     }
     std::fflush(stdout);
     return result;

@@ -52,10 +52,12 @@ TEST(GuardedBackend, LooksWhereTheStoredSizeSays) {
     EXPECT_EQ(result.exit_code, 0);
 }
 
-TEST(GuardedBackend, FaultsWhenTheRuntimeRefuses) {
-    const auto result = guarded({"refused-guarded"});
-    EXPECT_EQ(result.out, "asking\n");
-    EXPECT_TRUE(result.crashed);
+TEST(GuardedBackend, FaultsWhenItIsRefusedOrDividesByNothing) {
+    for (const char* request : {"refused-guarded", "calloc-of-nothing"}) {
+        const auto result = guarded({request});
+        EXPECT_EQ(result.out, "asking\n");
+        EXPECT_TRUE(result.crashed) << request;
+    }
 }
 
 } // namespace

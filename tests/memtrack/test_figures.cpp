@@ -1,5 +1,6 @@
 // The replay and its figures against a model that knows nothing but the rules: random histories, in which
 // everything happens that a recorder or a stopped one can leave.
+#include "export/formats.h"
 #include "figures.h"
 #include "phase_tree.h"
 #include "recording.h"
@@ -9,6 +10,7 @@
 #include <map>
 #include <random>
 #include <set>
+#include <sstream>
 
 namespace {
 
@@ -39,12 +41,15 @@ Events random_events(unsigned seed, std::size_t count) {
                                   Type::release, Type::acquire};
         const Type type = types[below(14)];
         const bool sized = is_allocation(type) || type == Type::realloc_;
-        Transaction next =
-            event(type, static_cast<std::uint64_t>(below(40)) * 16,
-                  sized ? static_cast<std::uint64_t>(below(300)) : no_size, thread,
-                  type == Type::realloc_ ? static_cast<std::uint64_t>(below(40)) * 16 : 0, stack);
+        Transaction next = event(
+            type, static_cast<std::uint64_t>(below(40)) * 16,
+            sized ? static_cast<std::uint64_t>(std::max(below(300) - 40, 0)) : no_size, thread,
+            type == Type::realloc_ ? static_cast<std::uint64_t>(below(40)) * 16 : 0, stack);
         if (type == Type::realloc_ && below(4) == 0) {
             next.pointer = next.old_pointer;
+        } else if (type == Type::realloc_ && below(4) == 0) { // refused, or to nothing: a release
+            next.pointer = 0;
+            next.size = static_cast<std::uint64_t>(below(2)) * 50;
         }
         if (type == Type::free_) {
             next.stack = below(1000) - 500; // has no meaning
@@ -173,15 +178,22 @@ TEST_F(Replay, AgreesWithTheModel) {
                 for (const std::string& p : paths) {
                     if (is_in(path, p) && !is_in(where[events[i].thread], p)) {
                         if (nodes[p].entries++ == 0) {
-                            nodes[p].held_at_entry = nodes[p].peak_within = before;
+                            nodes[p].held_at_entry = before;
                             nodes[p].first_event = i;
                         }
                     } else if (!is_in(path, p) && is_in(where[events[i].thread], p)) {
                         nodes[p].inclusive.at_exit =
                             model.sum([&](const auto& b) { return is_in(path_of(b.stack), p); });
+                        nodes[p].own.at_exit =
+                            model.sum([&](const auto& b) { return path_of(b.stack) == p; });
                     }
                 }
                 where[events[i].thread] = path;
+                for (const std::string& p : paths) { // also where it is entered once more
+                    if (is_in(path, p)) {
+                        nodes[p].peak_within = std::max(nodes[p].peak_within, before);
+                    }
+                }
             }
             model.step(events, i);
             ++by_type[static_cast<std::size_t>(events[i].type)];
@@ -243,6 +255,7 @@ TEST_F(Replay, AgreesWithTheModel) {
             for (const auto& [thread, there] : where) {
                 if (is_in(there, path)) {
                     expected.inclusive.at_exit = left; // open when the run ended
+                    expected.own.at_exit = node.own.held;
                 }
             }
             EXPECT_EQ(node.entries, expected.entries);
@@ -252,6 +265,9 @@ TEST_F(Replay, AgreesWithTheModel) {
             EXPECT_EQ(node.inclusive.high, expected.inclusive.high);
             EXPECT_EQ(node.inclusive.allocated, expected.inclusive.allocated);
             EXPECT_EQ(node.inclusive.at_exit, expected.inclusive.at_exit);
+            EXPECT_EQ(node.own.at_exit, expected.own.at_exit);
+            EXPECT_EQ(node.own.held,
+                      model.sum([&](const auto& b) { return path_of(b.stack) == path; }));
             EXPECT_EQ(node.inclusive.held, left);
         }
     }
@@ -266,6 +282,18 @@ TEST_F(Replay, FollowsAResizeThatIsRecordedLate) {
     EXPECT_TRUE(figures.complete) << problems_[0].sentence();
 }
 
+// More of them than are remembered, each told once.
+TEST_F(Replay, CountsAddressesGivenOutAgain) {
+    Events events;
+    for (unsigned i = 0; i < 2 * 70'000; ++i) {
+        events.push_back(event(Type::malloc_, 16 + i % 70'000, 1));
+    }
+    test::write_recording(base_, events);
+    EXPECT_EQ(take_figures(base_, problems_).lost_releases, 70'000U);
+    ASSERT_EQ(problems_.size(), 1U);
+    EXPECT_NE(problems_[0].text.find("event 70000 is given 0x10"), std::string::npos);
+}
+
 TEST_F(Replay, SumsOverRanks) {
     std::vector<Figures> ranks;
     for (const std::uint64_t size : {100U, 400U, 250U}) {
@@ -275,7 +303,10 @@ TEST_F(Replay, SumsOverRanks) {
                               {"ROOT", "ROOT->only"});
         ranks.push_back(take_figures(base_, problems_));
     }
+    ranks[1].lost_releases = 7;
+    ranks[2].unknown_releases = 5;
     const Figures all = merge(ranks);
+    EXPECT_EQ(all.lost_releases + 10 * all.unknown_releases, 57U);
     EXPECT_EQ(all.peak, (Amount{780, 6}));
     EXPECT_EQ(all.left, (Amount{750, 3}));
     EXPECT_EQ(all.temporary, 3U);
@@ -289,6 +320,37 @@ TEST_F(Replay, SumsOverRanks) {
     EXPECT_EQ(left.high, 400U);
     EXPECT_EQ(left.high_rank, 1U);
     EXPECT_DOUBLE_EQ(left.mean, 250);
+}
+
+// heaptrack's file numbers sizes by phase, and forgets them when there are very many.
+TEST_F(Replay, IsExportedWithMoreSizesThanAreRemembered) {
+    constexpr std::uint64_t sizes = 262'144 + 5;
+    Events events;
+    for (std::uint64_t i = 0; i < sizes + 3; ++i) {
+        events.push_back(event(Type::malloc_, 16 * (i + 1), i % sizes + 1));
+    }
+    events.push_back(event(Type::free_, 16, no_size));
+    test::write_recording(base_, events);
+    std::string text;
+    Output output(text);
+    exporting::write_heaptrack(output, base_, problems_, nullptr);
+    std::istringstream lines(text);
+    std::vector<std::uint64_t> infos;
+    std::uint64_t bytes = 0;
+    for (std::string line; std::getline(lines, line);) {
+        const std::uint64_t number = line[0] == 'a' || line[0] == '+' || line[0] == '-'
+                                         ? std::stoull(line.substr(2), nullptr, 16)
+                                         : 0;
+        if (line[0] == 'a') {
+            infos.push_back(number);
+        } else if (line[0] == '+') {
+            bytes += infos.at(number);
+        } else if (line[0] == '-') {
+            bytes -= infos.at(number);
+        }
+    }
+    EXPECT_EQ(bytes, sizes * (sizes + 1) / 2 + 1 + 2 + 3 - 1);
+    EXPECT_EQ(infos.size(), sizes + 3);
 }
 
 // The table by itself, where its searches are long: many blocks, and addresses that collide.

@@ -1,6 +1,7 @@
 // Damaged, missing and foreign files: each is told with its name and offset, what can be read is read, and
 // the program ends with its status for it.
 #include "event_reader.h"
+#include "figures.h"
 #include "fuzz_input.h"
 #include "json.h"
 #include "recording.h"
@@ -78,6 +79,15 @@ TEST_F(Damaged, IsToldAndReadAsFarAsItGoes) {
          full + 10, ".memT1, byte 0: begins with the number 1668180259"},
         {"a gap in ids", change([](Events& e) { e[4].id += 6, e[5].id += 6; }), 2 * full + 10,
          ".memT2, byte 164: event 262148 is missing, 262154 stands in its place"},
+        {"what is wrong behind a gap", change([](Events& e) {
+             for (std::size_t i = 4; i < 10; ++i) {
+                 e[i].id += 6;
+             }
+             e[9] = {8, 0, Type::free_, e[9].id, memtrack::no_size, 0, 0};
+         }),
+         2 * full + 10, ".memT2, byte 364: event 262159 releases 0x8"},
+        {"a single id that is wrong", change([](Events& e) { e[4].id = 1 << 30; }), 2 * full + 10,
+         ".memT2, byte 164: event 262148 has the wrong id 1073741824"},
         {"an unknown type", change([](Events& e) { e[4].type = Type{9}; }), 2 * full + 9,
          ".memT2, byte 164: event 262148 has the unknown type 9"},
         {"a missing middle file", [&] { std::filesystem::remove(memT(1)); }, full + 10,
@@ -95,6 +105,7 @@ TEST_F(Damaged, IsToldAndReadAsFarAsItGoes) {
              for (int i : {0, 1, 2}) {
                  std::filesystem::remove(memT(i));
              }
+             std::filesystem::remove(base_ + ".phaseStack");
          },
          0, ".memT0, byte 0: there is no such file"},
         {"a missing table of phases", [&] { std::filesystem::remove(base_ + ".phaseStack"); },
@@ -128,6 +139,7 @@ TEST_F(Damaged, IsToldAndReadAsFarAsItGoes) {
         EXPECT_NE(run.err.find(one.told), std::string::npos) << run.err;
         const test::JsonValue json = test::read_json(run.out);
         EXPECT_EQ(json["events"].number, static_cast<double>(one.events));
+        EXPECT_LT(json["allocated"]["bytes"].number, 1e6);
         EXPECT_FALSE(json["complete"].flag);
         EXPECT_FALSE(json["ranks"][0]["complete"].flag);
         EXPECT_GE(json["problems"].items.size(), 3U); // this, and the two of the missing rank
@@ -140,6 +152,8 @@ TEST_F(Damaged, IsToldAndReadAsFarAsItGoes) {
 TEST_F(Damaged, WholeRunsHaveNothingToTell) {
     write(0, full);
     write(1, 1);
+    write_bytes(base_ + ".memT01", "no file of a recorder's"); // nor these
+    write_bytes(base_ + ".memT-1", "");
     Problems problems;
     memtrack::EventReader reader(base_, problems);
     memtrack::Batch batch;
@@ -153,6 +167,10 @@ TEST_F(Damaged, WholeRunsHaveNothingToTell) {
     EXPECT_FALSE(reader.next(batch)) << "again";
     EXPECT_EQ(reader.files(), 2);
     EXPECT_TRUE(problems.empty());
+    const std::string far = "ROOT->" + std::string(3000, 'p');
+    test::write_phases(base_ + "2", {"ROOT", far}); // all that a run without an event leaves
+    EXPECT_EQ(memtrack::PhaseTable(base_ + "2", problems).path(1), far);
+    EXPECT_TRUE(memtrack::take_figures(base_ + "2", problems).complete);
     memtrack::EventReader abandoned(base_, problems); // and gone with most of it unread
     EXPECT_TRUE(abandoned.next(batch));
 }
@@ -205,11 +223,10 @@ TEST_F(Damaged, PhaseEventsAreToldToo) {
 
 // What the fuzzer begins with, and what it once failed on.
 TEST(FuzzInputs, AreReadWithoutHarm) {
-    const std::string folder = test::scratch_folder("fuzz_inputs");
     for (const auto& input : std::filesystem::directory_iterator(MEMTRACK_INPUTS)) {
         std::ifstream file(input.path(), std::ios::binary);
         const std::string bytes(std::istreambuf_iterator<char>(file), {});
-        test::read_fuzz_input(folder, bytes);
+        test::read_fuzz_input(bytes);
     }
 }
 

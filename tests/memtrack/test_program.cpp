@@ -1,6 +1,7 @@
 // The program as a user calls it: what its commands tell of a small run whose figures are known, exit
 // statuses, output files, and JSON that a strict reader takes.
 #include "json.h"
+#include "output.h"
 #include "recording.h"
 
 #include <gtest/gtest.h>
@@ -141,6 +142,13 @@ TEST_F(Program, ComparesRunsAndKeepsAGate) {
                   .text,
               "leaks");
     EXPECT_EQ(call({"diff", base_, folder_ + "none", "--fail-if", "leaks"}).exit_code, 1);
+    // Ranks: sums of 2 x 1000 and of 1000 + 1100, each with 24 of the root.
+    const JsonValue jobs = json({"diff", base_, base_, "--to", other, base_});
+    EXPECT_EQ(jobs["figures"]["left_bytes"]["a"].text, "2048");
+    EXPECT_EQ(jobs["figures"]["left_bytes"]["b"].text, "2148");
+    EXPECT_EQ(jobs["b"][0].text, other);
+    EXPECT_EQ(call({"diff", base_, base_, "--to", other, base_, "--fail-if", "peak"}).exit_code, 3);
+    EXPECT_EQ(call({"diff", base_, "--to", other, base_, "--fail-if", "leaks+1KiB"}).exit_code, 3);
 }
 
 TEST_F(Program, MergesRanks) {
@@ -154,7 +162,9 @@ TEST_F(Program, MergesRanks) {
     EXPECT_EQ(left["minimum"].text + " " + left["mean"].text + " " + left["maximum"].text,
               "1024 1524 2024");
     EXPECT_TRUE(left["maximum_of"].text.ends_with("other"));
-    EXPECT_EQ(json({"phases", base_, other})["phases"][0]["events"].text, "4");
+    const JsonValue root = json({"phases", base_, other})["phases"][0];
+    EXPECT_EQ(root["events"].text, "4");
+    EXPECT_EQ(root["entries"].text, "4"); // by two threads of each
     const JsonValue leaks = json({"leaks", base_, other});
     EXPECT_EQ(leaks["blocks"][0]["bytes"].text, "2000");
     EXPECT_EQ(leaks["blocks"].items.size(), 4U);
@@ -179,6 +189,19 @@ TEST_F(Program, WritesFilesAndRefusesToWriteOver) {
     EXPECT_EQ(call({"leaks", base_, "-o", folder_ + "no/such/folder"}).exit_code, 2);
 }
 
+TEST(Texts, AreFitForTerminalsAndReaders) {
+    std::string text;
+    memtrack::Output(text).print("%s\n", "a\x1b[2J\x7f\xc3\xb6");
+    EXPECT_EQ(text, "a?[2J?\xc3\xb6\n");
+    text.clear();
+    memtrack::Output(text).print("%s", std::string(5000, 'x').c_str());
+    EXPECT_EQ(text, std::string(5000, 'x'));
+    EXPECT_EQ(memtrack::json_quoted("\x1f\xed\xa0\x80"),
+              "\"\\u001f\xEF\xBF\xBD\xEF\xBF\xBD\xEF\xBF\xBD\"");
+    EXPECT_EQ(memtrack::human_bytes(1048575), "1.00 MiB"); // not 1024.0 KiB
+    EXPECT_EQ(memtrack::human_bytes(1023), "1023 bytes");
+}
+
 TEST_F(Program, KnowsItsUsage) {
     for (const auto& arguments : std::vector<std::vector<std::string>>{
              {},
@@ -186,6 +209,7 @@ TEST_F(Program, KnowsItsUsage) {
              {"nothing", base_},
              {"report", base_, "--nothing"},
              {"diff", base_},
+             {"diff", base_, base_, base_},
              {"block", "here", base_},
              {"block", "0", base_},
              {"events", base_, "--id", "9..5"},

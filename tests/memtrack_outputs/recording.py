@@ -103,7 +103,7 @@ def mixed(count, phases, strays=0.0, seed=1):
             stays = old != 0 and dice.random() < 0.3
             address = old if stays else next_address
             next_address += 0x100000
-            events.append(Event(kind, address, size + 1, old, thread, phase))
+            events.append(Event(kind, address, size, old, thread, phase))
             held.append(address)
         else:
             kind = dice.choice((FREE, DELETE))

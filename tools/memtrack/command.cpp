@@ -47,6 +47,11 @@ int tell_problems(const Problems& problems) {
     return problems.empty() ? done : damaged;
 }
 
+int end_report(Output& output, const CommonOptions& options, const Problems& problems) {
+    output.finish(options.quiet);
+    return tell_problems(problems);
+}
+
 std::size_t rows_shown(const CommonOptions& options, std::size_t rows) {
     return options.rows == 0 ? rows : std::min(rows, options.rows);
 }

@@ -42,6 +42,8 @@ struct CommonOptions {
 
 /// Tells problems on standard error; `damaged` if there are any, else `done`.
 int tell_problems(const Problems& problems);
+/// What a report ends with: all is written, problems are told. Its exit status.
+int end_report(Output& output, const CommonOptions& options, const Problems& problems);
 
 /// `take(base, problems, counter)` of each base, several at a time on a machine with several processors, under
 /// one progress bar. `problems` are in the order of the bases.

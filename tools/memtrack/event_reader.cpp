@@ -2,12 +2,11 @@
 // the reading thread and the consumer; `slots` pieces are on their way at most.
 #include "event_reader.h"
 
+#include "input_files.h"
+
 #include <algorithm>
 #include <condition_variable>
-#include <cstdio>
-#include <filesystem>
 #include <mutex>
-#include <system_error>
 #include <thread>
 
 namespace memtrack {
@@ -30,15 +29,9 @@ struct Slot {
     std::uint64_t offset = 0; // of records[0]
 };
 
-struct CloseFile {
-    void operator()(std::FILE* file) const { std::fclose(file); }
-};
-using File = std::unique_ptr<std::FILE, CloseFile>;
-
-std::uint64_t size_of_file(const std::string& name) {
-    std::error_code error;
-    const auto size = std::filesystem::file_size(name, error);
-    return error ? 0 : size;
+// Behind the last problem of a kind that is told.
+std::string most_told_text(std::size_t told) {
+    return told == most_told ? "; further ones are not told" : "";
 }
 
 std::string name_of(const std::string& base, std::int32_t number) {
@@ -71,7 +64,7 @@ private:
     std::vector<std::int32_t> numbers_;
     std::size_t next_file_ = 0; // in numbers_
     std::int32_t number_ = 0;   // of the present file
-    File file_;
+    std::unique_ptr<InputFile> file_;
     std::int32_t claimed_ = 0, read_ = 0; // records of the present file
     std::uint64_t next_number_ = 0;       // that the next record should have
     std::size_t gaps_ = 0, bad_types_ = 0;
@@ -86,7 +79,10 @@ bool Producer::open_next(Slot& slot) {
     if (numbers_.empty() && next_file_ == 0) {
         number_ = 0;
         ++next_file_;
-        note(slot, 0, "there is no such file");
+        // A run without an event ends with its table of phases alone.
+        if (input_files().open(base_ + ".phaseStack") == nullptr) {
+            note(slot, 0, "there is no such file");
+        }
         return false;
     }
     if (next_file_ >= numbers_.size()) {
@@ -125,7 +121,7 @@ bool Producer::open_next(Slot& slot) {
 
 void Producer::begin_file(Slot& slot) {
     const std::string name = name_of(base_, number_);
-    file_.reset(std::fopen(name.c_str(), "rb"));
+    file_ = input_files().open(name);
     claimed_ = read_ = 0;
     last_was_full_ = false;
     if (!file_) {
@@ -133,9 +129,8 @@ void Producer::begin_file(Slot& slot) {
         last_was_full_ = skipped_ = true;
         return;
     }
-    std::setvbuf(file_.get(), nullptr, _IONBF, 0);
-    const std::uint64_t size = size_of_file(name);
-    if (std::fread(&claimed_, 1, count_bytes, file_.get()) != count_bytes) {
+    const std::uint64_t size = file_->size();
+    if (file_->read(&claimed_, count_bytes) != count_bytes) {
         claimed_ = 0;
         note(slot, 0, "too short for its count of records: the run was cut off there");
     } else if (claimed_ < 1 || claimed_ > full_file) {
@@ -184,8 +179,7 @@ bool Producer::fill(Slot& slot) {
         slot.records.resize(wanted);
     }
     slot.offset = count_bytes + static_cast<std::uint64_t>(read_) * sizeof(Transaction);
-    const std::size_t bytes =
-        std::fread(slot.records.data(), 1, wanted * sizeof(Transaction), file_.get());
+    const std::size_t bytes = file_->read(slot.records.data(), wanted * sizeof(Transaction));
     const std::size_t records = bytes / sizeof(Transaction);
     if (records < wanted) {
         note(slot, slot.offset + records * sizeof(Transaction), "cannot be read from here on");
@@ -220,14 +214,25 @@ void Producer::check_slowly(Slot& slot, std::size_t records) {
     for (std::size_t i = 0; i < records; ++i) {
         const Transaction& record = slot.records[i];
         const std::uint64_t offset = slot.offset + i * sizeof(Transaction);
-        const auto ahead = static_cast<std::int32_t>(static_cast<std::uint32_t>(record.id) -
-                                                     static_cast<std::uint32_t>(next_number_));
+        auto ahead = static_cast<std::int32_t>(static_cast<std::uint32_t>(record.id) -
+                                               static_cast<std::uint32_t>(next_number_));
+        // Where the next record goes on as if nothing were missing, this id alone is wrong.
+        const bool alone = ahead != 0 && i + 1 < records &&
+                           static_cast<std::uint32_t>(slot.records[i + 1].id) ==
+                               static_cast<std::uint32_t>(next_number_ + 1);
+        if (alone) {
+            ahead = 0;
+            if (++gaps_ <= most_told) {
+                note(slot, offset,
+                     "event " + std::to_string(next_number_) + " has the wrong id " +
+                         std::to_string(record.id) + most_told_text(gaps_));
+            }
+        }
         if (ahead != 0 && ++gaps_ <= most_told) {
             note(slot, offset,
                  "event " + std::to_string(next_number_) + " is missing, " +
                      std::to_string(static_cast<std::uint32_t>(record.id)) +
-                     " stands in its place" +
-                     (gaps_ == most_told ? "; further gaps are not told" : ""));
+                     " stands in its place" + most_told_text(gaps_));
         }
         // An id that lies behind is an older record's or damaged: counting goes on past it.
         next_number_ += static_cast<std::uint64_t>(std::max(ahead, 0));
@@ -236,8 +241,7 @@ void Producer::check_slowly(Slot& slot, std::size_t records) {
                 note(slot, offset,
                      "event " + std::to_string(next_number_) + " has the unknown type " +
                          std::to_string(static_cast<std::int32_t>(record.type)) +
-                         " and is left out" +
-                         (bad_types_ == most_told ? "; further ones are not told" : ""));
+                         " and is left out" + most_told_text(bad_types_));
             }
         } else if (const auto at = static_cast<std::uint32_t>(i);
                    !slot.stretches.empty() && slot.stretches.back().end == at && ahead == 0) {
@@ -377,7 +381,7 @@ std::string EventReader::file_name(std::int32_t number) const {
 std::uint64_t transaction_bytes(const std::string& base) {
     std::uint64_t bytes = 0;
     for (const std::int32_t number : numbered_files(base, ".memT")) {
-        bytes += size_of_file(name_of(base, number));
+        bytes += input_files().size(name_of(base, number));
     }
     return bytes;
 }

@@ -1,6 +1,8 @@
 // See figures.h.
 #include "figures.h"
 
+#include "output.h"
+
 #include <algorithm>
 #include <bit>
 #include <map>
@@ -112,6 +114,11 @@ PhaseFigures& by_path(std::vector<PhaseFigures>& phases, std::map<std::string, s
 }
 
 } // namespace
+
+void write_amount(Json& json, std::string_view name, const Amount& amount) {
+    json.key(name).compact().object();
+    json.member("bytes", amount.bytes).member("blocks", amount.blocks).end();
+}
 
 ShareFigures& ShareFigures::operator+=(const ShareFigures& other) {
     events += other.events;

@@ -12,6 +12,7 @@
 #include <cstdint>
 #include <functional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace memtrack {
@@ -34,6 +35,8 @@ struct Amount {
     }
     bool operator==(const Amount&) const = default;
 };
+class Json;
+void write_amount(Json& json, std::string_view name, const Amount& amount);
 
 /// Of the blocks that one phase or one thread made.
 struct ShareFigures {

@@ -130,11 +130,6 @@ void write_blocks(Json& json, const CommonOptions& options, const std::vector<He
     json.end();
 }
 
-void write_amount(Json& json, std::string_view name, const Amount& amount) {
-    json.key(name).compact().object();
-    json.member("bytes", amount.bytes).member("blocks", amount.blocks).end();
-}
-
 std::string metric_text(const Metric& metric, std::uint64_t value) {
     return metric.bytes ? human_bytes(value) : grouped(value);
 }

@@ -43,7 +43,6 @@ void write_phase_list(Json& json, const CommonOptions& options, const Figures& f
 void write_blocks(Output& output, const CommonOptions& options,
                   const std::vector<HeldBlock>& blocks, std::size_t of);
 void write_blocks(Json& json, const CommonOptions& options, const std::vector<HeldBlock>& blocks);
-void write_amount(Json& json, std::string_view name, const Amount& amount);
 /// The line or lines that say what the peak was.
 void write_peak_line(Output& output, const std::vector<Figures>& ranks, const Figures& merged);
 /// Member "peak" of the object that is open.

@@ -79,7 +79,7 @@ public:
     }
 
 private:
-    static constexpr int first_bits = 12;
+    static constexpr int first_bits = 10;
 
     struct Free {
         void operator()(Block* entries) const { platform::free_large(entries); }

@@ -39,18 +39,41 @@ void Output::check(bool good) {
 }
 
 void Output::write(std::string_view text) {
+    if (text_ != nullptr) {
+        text_->append(text);
+        return;
+    }
     check(std::fwrite(text.data(), 1, text.size(), file_) == text.size());
 }
 
 void Output::print(const char* format, ...) {
-    std::va_list arguments;
+    char line[512];
+    std::string longer;
+    std::va_list arguments, again;
     va_start(arguments, format);
-    const int written = std::vfprintf(file_, format, arguments);
+    va_copy(again, arguments);
+    const int length = std::vsnprintf(line, sizeof line, format, arguments);
+    check(length >= 0);
+    const auto size = static_cast<std::size_t>(length);
+    char* text = line;
+    if (size >= sizeof line) {
+        longer.resize(size + 1);
+        text = longer.data();
+        std::vsnprintf(text, size + 1, format, again);
+    }
+    va_end(again);
     va_end(arguments);
-    check(written >= 0);
+    std::replace_if(
+        text, text + size,
+        [](char c) { return (static_cast<unsigned char>(c) < 0x20 && c != '\n') || c == 0x7f; },
+        '?');
+    write({text, size});
 }
 
 void Output::finish(bool quiet) {
+    if (text_ != nullptr) {
+        return;
+    }
     if (file_ == stdout) {
         check(std::fflush(stdout) == 0);
         return;

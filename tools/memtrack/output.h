@@ -22,16 +22,19 @@ struct UsageError : std::runtime_error {
     using std::runtime_error::runtime_error;
 };
 
-/// Standard output, or the file of -o. Throws std::runtime_error when it cannot be written.
+/// Standard output, or the file of -o, or a text. Throws std::runtime_error when it cannot be written.
 class Output {
 public:
     /// An empty name is standard output. An existing file is refused (UsageError) without `force`.
     Output(std::string name, bool force);
+    explicit Output(std::string& text) : text_(&text), file_(nullptr) {}
     ~Output();
     Output(const Output&) = delete;
     Output& operator=(const Output&) = delete;
 
     void write(std::string_view text);
+    /// Text for people: control characters but line ends, which names in damaged files may have, become "?", so
+    /// that no terminal obeys them.
     MEMTRACK_PRINTF(2, 3) void print(const char* format, ...);
     /// All is written: tells "Wrote FILE" on standard error unless `quiet`.
     void finish(bool quiet);
@@ -39,6 +42,7 @@ public:
 private:
     void check(bool good);
     std::string name_;
+    std::string* text_ = nullptr;
     std::FILE* file_ = stdout;
 };
 

@@ -74,10 +74,9 @@ public:
         of.allocated.add(block.size);
         enter(of, block);
         for (std::size_t node = own; node != PhaseNode::none; node = tree_.nodes_[node].parent) {
-            PhaseNode& above = tree_.nodes_[node];
-            enter(above.inclusive, block);
-            above.peak_within = std::max(above.peak_within, held_);
+            enter(tree_.nodes_[node].inclusive, block);
         }
+        note_held(own);
     }
 
     void gone(const Event& event, const Block& block, Gone) {
@@ -139,6 +138,7 @@ private:
         }
         const std::size_t to = node_of(event.phase);
         const std::size_t from = current_[event.thread];
+        note_held(to);
         if (to == from) {
             return;
         }
@@ -158,8 +158,16 @@ private:
             if (entered.entries++ == 0) {
                 entered.first_event = event.number;
                 entered.held_at_entry = held_;
-                entered.peak_within = std::max(entered.peak_within, held_);
             }
+        }
+    }
+
+    // What the run holds now counts for the phase and all above it. Nothing above has seen less than what
+    // is below it, so the way up ends at the first that has seen as much.
+    void note_held(std::size_t node) {
+        for (; node != PhaseNode::none && tree_.nodes_[node].peak_within < held_;
+             node = tree_.nodes_[node].parent) {
+            tree_.nodes_[node].peak_within = held_;
         }
     }
 

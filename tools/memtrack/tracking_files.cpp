@@ -1,13 +1,12 @@
 // See tracking_files.h.
 #include "tracking_files.h"
 
+#include "input_files.h"
+
 #include <algorithm>
 #include <charconv>
-#include <cstdio>
 #include <cstring>
-#include <filesystem>
 #include <memory>
-#include <system_error>
 
 namespace memtrack {
 
@@ -43,13 +42,7 @@ std::int32_t number_in(std::string_view digits) {
 // A file of one of the smaller formats: it begins with a count and holds records of one size.
 class RecordFile {
 public:
-    explicit RecordFile(const std::string& name) : file_(std::fopen(name.c_str(), "rb")) {
-        std::error_code error;
-        size_ = std::filesystem::file_size(name, error);
-        if (error) {
-            size_ = 0;
-        }
-    }
+    explicit RecordFile(const std::string& name) : file_(input_files().open(name)) {}
     bool is_open() const { return file_ != nullptr; }
 
     // How many whole records there are, at most the count. What is wrong is told; -1 when nothing can be
@@ -70,8 +63,9 @@ public:
                                     "): not such a file"});
             return -1;
         }
+        const std::uint64_t size = file_->size();
         const std::uint64_t whole =
-            (std::max(size_, std::uint64_t{count_bytes}) - count_bytes) / record;
+            (std::max(size, std::uint64_t{count_bytes}) - count_bytes) / record;
         if (whole < static_cast<std::uint64_t>(count)) {
             problems.push_back({name, count_bytes + whole * record,
                                 "the file ends here, after " + std::to_string(whole) +
@@ -79,45 +73,20 @@ public:
                                     " that it claims"});
             return static_cast<std::int32_t>(whole);
         }
-        if (size_ > count_bytes + static_cast<std::uint64_t>(count) * record) {
+        if (size > count_bytes + static_cast<std::uint64_t>(count) * record) {
             problems.push_back({name, count_bytes + static_cast<std::uint64_t>(count) * record,
                                 "the file goes on behind the " + std::to_string(count) +
                                     " records that it claims; that rest is not read"});
         }
         return count;
     }
-    bool read(char* data, std::size_t size) {
-        return std::fread(data, 1, size, file_.get()) == size;
-    }
-    bool go_to(std::uint64_t offset) {
-        // A table of phases has at most 3992 times 131076 bytes, which fits a long everywhere.
-        return std::fseek(file_.get(), static_cast<long>(offset), SEEK_SET) == 0;
-    }
+    bool read(char* data, std::size_t size) { return file_->read(data, size) == size; }
+    // A table of phases has at most 3992 times 131076 bytes.
+    bool go_to(std::uint64_t offset) { return file_->go_to(offset); }
 
 private:
-    struct Close {
-        void operator()(std::FILE* file) const { std::fclose(file); }
-    };
-    std::unique_ptr<std::FILE, Close> file_;
-    std::uint64_t size_ = 0;
+    std::unique_ptr<InputFile> file_;
 };
-
-// What follows `base` and `mark` in the names of files.
-std::vector<std::string> endings_of_files(const std::string& base, const std::string& mark) {
-    const std::filesystem::path path = base;
-    const std::filesystem::path folder = path.has_parent_path() ? path.parent_path() : ".";
-    const std::string start = path.filename().string() + mark;
-    std::vector<std::string> found;
-    std::error_code error;
-    for (std::filesystem::directory_iterator entry(folder, error), end; !error && entry != end;
-         entry.increment(error)) {
-        const std::string name = entry->path().filename().string();
-        if (name.starts_with(start)) {
-            found.push_back(name.substr(start.size()));
-        }
-    }
-    return found;
-}
 
 } // namespace
 
@@ -150,7 +119,7 @@ std::string base_name(const std::string& argument) {
 
 std::vector<std::int32_t> numbered_files(const std::string& base, const std::string& mark) {
     std::vector<std::int32_t> numbers;
-    for (const std::string& ending : endings_of_files(base, mark)) {
+    for (const std::string& ending : input_files().endings(base + mark)) {
         if (const std::int32_t number = number_in(ending); number >= 0) {
             numbers.push_back(number);
         }
@@ -173,12 +142,13 @@ PhaseTable::PhaseTable(const std::string& base, Problems& problems) {
     const std::int32_t count = file.records(name, 0, most_paths, path_record, "phases", problems);
     // Paths are short and their places long: a first piece tells nearly all of them.
     constexpr std::size_t piece = 1020;
-    std::vector<char> bytes(path_record);
+    std::vector<char> bytes(4 + piece);
     for (std::int32_t i = 0; i < count; ++i) {
         const std::uint64_t offset = count_bytes + static_cast<std::uint64_t>(i) * path_record;
         bool good = file.go_to(offset) && file.read(bytes.data(), 4 + piece);
         std::string path = text_in(bytes.data() + 4, piece);
         if (good && path.size() == piece) {
+            bytes.resize(path_record);
             good = file.read(bytes.data() + 4 + piece, path_bytes - piece);
             path = text_in(bytes.data() + 4, path_bytes);
         }
@@ -202,7 +172,7 @@ std::string PhaseTable::path(std::int32_t stack) const {
 
 std::vector<std::int32_t> threads_with_phase_events(const std::string& base) {
     std::vector<std::int32_t> threads;
-    for (const std::string& ending : endings_of_files(base, ".phase_thr")) {
+    for (const std::string& ending : input_files().endings(base + ".phase_thr")) {
         const std::size_t bar = ending.find('_');
         if (bar == std::string::npos || number_in(std::string_view(ending).substr(bar + 1)) < 0) {
             continue;

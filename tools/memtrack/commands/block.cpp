@@ -82,8 +82,7 @@ int block(const BlockOptions& options) {
         }
         write_incomplete(output, problems);
     }
-    output.finish(options.quiet);
-    return tell_problems(problems);
+    return end_report(output, options, problems);
 }
 
 } // namespace

@@ -12,7 +12,19 @@ namespace memtrack {
 namespace {
 
 struct DiffOptions : CommonOptions {
-    std::vector<std::string> gates;
+    std::vector<std::string> gates, to;
+};
+
+// One side of the comparison: a run, or a job's ranks.
+struct Side {
+    std::vector<std::string> bases;
+    Figures figures; // merged
+
+    std::string name() const {
+        return bases.size() == 1 ? bases[0]
+                                 : std::to_string(bases.size()) + " ranks, " + bases.front() +
+                                       " to " + bases.back();
+    }
 };
 
 struct Change {
@@ -67,12 +79,12 @@ std::string signed_percent(std::uint64_t before, std::uint64_t after) {
            percent(after > before ? after - before : before - after, before);
 }
 
-void write_text(Output& output, const DiffOptions& options, const Figures& a, const Figures& b,
+void write_text(Output& output, const DiffOptions& options, const Side& a, const Side& b,
                 const std::vector<Change>& phases) {
-    output.print("A: %s\nB: %s\n\n%-20s %16s %16s %16s\n", a.base.c_str(), b.base.c_str(), "", "A",
-                 "B", "change");
+    output.print("A: %s\nB: %s\n\n%-20s %16s %16s %16s\n", a.name().c_str(), b.name().c_str(), "",
+                 "A", "B", "change");
     for (const Metric& metric : metrics) {
-        const std::uint64_t before = metric.get(a), after = metric.get(b);
+        const std::uint64_t before = metric.get(a.figures), after = metric.get(b.figures);
         output.print("%-20s %16s %16s %16s  %s\n", metric.label,
                      metric_text(metric, before).c_str(), metric_text(metric, after).c_str(),
                      signed_text(before, after, metric.bytes).c_str(),
@@ -96,16 +108,23 @@ void write_text(Output& output, const DiffOptions& options, const Figures& a, co
     write_rest(output, shown, phases.size());
 }
 
-void write_json(Output& output, const DiffOptions& options, const Figures& a, const Figures& b,
+void write_json(Output& output, const DiffOptions& options, const Side& a, const Side& b,
                 const std::vector<Change>& phases, const std::vector<std::string>& failed,
                 const Problems& problems) {
     Json json(output);
     json.object();
     write_problems(json, problems);
-    json.member("a", a.base).member("b", b.base).key("figures").object();
+    for (const auto& [name, side] : {std::pair("a", &a), std::pair("b", &b)}) {
+        json.key(name).compact().array();
+        for (const std::string& base : side->bases) {
+            json.value(base);
+        }
+        json.end();
+    }
+    json.key("figures").object();
     for (const Metric& metric : metrics) {
         json.key(metric.name).compact().object();
-        json.member("a", metric.get(a)).member("b", metric.get(b)).end();
+        json.member("a", metric.get(a.figures)).member("b", metric.get(b.figures)).end();
     }
     json.end().key("phases").array();
     for (std::size_t i = 0; i < rows_shown(options, phases.size()); ++i) {
@@ -128,31 +147,44 @@ void write_json(Output& output, const DiffOptions& options, const Figures& a, co
     json.end().end();
 }
 
-int diff(const DiffOptions& options) {
+int diff(DiffOptions options) {
+    if (options.to.empty() && options.bases.size() != 2) {
+        throw UsageError(
+            "diff compares two runs, A and B, or the ranks of two jobs: A... --to B...");
+    }
     const std::vector<Gate> gates(options.gates.begin(), options.gates.end());
+    const std::size_t first_side = options.to.empty() ? 1 : options.bases.size();
+    options.bases.insert(options.bases.end(), options.to.begin(), options.to.end());
     Output output(options.output, options.force);
     Problems problems;
     const std::vector<Figures> runs = take_each(
         options, problems, [](const std::string& base, Problems& found, ByteCounter* counter) {
             return take_figures(base, found, counter);
         });
+    const auto side = [&](std::size_t from, std::size_t until) {
+        const auto begin = static_cast<std::ptrdiff_t>(from),
+                   end = static_cast<std::ptrdiff_t>(until);
+        return Side{{options.bases.begin() + begin, options.bases.begin() + end},
+                    merge({runs.begin() + begin, runs.begin() + end})};
+    };
+    const Side a = side(0, first_side), b = side(first_side, runs.size());
     std::vector<std::string> failed;
     for (const Gate& gate : gates) {
-        if (gate.fails(runs[0], runs[1])) {
+        if (gate.fails(a.figures, b.figures)) {
             failed.push_back(gate.text());
         }
     }
-    const std::vector<Change> phases = changes(runs[0], runs[1]);
+    const std::vector<Change> phases = changes(a.figures, b.figures);
     if (options.json) {
-        write_json(output, options, runs[0], runs[1], phases, failed, problems);
+        write_json(output, options, a, b, phases, failed, problems);
     } else {
         write_incomplete(output, problems);
-        write_text(output, options, runs[0], runs[1], phases);
+        write_text(output, options, a, b, phases);
     }
     output.finish(options.quiet);
     for (const std::string& gate : failed) {
-        std::fprintf(stderr, "memtrack: --fail-if %s: %s is past it\n", gate.c_str(),
-                     runs[1].base.c_str());
+        std::fprintf(stderr, "memtrack: --fail-if %s: past it: %s\n", gate.c_str(),
+                     b.name().c_str());
     }
     // Figures of damaged files prove nothing, neither that a limit is kept nor that it is passed.
     const int status = tell_problems(problems);
@@ -165,7 +197,14 @@ void add_diff(CLI::App& parent, Run& run) {
     CLI::App* const command =
         parent.add_subcommand("diff", "What changed from the first run to the second, by phase");
     const auto options = std::make_shared<DiffOptions>();
-    options->add_bases(*command, 2, 2);
+    options->add_bases(*command);
+    command
+        ->add_option(
+            "--to", options->to,
+            "The ranks of the second job; all BASEs before are the first one's, and figures "
+            "are sums over ranks. Without it BASE is given twice: first run, second run")
+        ->expected(1, 1 << 20)
+        ->transform([](const std::string& name) { return base_name(name); });
     command
         ->add_option(
             "--fail-if", options->gates,

@@ -109,8 +109,7 @@ int events(const EventsOptions& options) {
         write_problems(json.end(), problems);
         json.end();
     }
-    output.finish(options.quiet);
-    return tell_problems(problems);
+    return end_report(output, options, problems);
 }
 
 } // namespace

@@ -1,6 +1,7 @@
 // memtrack export: writes what others' viewers open.
 #include "command.h"
 #include "export/formats.h"
+#include "platform/terminal.h"
 
 #include <map>
 
@@ -61,6 +62,9 @@ int run_export(const ExportOptions& options) {
         throw UsageError("a file of the format " + options.format +
                          " holds one run: give one BASE");
     }
+    if (format == Format::pprof && options.output.empty() && platform::output_is_terminal()) {
+        throw UsageError("a file of the format pprof is nothing for a terminal: -o FILE");
+    }
     Output output(options.output, options.force);
     Problems problems;
     if (format == Format::heaptrack) {
@@ -70,8 +74,7 @@ int run_export(const ExportOptions& options) {
     } else {
         write(output, options, take_each(options, problems, exporting::take_survey), problems);
     }
-    output.finish(options.quiet);
-    return tell_problems(problems);
+    return end_report(output, options, problems);
 }
 
 template <class Values> std::vector<std::string> names_of(const Values& values) {

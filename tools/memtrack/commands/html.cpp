@@ -2,6 +2,7 @@
 #include "../html/page_template.h"
 #include "../lists.h"
 #include "../page_data.h"
+#include "../platform/terminal.h"
 
 namespace memtrack {
 
@@ -46,7 +47,12 @@ std::vector<PageRun> take_runs(const CommonOptions& options, Problems& problems)
 int html(const CommonOptions& options) {
     if (page_template.head.empty()) {
         throw UsageError(
-            "this memtrack was built without html: its page needs npm when it is built");
+            "this memtrack was built without html. Its page stands on uPlot, which npm (Debian "
+            "package npm, and a network) fetches when CMake configures the build; configure it "
+            "again where npm is, with -DKXM_MEMTRACK_HTML=ON to see why it cannot");
+    }
+    if (options.output.empty() && platform::output_is_terminal()) {
+        throw UsageError("a page is nothing for a terminal: -o FILE");
     }
     Output output(options.output, options.force);
     Problems problems;
@@ -54,8 +60,7 @@ int html(const CommonOptions& options) {
     output.write(page_template.head);
     output.write(page_data(runs, problems));
     output.write(page_template.tail);
-    output.finish(options.quiet);
-    return tell_problems(problems);
+    return end_report(output, options, problems);
 }
 
 } // namespace

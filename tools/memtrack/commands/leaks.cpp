@@ -40,8 +40,7 @@ int leaks(const CommonOptions& options) {
             write_blocks(output, options, job.blocks, all.left.blocks);
         }
     }
-    output.finish(options.quiet);
-    return tell_problems(problems);
+    return end_report(output, options, problems);
 }
 
 } // namespace

@@ -99,8 +99,7 @@ int peak(const CommonOptions& options) {
             write_blocks(output, options, job.blocks, all.peak.blocks);
         }
     }
-    output.finish(options.quiet);
-    return tell_problems(problems);
+    return end_report(output, options, problems);
 }
 
 } // namespace

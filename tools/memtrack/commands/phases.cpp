@@ -23,6 +23,10 @@ public:
             write_node(root, 0);
         }
         write_rest(output_, written_, tree_.nodes().size());
+        output_.write(
+            "Entries and exits are as events show them: a thread enters a phase by its first event "
+            "there and\nleaves it by its first event elsewhere; of a free the record tells no "
+            "phase.\n");
     }
 
 private:
@@ -90,6 +94,12 @@ int show_events(const CommonOptions& options) {
         json.object().key("events").array();
     }
     for (const std::string& base : options.bases) {
+        if (!options.json && threads_with_phase_events(base).empty()) {
+            output.print(
+                "There are no files %s.phase_thr*: only clients with phase buffers of their own "
+                "write them.\n",
+                base.c_str());
+        }
         for (const std::int32_t thread : threads_with_phase_events(base)) {
             std::size_t depth = 0;
             read_phase_events(base, thread, problems, [&](const PhaseEvent& event) {
@@ -112,8 +122,7 @@ int show_events(const CommonOptions& options) {
         write_problems(json.end(), problems);
         json.end();
     }
-    output.finish(options.quiet);
-    return tell_problems(problems);
+    return end_report(output, options, problems);
 }
 
 int phases(const CommonOptions& options) {
@@ -137,8 +146,7 @@ int phases(const CommonOptions& options) {
         write_incomplete(output, problems);
         TextTree(output, all, rows_shown(options, all.nodes().size())).write();
     }
-    output.finish(options.quiet);
-    return tell_problems(problems);
+    return end_report(output, options, problems);
 }
 
 } // namespace

@@ -182,8 +182,7 @@ int report(const CommonOptions& options) {
     } else {
         write_text(output, options, ranks, all, problems);
     }
-    output.finish(options.quiet);
-    return tell_problems(problems);
+    return end_report(output, options, problems);
 }
 
 } // namespace

@@ -1,6 +1,6 @@
 // The format of heaptrack 1.4, which has every allocation and every release, so this one is written while the run
-// is read, and grows with it. What it numbers, sizes by phase, is kept: bounded by how many different ones there
-// are. Time counts a transaction as a millisecond, and is told some thousand times.
+// is read, and grows with it. What it numbers, sizes by phase, is kept as far as a quarter of a million of them;
+// then it forgets them and numbers anew, which the format allows. Time counts a transaction as a millisecond, and is told some thousand times.
 #include "formats.h"
 
 #include <algorithm>
@@ -12,6 +12,7 @@ namespace memtrack::exporting {
 namespace {
 
 constexpr std::uint64_t times_told = 1000;
+constexpr std::size_t most_infos = 262144;
 
 class HeaptrackWriter : public Watcher {
 public:
@@ -108,9 +109,13 @@ private:
     }
 
     std::uint64_t info_of(const Block& block, std::int32_t stack) {
-        const auto [place, fresh] = infos_.try_emplace(Key{block.size, block.phase}, infos_.size());
+        if (infos_.size() == most_infos) {
+            infos_.clear();
+        }
+        const auto [place, fresh] = infos_.try_emplace(Key{block.size, block.phase}, infos_told_);
         if (fresh) {
             line("a", {block.size, trace_of(stack)});
+            ++infos_told_;
         }
         return place->second;
     }
@@ -124,6 +129,7 @@ private:
     PhaseTree tree_;
     std::vector<std::uint64_t> traces_; // by node; as many as instruction pointers
     std::unordered_map<Key, std::uint64_t, Hash> infos_;
+    std::uint64_t infos_told_ = 0;
     LiveBlocks held_; // a block's number is its info's
 };
 

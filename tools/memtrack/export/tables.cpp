@@ -1,6 +1,6 @@
 // Figures for programs: JSON of all, and CSV of one table, with quotes as RFC 4180 has them.
+#include "figures.h"
 #include "formats.h"
-#include "lists.h"
 
 #include <iterator>
 

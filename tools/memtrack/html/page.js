@@ -197,7 +197,7 @@ const tables = {
     phases: new Table(byId("phase-table"), {
         title: "Phases", sort: "peak",
         note: "Of the blocks made in the phase itself, not below it. \u201cAt most\u201d is the most that they held at a time; " +
-            "\u201crun at most\u201d the most that the whole run held while a thread was in the phase or below.",
+            "\u201crun at most\u201d the most that the whole run held at an event in the phase or below.",
         columns: [
             phaseColumn,
             {name: "events", label: "Events", kind: "number", get: ({node}) => node.own.events,

@@ -4,6 +4,7 @@
 namespace memtrack::platform {
 
 bool error_is_terminal();
+bool output_is_terminal();
 int error_columns(); ///< of the terminal; 80 if it does not tell
 
 } // namespace memtrack::platform

@@ -11,6 +11,10 @@ bool error_is_terminal() {
     return _isatty(_fileno(stderr)) != 0;
 }
 
+bool output_is_terminal() {
+    return _isatty(_fileno(stdout)) != 0;
+}
+
 int error_columns() {
     CONSOLE_SCREEN_BUFFER_INFO info{};
     const HANDLE handle = GetStdHandle(STD_ERROR_HANDLE);

@@ -94,6 +94,10 @@ private:
     }
 
     void clear(Slot& slot, std::uint64_t size) {
+        if (size ==
+            0) { // the guarded back end faults; the recording may have had 0 elements of some size
+            return put(slot, mem_Malloc(0), 0);
+        }
         if (!options_.by_hand) {
             return put(slot, mem_Calloc(1, size), size);
         }

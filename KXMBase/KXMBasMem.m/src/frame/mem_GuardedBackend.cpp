@@ -91,6 +91,13 @@ void check_guards(Entry entry, void* ptr) {
     }
 }
 
+// Takes the processor's division fault for a divisor of 0: meant. A compiler that saw the division would be free
+// to take 0 for impossible, and drop tests of it elsewhere.
+KXM_NO_SANITIZE std::size_t quotient(std::size_t number, std::size_t divisor) {
+    const volatile std::size_t by = divisor;
+    return number / by;
+}
+
 void* block_of(void* ptr) {
     return static_cast<Byte*>(ptr) - data_at;
 }
@@ -121,10 +128,11 @@ void* myRealloc(void* ptr, std::size_t size) {
 
 void* myCalloc(std::size_t count, std::size_t size) {
     const std::size_t total = count * size; // wraps like the runtime's own product once did: meant
-    // Whole elements that cover data and overhead; a size of 0 takes the processor's division fault.
+    // Whole elements that cover data and overhead; there is no test of a size of 0, which faults.
     // A request whose sum would wrap asks for more than there is, as in with_overhead.
     const std::size_t rounding = size - 1;
-    const bool wraps = rounding > size_max - overhead || total > size_max - overhead - rounding;
-    const std::size_t elements = wraps ? size_max : (total + overhead + size - 1) / size;
+    const bool wraps =
+        size != 0 && (rounding > size_max - overhead || total > size_max - overhead - rounding);
+    const std::size_t elements = wraps ? size_max : quotient(total + overhead + rounding, size);
     return dress(os::runtime_allocator.calloc(elements, size), total);
 }
