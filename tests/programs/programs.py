@@ -125,5 +125,5 @@ PROGRAMS = [
     Program("make", ["many.mk"], ["make", "-s", "-j3", "-f", "many.mk"], ["out", "err", "program"],
             [1], {2: "cc1: out of memory allocating"}, 500000, processes=100),
     Program("python", ["pool.py"], [PYTHON, "pool.py"], ["out", "err"], [24], {1: "MemoryError"}, 1000000,
-            processes=21, environment={"PYTHONMALLOC": "malloc"}),
+            processes=17, environment={"PYTHONMALLOC": "malloc"}),
 ]

@@ -44,7 +44,8 @@ if __name__ == "__main__":
     print("threads", sorted(results.items()))
     assert len(results) == len(threads), "a thread ended early"
     sys.stdout.flush()  # or every worker prints it again
-    with multiprocessing.Pool(4, maxtasksperchild=5) as pool:
-        found = list(pool.imap(work, range(40)))
-    for result in found:  # not before, for workers that start late
+    pool = multiprocessing.Pool(4)
+    for result in pool.imap(work, range(40)):
         print(*result)
+    pool.close()
+    pool.join()
