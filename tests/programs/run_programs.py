@@ -218,7 +218,8 @@ def run_one(program, mode, scratch, arguments, sums, plain):
     if mode == "c track" and "track" in sums:
         for figure, one in sums["track"].items():
             other = found[figure]
-            need(abs(one - other) <= 0.02 * max(one, other), f"{figure}: heap {one}, C runtime {other}")
+            share = 0.3 if figure == "peak" else 0.02  # threads and children do not meet at the same moments each time
+            need(abs(one - other) <= share * max(one, other), f"{figure}: heap {one}, C runtime {other}")
     return run, f"{found['recordings']} recordings, {found['events']:,} events"
 
 
