@@ -4,6 +4,7 @@
 #include <cstdarg>
 #include <cstdlib>
 #include <dlfcn.h>
+#include <link.h>
 #include <pthread.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -95,6 +96,7 @@ void after_fork_in_parent() {
 
 void after_fork_in_child() {
     take_figures();
+    process.tracking = process.tracking && mem_Tracker::CheckUseFlag() == mem_Tracker::e_useOn;
     if (process.tracking) {
         known.only_recorded = true;
         known.recorded.clear();
@@ -124,6 +126,19 @@ void before_replacement() {
     own.inside = was_inside;
 }
 
+// A program at a fixed address that takes malloc's address gives it one in itself, of an entry that jumps to
+// ours; the symbol there is not a definition.
+bool another_malloc_serves() {
+    void* const found = dlsym(RTLD_DEFAULT, "malloc");
+    if (found == reinterpret_cast<void*>(static_cast<void* (*)(std::size_t)>(malloc))) {
+        return false;
+    }
+    Dl_info where{};
+    void* symbol = nullptr;
+    return dladdr1(found, &where, &symbol, RTLD_DL_SYMENT) == 0 || symbol == nullptr ||
+           static_cast<const ElfW(Sym)*>(symbol)->st_shndx != SHN_UNDEF;
+}
+
 __attribute__((constructor)) void start() {
     own.inside = true;
     find(real.execve, "execve");
@@ -149,8 +164,7 @@ __attribute__((constructor)) void start() {
     if (!process.tracking || backend == Backend::heap) {
         known.unrecorded.clear();
     }
-    if (dlsym(RTLD_DEFAULT, "malloc") !=
-        reinterpret_cast<void*>(static_cast<void* (*)(std::size_t)>(malloc))) {
+    if (another_malloc_serves()) {
         process.figures->events.fetch_or(other_malloc);
     }
     watch_signals();
