@@ -5,6 +5,7 @@
 
 #include <cctype>
 #include <limits>
+#include <memory>
 
 namespace kxmrun {
 namespace {
@@ -65,10 +66,18 @@ std::string contradiction(const Options& options) {
     return {};
 }
 
+// CLI11 would leave out the dashes.
+class Words : public CLI::Formatter {
+    std::string make_usage(const CLI::App*, std::string) const override {
+        return "Usage: kxmrun [OPTIONS] -- PROGRAM [ARGUMENT...]\n";
+    }
+};
+
 } // namespace
 
 std::optional<int> read_options(int argc, char** argv, Options& options) {
     CLI::App app("Runs a program on the memory library KXMBasMem.", "kxmrun");
+    app.formatter(std::make_shared<Words>());
     app.set_version_flag("--version", "kxmrun " KXMRUN_VERSION);
     app.add_option("--backend", options.backend, "What serves its memory")
         ->check(CLI::IsMember({"heap", "c", "guarded", "aligned"}))
@@ -105,8 +114,8 @@ std::optional<int> read_options(int argc, char** argv, Options& options) {
         ->default_str("")
         ->type_name("[FILE]");
     app.add_flag("-q,--quiet", options.quiet, "No words at the end but the summary");
-    app.add_option("command", options.command, "The program and its arguments, behind --")
-        ->type_name("PROGRAM");
+    app.add_option("PROGRAM", options.command, "The program, and behind it its own arguments")
+        ->type_name("");
     app.prefix_command(false);
     app.positionals_at_end();
     app.footer(
