@@ -5,7 +5,10 @@ set(KXM_PACKAGE_MAINTAINER "KXMBasMem maintainers <maintainers@kxmbasmem.invalid
 
 set(licences ${PROJECT_SOURCE_DIR}/packaging/licences)
 install(DIRECTORY ${licences}/ DESTINATION ${CMAKE_INSTALL_DOCDIR}/licences COMPONENT documents)
-if(WIN32) # what the compiler's DLLs ask to go with them
+if(WIN32) # a first word, and what the compiler's DLLs ask to go with them
+  file(WRITE ${PROJECT_BINARY_DIR}/packaging/README.txt
+    "KXMBasMem ${PROJECT_VERSION} for Windows x64. Begin with ${CMAKE_INSTALL_DOCDIR}/README.md.\n")
+  install(FILES ${PROJECT_BINARY_DIR}/packaging/README.txt DESTINATION . COMPONENT documents)
   foreach(name GPL-3 LGPL-2.1)
     install(FILES /usr/share/common-licenses/${name} RENAME ${name}.txt
             DESTINATION ${CMAKE_INSTALL_DOCDIR}/licences COMPONENT documents)

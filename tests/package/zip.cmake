@@ -25,7 +25,7 @@ set(name kxmbasmem-${VERSION}-windows-x64)
 run(COMMAND ${CMAKE_COMMAND} -E tar xf ${WORK}/made/${name}.zip)
 file(REMOVE_RECURSE ${WORK}/made)
 set(prefix ${WORK}/${name})
-foreach(file licences/GPL-3.txt licences/LGPL-2.1.txt licences/GCC-runtime.txt licences/mingw-w64.txt
+foreach(file README.md licences/GPL-3.txt licences/LGPL-2.1.txt licences/GCC-runtime.txt licences/mingw-w64.txt
              settings.md CHANGELOG.md)
   if(NOT EXISTS ${prefix}/share/doc/kxmbasmem/${file})
     message(FATAL_ERROR "The zip has no ${file}")
