@@ -5,6 +5,7 @@
 #include <csignal>
 #include <cstdlib>
 #include <dlfcn.h>
+#include <unistd.h>
 
 #include "process.h"
 
@@ -27,14 +28,22 @@ bool is_fatal(int signal) {
     return false;
 }
 
+bool is_fault(int signal) {
+    return signal == SIGSEGV || signal == SIGBUS || signal == SIGFPE || signal == SIGILL;
+}
+
 void save_and_die(int signal, siginfo_t* what, void*) {
     struct sigaction standard {};
     standard.sa_handler = SIG_DFL;
     real_sigaction(signal, &standard, nullptr);
-    own.inside = true;
-    save_recording(false);
-    note_end(Event{});
-    if (what->si_code <= 0) { // sent; a fault comes again by itself
+    if (getpid() == process.pid) { // what the child of a vfork writes is its parent's
+        own.inside = true;
+        save_recording(false);
+        note_end(Event{});
+    }
+    // A fault comes again by itself, with what it has to tell. What was sent does not, whether by a process or
+    // by the system: keys at a terminal, timers, limits.
+    if (what->si_code <= 0 || !is_fault(signal)) {
         raise(signal);
     }
 }
