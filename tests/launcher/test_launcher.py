@@ -75,6 +75,15 @@ class Launcher(unittest.TestCase):
             result = self.ran([KXMRUN, *options, "--", victim("launcher_storm"), victim("launcher_plugin.so"), "alarms"])
             self.assertEqual(result.stdout, "the storm is over\n")
 
+    def test_handlers_and_vfork_in_the_midst(self):
+        handlers, recorded = victim("launcher_handlers"), ["--track-dir", self.folder]
+        for options in [], ["--tiny"], recorded:
+            for how in "fork", "end":
+                self.assertEqual(self.ran([KXMRUN, *options, "--", handlers, how]).stdout, "handled\n")
+        self.assertIn("1 request refused", self.ran([KXMRUN, "--limit", "64M", "--", handlers, "vfork"]).stderr)
+        # Keys and timers have codes like those of faults, and do not come again.
+        self.recordings(self.ran([KXMRUN, *recorded, "--", handlers, "alarm"], status=142))
+
     def test_damage_is_told_on_the_guarded_back_end(self):
         result = self.ran([KXMRUN, "--backend", "guarded", "--", victim("launcher_overwrite")])
         self.assertEqual(re.sub("0x[0-9a-f]+", "X", result.stderr),
@@ -112,6 +121,12 @@ class Launcher(unittest.TestCase):
             self.assertEqual(len(self.recordings(result)), 1, result.stderr)
         killed = self.ran([KXMRUN, "--track-dir", self.folder, "--", "/bin/sh", "-c", "kill -KILL $$"], status=137)
         self.assertIn("ended by a signal", killed.stderr)
+        # And the process its recording.
+        folder = os.path.join(self.folder, "gone")
+        result = self.ran([KXMRUN, "--track-dir", folder, "--", "/bin/sh", "-c",
+                           f"rm -r {folder}; i=0; while [ $i -lt 60000 ]; do i=$((i+1)); x=$x; done; echo through"])
+        self.assertEqual(result.stdout, "through\n")
+        self.assertIn("could not be written", result.stderr)
 
     def test_the_librarys_own_clients(self):
         """One copy of the library, and forks while its own entries are in use."""
