@@ -1,14 +1,40 @@
 #!/bin/sh
 # Builds and runs the benchmarks: medians of interleaved repetitions, side by side with what a user
 # would pick instead, as ratios. Takes some minutes; wants a quiet machine.
+#
+#   ./bench.sh            all
+#   ./bench.sh programs   only whole programs, which nobody here wrote, under kxmrun
 set -eu
 cd "$(dirname "$0")"
 . scripts/common.sh
-no_arguments "$@"
+
+on_programs() {
+    need_program_packages
+    build linux kxmrun
+    echo
+    /usr/bin/python3 -B bench/bench_programs.py --kxmrun build/linux/bin/kxmrun build/linux/bench-programs
+}
+
+what=${1:-all}
+case $#$what in
+0all | 1programs) ;;
+1-h | 1--help)
+    print_head
+    exit 0
+    ;;
+*)
+    print_head >&2
+    exit 2
+    ;;
+esac
 
 mkdir -p build
 need_build_packages
 need_packages libjemalloc2 libmimalloc2.0 libtcmalloc-minimal4 libtbbmalloc2 heaptrack valgrind
+if [ "$what" = programs ]; then
+    on_programs
+    exit
+fi
 build linux bench_interface bench_load bench_callstack bench_heap bench_tiny bench_cache bench_client \
     bench_tracking bench_datachecks bench_memtrack
 unset KXA_CALLSTACK_DEPTH KXA_DEADBEEF KXQ_DLALLOCATOR KXQ_CRTMALLOC KXQ_USE_ALIGNED_MEMORY
@@ -34,3 +60,4 @@ echo
 build/linux/bin/bench_datachecks
 echo
 build/linux/bin/bench_memtrack
+on_programs

@@ -8,6 +8,7 @@
 #   ./test.sh soak [N]   what takes longer, about N minutes (60): threads under stress on every back end, plainly,
 #                        under TSan and under Wine; the fuzzers; every n-th system call failing; systems that
 #                        give little; clang-tidy
+#   ./test.sh programs   programs that nobody here wrote under kxmrun (Linux; some minutes)
 #
 # Missing Debian packages are installed (as root or through sudo), or named.
 set -eu
@@ -28,6 +29,15 @@ on_windows() {
     trap stop_wine_server EXIT
     trap 'exit 130' INT TERM
     ctest --preset windows --output-on-failure --no-tests=error
+}
+
+on_programs() {
+    need_build_packages
+    need_program_packages
+    build linux kxmrun memtrack
+    echo "== test: programs"
+    /usr/bin/python3 -B tests/programs/run_programs.py --kxmrun build/linux/bin/kxmrun \
+        --memtrack build/linux/bin/memtrack build/linux/tests/programs
 }
 
 check_format() {
@@ -120,6 +130,11 @@ case $minutes in
 esac
 case $what in
 both | linux | windows | check | soak) ;;
+programs)
+    mkdir -p build
+    on_programs
+    exit
+    ;;
 -h | --help)
     print_head
     exit 0

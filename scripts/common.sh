@@ -81,6 +81,12 @@ need_browser_packages() {
     need_packages chromium chromium-driver python3-selenium
 }
 
+# What runs under kxmrun in ./test.sh programs, and what it is compared with.
+need_program_packages() {
+    need_packages getdp gmsh calculix-ccx octave python3 python3-numpy python3-scipy sqlite3 git make gcc \
+        valgrind
+}
+
 need_windows_packages() {
     need_packages g++-mingw-w64-x86-64-posix gfortran-mingw-w64-x86-64-posix wine64
 }

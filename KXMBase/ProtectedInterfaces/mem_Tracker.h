@@ -94,7 +94,8 @@ public:
     /// Base of all file names, from the next file on. With KXA_MEM_OUTPUTDIR that folder goes in
     /// before the last element. Too long a name switches tracking off and is a fatal error.
     void SetOutputName(const char* name);
-    void SetRank(int rank); ///< for messages; -1 until then
+    const char* OutputName() const { return m_baseOutputName; } ///< with its folder
+    void SetRank(int rank);                                     ///< for messages; -1 until then
 
     /// The calling thread's phase, nested in those it is in. `name` has at most 127 characters. `print`
     /// not 0: told on standard error. A longer name, or a thread numbered 64 or above, is a fatal error.

@@ -18,11 +18,12 @@ inline constexpr const char* record_variable = "KXMRUN_RECORD"; ///< folder and 
 inline constexpr const char* figures_variable = "KXMRUN_FIGURES"; ///< path of the shared memory
 
 enum Event : std::uint32_t {
-    recording = 1,    ///< its events are recorded
-    saved = 2,        ///< the recording was written to its end
-    not_saved = 4,    ///< it could not be written
-    other_malloc = 8, ///< the program brings its own malloc, so nothing came here
-    replaced = 16,    ///< it went on as another program
+    recording = 1,        ///< its events are recorded
+    saved = 2,            ///< the recording was written to its end
+    not_saved = 4,        ///< it could not be written
+    other_malloc = 8,     ///< the program brings its own malloc, so nothing came here
+    replaced = 16,        ///< it went on as another program
+    ended_by_itself = 32, ///< the program has ended its recording, as a client of the library may
 };
 
 /// One process, or one program that a process was until it became another.

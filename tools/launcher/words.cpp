@@ -145,7 +145,11 @@ void tell_recordings(const Processes& all) {
     const std::string reader = memtrack();
     for (std::size_t i = 0; i < recorded.size() && i < shown; ++i) {
         const ProcessFigures& process = *recorded[i];
-        if (has(process, saved)) {
+        if (has(process, ended_by_itself)) {
+            std::fprintf(stderr,
+                         "kxmrun: %s: ended its recording by itself, under a name of its own\n",
+                         name_of(process).c_str());
+        } else if (has(process, saved)) {
             std::fprintf(stderr, "kxmrun: %s: %llu events recorded. Next:\n    %s report %s\n",
                          name_of(process).c_str(),
                          static_cast<unsigned long long>(value(process.recorded)),

@@ -171,10 +171,15 @@ void give_later(void* block) {
                                                     std::memory_order_relaxed));
 }
 
-// ---- Recording. All of it inside.
+// ---- Recording. All of it inside. A program that uses the library may end its recording by itself: from then
+// on there is no tracker, and one must not be made.
+
+bool records() {
+    return process.tracking && mem_Tracker::CheckUseFlag() == mem_Tracker::e_useOn;
+}
 
 void tell_taken(void* block, std::size_t size, bool zeroed) {
-    if (!process.tracking) {
+    if (!records()) {
         return;
     }
     if (known.only_recorded) {
@@ -190,7 +195,7 @@ void tell_taken(void* block, std::size_t size, bool zeroed) {
 // Whether the recording has seen the block, which it is about to see no more. On the heap, what the C runtime
 // gave was given before the start or to somebody inside.
 bool leaves_record(void* block) {
-    if (!process.tracking || (process.backend == Backend::heap && !in_heap(block))) {
+    if (!records() || (process.backend == Backend::heap && !in_heap(block))) {
         return false;
     }
     return known.only_recorded
@@ -200,7 +205,7 @@ bool leaves_record(void* block) {
 
 // `was_recorded`: of the old block, which stays where there is no fresh one.
 void tell_resized(void* fresh, void* block, std::size_t size, bool was_recorded) {
-    if (!process.tracking) {
+    if (!records()) {
         return;
     }
     if (known.only_recorded) {

@@ -4,6 +4,7 @@
 #include <cstdarg>
 #include <cstdlib>
 #include <dlfcn.h>
+#include <link.h>
 #include <pthread.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -84,7 +85,6 @@ Backend bound_backend() {
 
 // ---- Fork. These handlers stand outside the library's, which were there first: from before its locks are
 // taken until they are free again this thread is inside.
-
 //
 // A signal handler's fork may have come while its thread was inside, with locks in its hands, and what it
 // interrupted may go on in the child: that is left as it was, and not recorded.
@@ -108,6 +108,7 @@ void after_fork_in_child() {
     if (own.forks_inside) {
         process.tracking = false;
     } else {
+        process.tracking = process.tracking && mem_Tracker::CheckUseFlag() == mem_Tracker::e_useOn;
         if (process.tracking) {
             known.only_recorded = true;
             known.recorded.clear();
@@ -139,6 +140,19 @@ void before_replacement() {
     own.inside = was_inside;
 }
 
+// A program at a fixed address that takes malloc's address gives it one in itself, of an entry that jumps to
+// ours; the symbol there is not a definition.
+bool another_malloc_serves() {
+    void* const found = dlsym(RTLD_DEFAULT, "malloc");
+    if (found == reinterpret_cast<void*>(static_cast<void* (*)(std::size_t)>(malloc))) {
+        return false;
+    }
+    Dl_info where{};
+    void* symbol = nullptr;
+    return dladdr1(found, &where, &symbol, RTLD_DL_SYMENT) == 0 || symbol == nullptr ||
+           static_cast<const ElfW(Sym)*>(symbol)->st_shndx != SHN_UNDEF;
+}
+
 __attribute__((constructor)) void start() {
     own.inside = true;
     find(real.execve, "execve");
@@ -164,8 +178,7 @@ __attribute__((constructor)) void start() {
     if (!process.tracking || backend == Backend::heap) {
         known.unrecorded.clear();
     }
-    if (dlsym(RTLD_DEFAULT, "malloc") !=
-        reinterpret_cast<void*>(static_cast<void* (*)(std::size_t)>(malloc))) {
+    if (another_malloc_serves()) {
         process.figures->events.fetch_or(other_malloc);
     }
     watch_signals();

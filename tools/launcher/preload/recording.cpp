@@ -97,6 +97,10 @@ void make_own(Name& name) {
     }
 }
 
+void note_name(const char* name) {
+    std::strncpy(process.figures->record, name, sizeof process.figures->record - 1);
+}
+
 } // namespace
 
 void begin_recording() {
@@ -113,7 +117,7 @@ void begin_recording() {
     expand(pattern != nullptr ? pattern : "kxmrun.%p", name);
     make_own(name);
     mem_Tracker::Instance().SetOutputName(name.text);
-    std::strncpy(process.figures->record, name.text, sizeof process.figures->record - 1);
+    note_name(name.text);
     process.figures->events.fetch_or(recording);
     errno = saved_errno;
 }
@@ -122,9 +126,14 @@ void save_recording(bool wait) {
     if (!process.tracking || getpid() != process.pid) { // a vfork's child has its parent's memory
         return;
     }
+    if (mem_Tracker::CheckUseFlag() != mem_Tracker::e_useOn) {
+        process.figures->events.fetch_or(ended_by_itself);
+        return;
+    }
+    const mem_Tracker& tracker = mem_Tracker::Instance();
     const bool done = mem_Tracker::Instance().Save(wait);
-    process.figures->recorded.store(
-        static_cast<std::uint32_t>(mem_Tracker::Instance().CurrTransactionId()));
+    note_name(tracker.OutputName()); // the program may have given another
+    process.figures->recorded.store(static_cast<std::uint32_t>(tracker.CurrTransactionId()));
     process.figures->events.fetch_or(done ? saved : not_saved);
 }
 
