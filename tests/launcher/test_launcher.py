@@ -75,20 +75,29 @@ class Launcher(unittest.TestCase):
             result = self.ran([KXMRUN, *options, "--", victim("launcher_storm"), victim("launcher_plugin.so"), "alarms"])
             self.assertEqual(result.stdout, "the storm is over\n")
 
+    def test_handlers_and_vfork_in_the_midst(self):
+        handlers, recorded = victim("launcher_handlers"), ["--track-dir", self.folder]
+        for options in [], ["--tiny"], recorded:
+            for how in "fork", "end":
+                self.assertEqual(self.ran([KXMRUN, *options, "--", handlers, how]).stdout, "handled\n")
+        self.assertIn("1 request refused", self.ran([KXMRUN, "--limit", "64M", "--", handlers, "vfork"]).stderr)
+        # Keys and timers have codes like those of faults, and do not come again.
+        self.recordings(self.ran([KXMRUN, *recorded, "--", handlers, "alarm"], status=142))
+
     def test_damage_is_told_on_the_guarded_back_end(self):
         result = self.ran([KXMRUN, "--backend", "guarded", "--", victim("launcher_overwrite")])
         self.assertEqual(re.sub("0x[0-9a-f]+", "X", result.stderr),
                          "".join(f"FREE:memory overwrite detected at X {end} end\n" for end in ("back", "front", "front")))
 
     def test_a_limit_refuses_and_is_told(self):
-        result = self.ran([KXMRUN, "--limit", "64M", "--", victim("launcher_work_arrays")])
+        result = self.ran([KXMRUN, "--limit", "8M", "--", victim("launcher_work_arrays")])
         self.assertRegex(result.stdout, r"total +221400000\.0\nrefused +T\n")
-        words = re.search(r"launcher_work.*: 1 request refused by the limit of 67108864 bytes .*largest was "
+        words = re.search(r"launcher_work.*: 1 request refused by the limit of 8388608 bytes .*largest was "
                           r"3200000000 bytes.*peak (\d+) bytes", result.stderr)
         self.assertTrue(words, result.stderr)
-        self.assertTrue(3200000 < int(words[1]) < 64 << 20, result.stderr)
-        # A recorded run has as much.
-        again = self.ran([KXMRUN, "--limit", "64M", "--track-dir", self.folder, "--",
+        self.assertTrue(3200000 < int(words[1]) < 8 << 20, result.stderr)
+        # A recorded run has as much: the recorder itself holds more than that.
+        again = self.ran([KXMRUN, "--limit", "8M", "--track-dir", self.folder, "--",
                           victim("launcher_work_arrays")])
         self.assertEqual(again.stdout, result.stdout)
         self.assertIn("Failed: 1 request", list(self.recordings(again).values())[0])
@@ -112,6 +121,12 @@ class Launcher(unittest.TestCase):
             self.assertEqual(len(self.recordings(result)), 1, result.stderr)
         killed = self.ran([KXMRUN, "--track-dir", self.folder, "--", "/bin/sh", "-c", "kill -KILL $$"], status=137)
         self.assertIn("ended by a signal", killed.stderr)
+        # And the process its recording.
+        folder = os.path.join(self.folder, "gone")
+        result = self.ran([KXMRUN, "--track-dir", folder, "--", "/bin/sh", "-c",
+                           f"rm -r {folder}; i=0; while [ $i -lt 60000 ]; do i=$((i+1)); x=$x; done; echo through"])
+        self.assertEqual(result.stdout, "through\n")
+        self.assertIn("could not be written", result.stderr)
 
     def test_the_librarys_own_clients(self):
         """One copy of the library, and forks while its own entries are in use."""

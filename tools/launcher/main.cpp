@@ -33,7 +33,7 @@ bool name_record(const Options& options, const std::string& program, std::string
         record = folder + ": " + std::strerror(errno);
         return false;
     }
-    char* const whole = realpath(folder.c_str(), nullptr);
+    char* const whole = realpath((folder + "/.").c_str(), nullptr); // "/.": a folder and no file
     if (whole == nullptr || access(whole, W_OK | X_OK) != 0) {
         record = folder + ": " + std::strerror(errno);
         std::free(whole);

@@ -155,12 +155,11 @@ void tell_recordings(const Processes& all) {
                          static_cast<unsigned long long>(value(process.recorded)),
                          quoted(reader).c_str(), quoted(process.record).c_str());
         } else {
-            std::fprintf(stderr,
-                         "kxmrun: %s: %s; what there is of its recording, but for the last "
-                         "131072 events at most: %s\n",
-                         name_of(process).c_str(),
-                         has(process, not_saved) ? "its recording could not be written"
-                                                 : "ended by a signal, or still runs",
+            std::fprintf(stderr, "kxmrun: %s: %s: %s\n", name_of(process).c_str(),
+                         has(process, not_saved)
+                             ? "its recording could not be written; what there is of it"
+                             : "ended by a signal, or still runs; what there is of its recording, "
+                               "but for the last 131072 events at most",
                          quoted(process.record).c_str());
         }
     }

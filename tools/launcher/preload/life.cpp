@@ -85,25 +85,39 @@ Backend bound_backend() {
 
 // ---- Fork. These handlers stand outside the library's, which were there first: from before its locks are
 // taken until they are free again this thread is inside.
+//
+// A signal handler's fork may have come while its thread was inside, with locks in its hands, and what it
+// interrupted may go on in the child: that is left as it was, and not recorded.
+
+bool forks_inside() {
+    return own.forks_inside;
+}
 
 void before_fork() {
+    own.forks_inside = own.inside;
     own.inside = true;
 }
 
 void after_fork_in_parent() {
-    own.inside = false;
+    own.inside = own.forks_inside;
+    own.forks_inside = false;
 }
 
 void after_fork_in_child() {
     take_figures();
-    process.tracking = process.tracking && mem_Tracker::CheckUseFlag() == mem_Tracker::e_useOn;
-    if (process.tracking) {
-        known.only_recorded = true;
-        known.recorded.clear();
-        begin_recording();
+    if (own.forks_inside) {
+        process.tracking = false;
+    } else {
+        process.tracking = process.tracking && mem_Tracker::CheckUseFlag() == mem_Tracker::e_useOn;
+        if (process.tracking) {
+            known.only_recorded = true;
+            known.recorded.clear();
+            begin_recording();
+        }
+        known.unrecorded.clear();
     }
-    known.unrecorded.clear();
-    own.inside = false;
+    own.inside = own.forks_inside;
+    own.forks_inside = false;
 }
 
 // ---- End
@@ -120,7 +134,7 @@ void before_replacement() {
     const bool was_inside = own.inside;
     own.inside = true;
     const int saved_errno = errno;
-    save_recording(true);
+    save_recording(!was_inside);
     note_end(replaced);
     errno = saved_errno;
     own.inside = was_inside;
@@ -168,6 +182,7 @@ __attribute__((constructor)) void start() {
         process.figures->events.fetch_or(other_malloc);
     }
     watch_signals();
+    host::set_fork_question(forks_inside);
     pthread_atfork(before_fork, after_fork_in_parent, after_fork_in_child);
     __cxa_atexit(at_the_end, nullptr, nullptr);
     at_quick_exit([] { at_the_end(nullptr); });
@@ -177,9 +192,12 @@ __attribute__((constructor)) void start() {
 }
 
 [[noreturn]] void end_now(int status) {
-    own.inside = true;
-    save_recording(true);
-    note_end(Event{});
+    if (getpid() == process.pid) { // the child of a vfork would leave its parent inside
+        const bool interrupted = own.inside;
+        own.inside = true;
+        save_recording(!interrupted); // a handler's own thread may be in the tracker
+        note_end(Event{});
+    }
     for (;;) {
         syscall(SYS_exit_group, status);
     }

@@ -52,6 +52,7 @@ KXMRUN_HIDDEN extern constinit Process process;
 
 struct Thread {
     bool inside;
+    bool forks_inside; ///< it forks from a signal handler that has interrupted it inside
     void* handed; ///< what the guarded back end's request to the C runtime is to get (guarded.h)
 };
 KXMRUN_HIDDEN extern constinit thread_local Thread own __attribute__((tls_model("initial-exec")));

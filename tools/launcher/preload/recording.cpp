@@ -6,10 +6,12 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <dlfcn.h>
 #include <new>
 #include <sys/resource.h>
 #include <unistd.h>
 
+#include "KX0CORE.h"
 #include "kxm_utf8_names.h"
 #include "mem_Tracker.h"
 #include "process.h"
@@ -147,3 +149,22 @@ void note_end(Event how) {
 }
 
 } // namespace kxmrun
+
+using namespace kxmrun;
+
+// The recorder's fatal error, when a file cannot be written, would end a program that has done nothing wrong: its
+// recording stops instead. All others are as they were.
+KXMRUN_ENTRY void KXTFatalError(const char* text, const char* first, const char* second,
+                                const char* third, const char* source, int line) {
+    if (own.inside && std::strcmp(source, "mem_Tracker") == 0) {
+        process.tracking = false;
+        process.figures->events.fetch_or(not_saved);
+        return;
+    }
+    const auto real =
+        reinterpret_cast<decltype(&::KXTFatalError)>(dlsym(RTLD_NEXT, "KXTFatalError"));
+    if (real == nullptr) {
+        std::abort();
+    }
+    real(text, first, second, third, source, line);
+}

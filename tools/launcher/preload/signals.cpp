@@ -5,6 +5,7 @@
 #include <csignal>
 #include <cstdlib>
 #include <dlfcn.h>
+#include <unistd.h>
 
 #include "process.h"
 
@@ -17,6 +18,7 @@ constexpr int fatal_signals[] = {SIGSEGV, SIGBUS, SIGFPE,  SIGILL,  SIGABRT, SIG
 using Signal = sighandler_t (*)(int, sighandler_t);
 using Sigaction = int (*)(int, const struct sigaction*, struct sigaction*);
 Sigaction real_sigaction = nullptr;
+bool watching = false; // also where the recording has stopped meanwhile
 
 bool is_fatal(int signal) {
     for (const int known : fatal_signals) {
@@ -27,14 +29,22 @@ bool is_fatal(int signal) {
     return false;
 }
 
+bool is_fault(int signal) {
+    return signal == SIGSEGV || signal == SIGBUS || signal == SIGFPE || signal == SIGILL;
+}
+
 void save_and_die(int signal, siginfo_t* what, void*) {
     struct sigaction standard {};
     standard.sa_handler = SIG_DFL;
     real_sigaction(signal, &standard, nullptr);
-    own.inside = true;
-    save_recording(false);
-    note_end(Event{});
-    if (what->si_code <= 0) { // sent; a fault comes again by itself
+    if (getpid() == process.pid) { // what the child of a vfork writes is its parent's
+        own.inside = true;
+        save_recording(false);
+        note_end(Event{});
+    }
+    // A fault comes again by itself, with what it has to tell. What was sent does not, whether by a process or
+    // by the system: keys at a terminal, timers, limits.
+    if (what->si_code <= 0 || !is_fault(signal)) {
         raise(signal);
     }
 }
@@ -57,6 +67,7 @@ void watch_signals() {
     if (real_sigaction == nullptr || !process.tracking) {
         return;
     }
+    watching = true;
     for (const int signal : fatal_signals) {
         struct sigaction now {};
         if (real_sigaction(signal, nullptr, &now) == 0 && now.sa_handler == SIG_DFL) {
@@ -76,8 +87,7 @@ KXMRUN_ENTRY int sigaction(int signal, const struct sigaction* action,
         real_sigaction = reinterpret_cast<Sigaction>(dlsym(RTLD_NEXT, "sigaction"));
     }
     const struct sigaction replacement = ours();
-    if (process.tracking && action != nullptr && action->sa_handler == SIG_DFL &&
-        is_fatal(signal)) {
+    if (watching && action != nullptr && action->sa_handler == SIG_DFL && is_fatal(signal)) {
         action = &replacement;
     }
     const int result = real_sigaction(signal, action, before);
@@ -90,7 +100,7 @@ KXMRUN_ENTRY int sigaction(int signal, const struct sigaction* action,
 
 // While recorded, as the system's: the handler stays, and calls that it interrupts go on.
 KXMRUN_ENTRY sighandler_t signal(int signal, sighandler_t handler) noexcept {
-    if (!process.tracking) {
+    if (!watching) {
         static Signal real = nullptr;
         if (real == nullptr) {
             real = reinterpret_cast<Signal>(dlsym(RTLD_NEXT, "signal"));

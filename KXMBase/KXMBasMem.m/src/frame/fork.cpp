@@ -2,6 +2,9 @@
 // tiny pool, heap, the table of mappings. Then no other thread is in the midst of anything that they
 // guard, and its copy in the child is whole. The parent gives them back; the child makes them anew, since
 // a lock may count waiters that the child does not have.
+//
+// A signal handler may fork whose own thread it has interrupted with one of them in its hands: it waits for
+// none, and the child's tracker alone begins anew.
 #include "frame/fork.h"
 
 #include "KXMBasPhaseTracker.h"
@@ -14,9 +17,17 @@ namespace forking {
 namespace {
 
 bool by_first_thread = false;
+bool (*interrupted)() = nullptr;
+
+bool may_hold_some() {
+    return interrupted != nullptr && interrupted();
+}
 
 void before() {
     by_first_thread = KXMBasPhaseTracker::IsFirstThread();
+    if (may_hold_some()) {
+        return;
+    }
     tracker_seam::lock_for_fork();
     tiny_seam::lock_for_fork();
     heap::lock_for_fork();
@@ -24,6 +35,9 @@ void before() {
 }
 
 void in_parent() {
+    if (may_hold_some()) {
+        return;
+    }
     os::unlock_in_parent();
     heap::unlock_in_parent();
     tiny_seam::unlock_in_parent();
@@ -31,9 +45,11 @@ void in_parent() {
 }
 
 void in_child() {
-    os::renew_in_child();
-    heap::renew_in_child();
-    tiny_seam::renew_in_child();
+    if (!may_hold_some()) {
+        os::renew_in_child();
+        heap::renew_in_child();
+        tiny_seam::renew_in_child();
+    }
     tracker_seam::renew_in_child();
     if (by_first_thread) {
         KXMBasPhaseTracker::BecomeFirstThread();
@@ -48,6 +64,10 @@ void watch() {
         watching = true;
         os::at_fork(before, in_parent, in_child);
     }
+}
+
+void ask_whether_interrupted(bool (*asked)()) {
+    interrupted = asked;
 }
 
 } // namespace forking

@@ -3,6 +3,7 @@
 
 #include <cstdlib>
 
+#include "frame/fork.h"
 #include "frame/seam_tiny_pool.h"
 #include "heap/dlmalloc.h"
 #include "heap/malloc_grow.h"
@@ -29,6 +30,10 @@ void set_runtime(const Runtime& runtime) {
     replace(mem_calloc, before.calloc, runtime.calloc);
     replace(mem_realloc, before.realloc, runtime.realloc);
     replace(mem_free, before.free, runtime.free);
+}
+
+void set_fork_question(bool (*interrupted)()) {
+    forking::ask_whether_interrupted(interrupted);
 }
 
 const os::GranuleMap* heap_granules() {

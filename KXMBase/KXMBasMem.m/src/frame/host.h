@@ -29,6 +29,10 @@ struct Runtime {
 /// functions included. Blocks of before go to the new functions. pre: no other thread allocates.
 KXMBASMEM_API void set_runtime(const Runtime& runtime);
 
+/// What is asked around each fork: whether a signal handler makes it that has interrupted its thread in this
+/// library. Such a fork does not wait for locks which that thread may hold.
+KXMBASMEM_API void set_fork_question(bool (*interrupted)());
+
 /// Of what the heap holds of the address space. Makes the heap's first segment, so that a limit set later
 /// meets a heap that stands; null when that cannot be had. pre: the heap is the bound back end.
 KXMBASMEM_API const os::GranuleMap* heap_granules();

@@ -517,13 +517,12 @@ void mem_Tracker::LockForFork() {
 }
 
 void mem_Tracker::UnlockAfterFork(bool in_child) {
-    if (m_lockedForFork == nullptr) {
-        return;
-    }
-    if (in_child) {
-        m_lockedForFork->m_lock.RenewAfterFork();
-        m_lockedForFork->BeginAnewInChild();
-    } else {
+    if (in_child) { // whether locked or not
+        if (m_instance != nullptr && CheckUseFlag() == e_useOn) {
+            m_instance->m_lock.RenewAfterFork();
+            m_instance->BeginAnewInChild();
+        }
+    } else if (m_lockedForFork != nullptr) {
         m_lockedForFork->m_lock.Unlock();
     }
 }
