@@ -4,6 +4,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdlib>
 
 namespace test {
 
@@ -19,5 +20,18 @@ struct GroundSystem {
     static constexpr std::size_t apart = std::size_t{16} << 20; ///< below the block's end
     static void run(std::size_t block_bytes, std::size_t stack_bytes, void (*work)(char* block));
 };
+
+/// What the systems' threads are given.
+struct Work {
+    void (*work)(char*);
+    char* block;
+};
+
+/// The ground is there, or nothing can be told of what stands on it.
+inline void require(bool good) {
+    if (!good) {
+        std::abort();
+    }
+}
 
 } // namespace test

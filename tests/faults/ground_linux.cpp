@@ -2,24 +2,12 @@
 #include "ground.h"
 
 #include <algorithm>
-#include <cstdlib>
 #include <pthread.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
 namespace test {
 namespace {
-
-struct Work {
-    void (*work)(char*);
-    char* block;
-};
-
-void require(bool good) {
-    if (!good) {
-        std::abort();
-    }
-}
 
 void map(char* place, std::size_t size, int file) {
     const int kind = file < 0 ? MAP_PRIVATE | MAP_ANONYMOUS : MAP_SHARED;

@@ -3,22 +3,10 @@
 #include "ground.h"
 
 #include <algorithm>
-#include <cstdlib>
 #include <windows.h>
 
 namespace test {
 namespace {
-
-struct Work {
-    void (*work)(char*);
-    char* block;
-};
-
-void require(bool good) {
-    if (!good) {
-        std::abort();
-    }
-}
 
 DWORD WINAPI start(void* argument) {
     const Work& given = *static_cast<Work*>(argument);
