@@ -18,7 +18,7 @@ cd "$(dirname "$0")"
 on_linux() {
     build "$1"
     echo "== test: $1"
-    ctest --preset "$1" --output-on-failure --no-tests=error
+    ctest --preset "$1" -j "$(nproc)" --output-on-failure --no-tests=error
 }
 
 on_windows() {
@@ -28,7 +28,7 @@ on_windows() {
     start_wine_server
     trap stop_wine_server EXIT
     trap 'exit 130' INT TERM
-    ctest --preset windows --output-on-failure --no-tests=error
+    ctest --preset windows -j "$(nproc)" --output-on-failure --no-tests=error
 }
 
 on_programs() {
