@@ -107,7 +107,8 @@ std::string loader_of(const File& file, const std::string& head, std::string& re
         if (header.e_phentsize >= sizeof part &&
             record_at(table, std::size_t{i} * header.e_phentsize, part) &&
             part.p_type == PT_INTERP && part.p_filesz < 4096) {
-            return file.read(part.p_filesz, part.p_offset).c_str();
+            const std::string name = file.read(part.p_filesz, part.p_offset);
+            return name.substr(0, name.find('\0'));
         }
     }
     reason = "is statically linked, so nothing can be preloaded into it";

@@ -66,7 +66,10 @@ const InputFiles* others = nullptr;
 
 const InputFiles& input_files() {
     static const SystemFiles files;
-    return others != nullptr ? *others : files;
+    if (others != nullptr) {
+        return *others;
+    }
+    return files;
 }
 
 void set_input_files(const InputFiles* files) {

@@ -185,6 +185,7 @@ __attribute__((constructor)) void start() {
     host::set_fork_question(forks_inside);
     pthread_atfork(before_fork, after_fork_in_parent, after_fork_in_child);
     __cxa_atexit(at_the_end, nullptr, nullptr);
+    // cppcheck-suppress ignoredReturnValue ; refused, it costs the end of a record at quick_exit alone
     at_quick_exit([] { at_the_end(nullptr); });
     process.backend = backend;
     process.plain_heap = backend == Backend::heap && !process.tiny && !process.tracking;
