@@ -52,22 +52,25 @@ class Ground:
         for file in self.folder.iterdir():
             file.unlink()
         count = self.folder / "count"
-        environment = self.environment | variables
         if failure:
-            kind, _, later = failure.partition("+")
-            environment |= {"LD_PRELOAD": str(self.tests / "libkxm_inject.so"),
-                            "KXM_INJECT": f"{kind}:{number}{'+' if failure.endswith('+') else ''}",
-                            "KXM_INJECT_COUNT": str(count)}
+            kind, _, _ = failure.partition("+")
+            variables = variables | {"LD_PRELOAD": str(self.tests / "libkxm_inject.so"),
+                                     "KXM_INJECT": f"{kind}:{number}{'+' if failure.endswith('+') else ''}",
+                                     "KXM_INJECT_COUNT": str(count)}
+        ended = self.start(command, variables)
+        ended.calls = int(count.read_text()) if count.exists() else None
+        return ended
+
+    def start(self, command, variables, before=None):
+        """The ended process, with `repeat`: its command as one types it. Without a status where it hung."""
         self.runs += 1
+        command = [str(word) for word in command]
         try:
-            ended = subprocess.run(command, env=environment, capture_output=True, text=True, errors="replace",
-                                   timeout=JOB_SECONDS, cwd=self.folder)
+            ended = subprocess.run(command, env=self.environment | variables, capture_output=True, text=True,
+                                   errors="replace", timeout=JOB_SECONDS, preexec_fn=before, cwd=self.folder)
         except subprocess.TimeoutExpired as hung:
             ended = subprocess.CompletedProcess(command, None, str(hung.stdout), str(hung.stderr))
-        ended.calls = int(count.read_text()) if count.exists() else None
-        ended.repeat = " ".join([f"{name}={value}" for name, value in environment.items()
-                                 if name == "LD_PRELOAD" or name.startswith(LIBRARY_VARIABLES)] +
-                                [str(word) for word in command])
+        ended.repeat = " ".join([f"{name}={value}" for name, value in variables.items()] + command)
         return ended
 
     def blame(self, ended, what):
@@ -76,8 +79,15 @@ class Ground:
         print("\n".join("    " + line for line in ended.stderr.splitlines()[:15]))
 
 
+def told(what, ends):
+    """Says how often `what` ended with which status."""
+    print(f"{what}: ended with " +
+          ", ".join(f"{status}: {count}" for status, count in sorted(ends.items(), key=str)), flush=True)
+
+
 def spread(count, most):
     """At most `most` of the numbers 1 to count + 1, thinner upward; the first and the last always."""
+    most = max(most, 2)
     if count + 1 <= most:
         return list(range(1, count + 2))
     return sorted({round((count + 1) ** (i / (most - 1))) for i in range(most)})
@@ -131,7 +141,7 @@ def try_job(ground, back_end, recorded, most):
         ground.blame(plain, f"{name}: the plain run")
         return
     right = deflection(ground)
-    total, ends = 0, {}
+    ends = {}
     for failure in FAILURES:
         # The job starts itself anew with the variable of its back end; this is what its loading takes then.
         loading = {"KXQ_DLALLOCATOR": "1"} if back_end[0] == "heap" else {}
@@ -145,9 +155,7 @@ def try_job(ground, back_end, recorded, most):
             if number == calls + 1 and ended.returncode != 0:
                 ground.blame(ended, f"{name}: failed where nothing was refused")
             ends[ended.returncode] = ends.get(ended.returncode, 0) + 1
-            total += 1
-    print(f"job on {name}: {total} runs, ended with " +
-          ", ".join(f"{status}: {count}" for status, count in sorted(ends.items(), key=str)), flush=True)
+    told(f"job on {name}", ends)
 
 
 def try_stress(ground, most):

@@ -10,11 +10,10 @@ told with the command that repeats it.
 
 import pathlib
 import resource
-import subprocess
 import sys
 import tempfile
 
-from fault_injection import BACK_ENDS, JOB_SECONDS, Ground
+from fault_injection import BACK_ENDS, Ground, told
 
 MIB = 1 << 20
 
@@ -33,22 +32,14 @@ class Restricted:
                          *back_end, *more], **options)
 
     def run(self, command, variables=None, before=None, also_right=lambda ended: False):
-        environment = self.ground.environment | (variables or {})
-        command = [str(word) for word in command]
-        try:
-            ended = subprocess.run(command, env=environment, capture_output=True, text=True, errors="replace",
-                                   timeout=JOB_SECONDS, preexec_fn=before, cwd=self.ground.folder)
-        except subprocess.TimeoutExpired as hung:
-            ended = subprocess.CompletedProcess(command, None, "", str(hung.stderr))
-        ended.repeat = " ".join(f"{name}={value}" for name, value in (variables or {}).items()) + " " + " ".join(command)
+        ended = self.ground.start(command, variables or {}, before)
         orderly = ended.returncode == 0 or (ended.returncode == 4 and "out of memory" in ended.stderr)
         if not orderly and not also_right(ended):
             self.ground.blame(ended, "restricted")
         self.ends[ended.returncode] = self.ends.get(ended.returncode, 0) + 1
 
     def told(self, what):
-        print(f"{what}: ended with " + ", ".join(f"{status}: {count}" for status, count in
-                                                 sorted(self.ends.items(), key=str)), flush=True)
+        told(what, self.ends)
         self.ends = {}
 
 

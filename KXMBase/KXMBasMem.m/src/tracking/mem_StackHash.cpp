@@ -141,8 +141,8 @@ void mem_StackHash::WriteToDisk(const char* baseName) {
     }
     os::file_seek(file, file_header_bytes);
     std::int32_t count = 0;
-    static char
-        path[path_bytes]; // a thread's whole stack may be smaller; trackers end one at a time
+    // Static, since a thread's whole stack may be smaller; trackers end one at a time.
+    static char path[path_bytes];
     for (const mem_StackHashEntry& slot : m_table) {
         if (!IsLive(slot)) {
             continue;
