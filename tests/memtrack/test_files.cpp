@@ -100,12 +100,13 @@ TEST_F(Damaged, IsToldAndReadAsFarAsItGoes) {
          10, ".memT0, byte 0: files from this one to .memT1 are missing"},
         {"leftovers of an earlier, longer run", [&] { transactions(1, 7, 7, full); }, full + 7,
          ".memT2, byte 0: not read, nor are others behind it (1 in all)"},
-        {"no file",
+        {"no events, of a run that had some",
          [&] {
              for (int i : {0, 1, 2}) {
                  std::filesystem::remove(memT(i));
              }
              std::filesystem::remove(base_ + ".phaseStack");
+             write_bytes(base_ + ".phase_thr3_1", "");
          },
          0, ".memT0, byte 0: there is no such file"},
         {"a missing table of phases", [&] { std::filesystem::remove(base_ + ".phaseStack"); },

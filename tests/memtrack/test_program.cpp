@@ -223,6 +223,10 @@ TEST_F(Program, KnowsItsUsage) {
         EXPECT_FALSE(run.err.empty());
         EXPECT_EQ(run.out, "");
     }
+    const test::ChildResult absent = call({"report", base_ + ".none", base_ + ".nothing"});
+    EXPECT_EQ(absent.exit_code, 1);
+    EXPECT_EQ(absent.out, ""); // no page of zeros
+    EXPECT_NE(absent.err.find("there is no recording " + base_ + ".none"), std::string::npos);
     const test::ChildResult help = call({"--help"});
     EXPECT_EQ(help.exit_code, 0);
     for (const char* command : {"report", "leaks", "peak", "phases", "events", "block", "diff"}) {

@@ -1,6 +1,8 @@
 // See command.h.
 #include "command.h"
 
+#include "input_files.h"
+
 #include <algorithm>
 #include <atomic>
 #include <cstdio>
@@ -8,6 +10,17 @@
 #include <thread>
 
 namespace memtrack {
+
+namespace {
+
+bool is_there(const std::string& base) {
+    const std::vector<std::string> endings = input_files().endings(base);
+    return std::any_of(endings.begin(), endings.end(), [](const std::string& ending) {
+        return ending.starts_with(".memT") || ending.starts_with(".phase");
+    });
+}
+
+} // namespace
 
 void CommonOptions::add_bases(CLI::App& command, int at_least, int at_most) {
     // Several files of one run, as a shell's pattern gives them, are that run, once. A base is taken as often
@@ -18,6 +31,11 @@ void CommonOptions::add_bases(CLI::App& command, int at_least, int at_most) {
             if (base == name || std::find(bases.begin(), bases.end(), base) == bases.end()) {
                 bases.push_back(std::move(base));
             }
+        }
+        // A rank that is missing is told beside the others' figures; a page of zeros would say nothing.
+        if (std::none_of(bases.begin(), bases.end(), is_there)) {
+            throw std::runtime_error("there is no recording " + bases[0] + " (no " + bases[0] +
+                                     ".memT0 and no " + bases[0] + ".phaseStack)");
         }
     };
     command

@@ -3,6 +3,7 @@
 
 #include <cstdio>
 #include <exception>
+#include <iostream>
 
 int main(int argc, char** argv) {
     using namespace memtrack;
@@ -20,12 +21,14 @@ int main(int argc, char** argv) {
     }
     try {
         app.parse(argc, argv);
+        return run();
     } catch (const CLI::ParseError& error) {
         const int status = app.exit(error); // prints help, version or what is wrong
+        if (!std::cout.flush()) {
+            std::fputs("memtrack: standard output cannot be written to its end\n", stderr);
+            return damaged;
+        }
         return status == 0 ? done : wrong_usage;
-    }
-    try {
-        return run();
     } catch (const UsageError& error) {
         std::fprintf(stderr, "memtrack: %s\n", error.what());
         return wrong_usage;
