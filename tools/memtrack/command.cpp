@@ -3,6 +3,8 @@
 
 #include "input_files.h"
 
+#include <CLI/CLI.hpp>
+
 #include <algorithm>
 #include <atomic>
 #include <cstdio>
@@ -22,7 +24,87 @@ bool is_there(const std::string& base) {
 
 } // namespace
 
-void CommonOptions::add_bases(CLI::App& command, int at_least, int at_most) {
+const Option& Option::required() const {
+    option_->required();
+    return *this;
+}
+
+const Option& Option::shows_default() const {
+    option_->capture_default_str();
+    return *this;
+}
+
+const Option& Option::one_of(const std::vector<std::string>& words) const {
+    option_->check(CLI::IsMember(words));
+    return *this;
+}
+
+const Option& Option::between(unsigned low, unsigned high) const {
+    option_->check(CLI::Range(low, high));
+    return *this;
+}
+
+const Option& Option::repeated() const {
+    option_->take_all()->expected(1);
+    return *this;
+}
+
+const Option& Option::takes(int at_least, int at_most) const {
+    option_->expected(at_least, at_most == 0 ? CLI::detail::expected_max_vector_size : at_most);
+    return *this;
+}
+
+const Option& Option::separated_by(char character) const {
+    option_->delimiter(character);
+    return *this;
+}
+
+const Option& Option::of(const char* type) const {
+    option_->type_name(type);
+    return *this;
+}
+
+Command::Command(CLI::App& parent, const char* name, const char* help)
+    : app_(parent.add_subcommand(name, help)) {}
+
+Option Command::option(const char* names, std::string& to, const std::string& help) {
+    return Option(app_->add_option(names, to, help));
+}
+
+Option Command::option(const char* names, std::vector<std::string>& to, const std::string& help) {
+    return Option(app_->add_option(names, to, help));
+}
+
+Option Command::option(const char* names, std::vector<std::int32_t>& to, const std::string& help) {
+    return Option(app_->add_option(names, to, help));
+}
+
+Option Command::option(const char* names, std::size_t& to, const std::string& help) {
+    return Option(app_->add_option(names, to, help));
+}
+
+Option Command::option(const char* names, unsigned& to, const std::string& help) {
+    return Option(app_->add_option(names, to, help));
+}
+
+Option Command::option(const char* names, std::function<void(const std::vector<std::string>&)> take,
+                       const std::string& help) {
+    return Option(app_->add_option_function<std::vector<std::string>>(names, take, help));
+}
+
+void Command::flag(const char* names, bool& to, const char* help) {
+    app_->add_flag(names, to, help);
+}
+
+void Command::footer(const char* text) {
+    app_->footer(text);
+}
+
+void Command::runs(Run& run, Run work) {
+    app_->callback([&run, work = std::move(work)] { run = work; });
+}
+
+void CommonOptions::add_bases(Command& command, int at_least, int at_most) {
     // Several files of one run, as a shell's pattern gives them, are that run, once. A base is taken as often
     // as it is named: diff may compare a run with itself.
     const auto take = [this](const std::vector<std::string>& names) {
@@ -39,28 +121,27 @@ void CommonOptions::add_bases(CLI::App& command, int at_least, int at_most) {
         }
     };
     command
-        .add_option_function<std::vector<std::string>>(
-            "BASE", take, "Output name of a run, or one of its files; several: ranks of a job")
-        ->required()
-        ->expected(at_least, at_most == 0 ? CLI::detail::expected_max_vector_size : at_most);
+        .option("BASE", take, "Output name of a run, or one of its files; several: ranks of a job")
+        .required()
+        .takes(at_least, at_most);
 }
 
-void CommonOptions::add_output(CLI::App& command) {
-    command.add_option("-o,--output", output, "Write into this file, not to standard output");
-    command.add_flag("-f,--force", force, "Write over an existing file");
-    command.add_flag("-q,--quiet", quiet, "No progress bar, no word of the file written");
+void CommonOptions::add_output(Command& command) {
+    command.option("-o,--output", output, "Write into this file, not to standard output");
+    command.flag("-f,--force", force, "Write over an existing file");
+    command.flag("-q,--quiet", quiet, "No progress bar, no word of the file written");
 }
 
-void CommonOptions::add_json(CLI::App& command) {
-    command.add_flag("--json", json, "Write JSON");
+void CommonOptions::add_json(Command& command) {
+    command.flag("--json", json, "Write JSON");
 }
 
-void CommonOptions::add_rows(CLI::App& command, std::size_t standard) {
+void CommonOptions::add_rows(Command& command, std::size_t standard) {
     rows = standard;
-    command.add_option("-n,--rows", rows, "Rows of each list; 0: all")->capture_default_str();
+    command.option("-n,--rows", rows, "Rows of each list; 0: all").shows_default();
 }
 
-void CommonOptions::add_all(CLI::App& command) {
+void CommonOptions::add_all(Command& command) {
     add_bases(command);
     add_rows(command);
     add_json(command);

@@ -2,7 +2,7 @@
 //
 // A command's file defines
 //     void add_report(CLI::App& parent, Run& run);
-// which adds a subcommand with its options to `parent`, and sets `run` in its callback to what is to be done.
+// which adds a Command with its options to `parent`, and sets `run` to what is to be done when it is chosen.
 // Options live in a std::shared_ptr that both hold.
 #pragma once
 
@@ -10,12 +10,16 @@
 #include "output.h"
 #include "progress.h"
 
-#include <CLI/CLI.hpp>
-
+#include <cstdint>
 #include <functional>
 #include <memory>
 #include <string>
 #include <vector>
+
+namespace CLI {
+class App;
+class Option;
+} // namespace CLI
 
 namespace memtrack {
 
@@ -26,6 +30,47 @@ using AddCommand = void (*)(CLI::App& parent, Run& run);
 /// All commands, in the order of the help.
 const std::vector<AddCommand>& commands();
 
+/// An option or argument that was added to a command.
+class Option {
+public:
+    explicit Option(CLI::Option* option) : option_(option) {}
+    const Option& required() const;
+    const Option& shows_default() const;
+    const Option& one_of(const std::vector<std::string>& words) const;
+    const Option& between(unsigned low, unsigned high) const;
+    const Option& repeated() const; ///< a value each time that it is given
+    const Option& takes(int at_least,
+                        int at_most) const; ///< values at a time; at_most 0: any number
+    const Option& separated_by(char character) const;
+    const Option& of(const char* type) const; ///< what the help calls its value
+
+private:
+    CLI::Option* option_;
+};
+
+/// A subcommand as it is told to the parser. Only command.cpp and main.cpp read the parser's header, which takes
+/// several times as long to compile as what a command does.
+class Command {
+public:
+    Command(CLI::App& parent, const char* name, const char* help);
+
+    /// `names` are like "-n,--rows", or a word for an argument. `to` is written while the command line is read and
+    /// must live until then.
+    Option option(const char* names, std::string& to, const std::string& help);
+    Option option(const char* names, std::vector<std::string>& to, const std::string& help);
+    Option option(const char* names, std::vector<std::int32_t>& to, const std::string& help);
+    Option option(const char* names, std::size_t& to, const std::string& help);
+    Option option(const char* names, unsigned& to, const std::string& help);
+    Option option(const char* names, std::function<void(const std::vector<std::string>&)> take,
+                  const std::string& help);
+    void flag(const char* names, bool& to, const char* help);
+    void footer(const char* text);
+    void runs(Run& run, Run work); ///< where the command is chosen, `run` becomes `work`
+
+private:
+    CLI::App* app_;
+};
+
 /// Options that commands share, and what is done with them.
 struct CommonOptions {
     std::vector<std::string> bases;
@@ -33,11 +78,11 @@ struct CommonOptions {
     bool force = false, json = false, quiet = false;
     std::size_t rows = 10;
 
-    void add_bases(CLI::App& command, int at_least = 1, int at_most = 0); ///< at_most 0: any number
-    void add_output(CLI::App& command);                                   ///< -o, -f, -q
-    void add_json(CLI::App& command);
-    void add_rows(CLI::App& command, std::size_t standard = 10); ///< -n
-    void add_all(CLI::App& command);                             ///< all of these
+    void add_bases(Command& command, int at_least = 1, int at_most = 0); ///< at_most 0: any number
+    void add_output(Command& command);                                   ///< -o, -f, -q
+    void add_json(Command& command);
+    void add_rows(Command& command, std::size_t standard = 10); ///< -n
+    void add_all(Command& command);                             ///< all of these
 };
 
 /// Tells problems on standard error; `damaged` if there are any, else `done`.

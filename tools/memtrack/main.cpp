@@ -1,6 +1,8 @@
 // memtrack: shows what a tracked run left in its files.
 #include "command.h"
 
+#include <CLI/CLI.hpp>
+
 #include <cstdio>
 #include <exception>
 #include <iostream>

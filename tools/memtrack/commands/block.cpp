@@ -88,18 +88,17 @@ int block(const BlockOptions& options) {
 } // namespace
 
 void add_block(CLI::App& parent, Run& run) {
-    CLI::App* const command = parent.add_subcommand(
-        "block", "The history of an address: the events of every block that it lay in");
+    Command command(parent, "block",
+                    "The history of an address: the events of every block that it lay in");
     const auto options = std::make_shared<BlockOptions>();
     command
-        ->add_option("ADDRESS", options->address,
-                     "Of a block or of something in it; 0x... or decimal")
-        ->required();
-    options->add_bases(*command, 1, 1);
-    options->add_rows(*command, 0);
-    options->add_json(*command);
-    options->add_output(*command);
-    command->callback([options, &run] { run = [options] { return block(*options); }; });
+        .option("ADDRESS", options->address, "Of a block or of something in it; 0x... or decimal")
+        .required();
+    options->add_bases(command, 1, 1);
+    options->add_rows(command, 0);
+    options->add_json(command);
+    options->add_output(command);
+    command.runs(run, [options] { return block(*options); });
 }
 
 } // namespace memtrack

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cinttypes>
+#include <iterator>
 #include <map>
 
 namespace memtrack {
@@ -154,7 +155,8 @@ int diff(DiffOptions options) {
     }
     const std::vector<Gate> gates(options.gates.begin(), options.gates.end());
     const std::size_t first_side = options.to.empty() ? 1 : options.bases.size();
-    options.bases.insert(options.bases.end(), options.to.begin(), options.to.end());
+    std::transform(options.to.begin(), options.to.end(), std::back_inserter(options.bases),
+                   base_name);
     Output output(options.output, options.force);
     Problems problems;
     const std::vector<Figures> runs = take_each(
@@ -194,29 +196,25 @@ int diff(DiffOptions options) {
 } // namespace
 
 void add_diff(CLI::App& parent, Run& run) {
-    CLI::App* const command =
-        parent.add_subcommand("diff", "What changed from the first run to the second, by phase");
+    Command command(parent, "diff", "What changed from the first run to the second, by phase");
     const auto options = std::make_shared<DiffOptions>();
-    options->add_bases(*command);
+    options->add_bases(command);
     command
-        ->add_option(
-            "--to", options->to,
-            "The ranks of the second job; all BASEs before are the first one's, and figures "
-            "are sums over ranks. Without it BASE is given twice: first run, second run")
-        ->expected(1, CLI::detail::expected_max_vector_size)
-        ->transform([](const std::string& name) { return base_name(name); });
+        .option("--to", options->to,
+                "The ranks of the second job; all BASEs before are the first one's, and figures "
+                "are sums over ranks. Without it BASE is given twice: first run, second run")
+        .takes(1, 0);
     command
-        ->add_option(
+        .option(
             "--fail-if", options->gates,
             "FIGURE, FIGURE+5% or FIGURE+10MiB: exit status 3 if the second run has more by more "
             "than that; may be repeated. Figures: " +
                 Gate::names())
-        ->take_all()
-        ->expected(1);
-    options->add_rows(*command);
-    options->add_json(*command);
-    options->add_output(*command);
-    command->callback([options, &run] { run = [options] { return diff(*options); }; });
+        .repeated();
+    options->add_rows(command);
+    options->add_json(command);
+    options->add_output(command);
+    command.runs(run, [options] { return diff(*options); });
 }
 
 } // namespace memtrack

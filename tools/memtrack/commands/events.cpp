@@ -115,29 +115,28 @@ int events(const EventsOptions& options) {
 } // namespace
 
 void add_events(CLI::App& parent, Run& run) {
-    CLI::App* const command =
-        parent.add_subcommand("events", "Events, a line each; a range is 5, 5..9, 5.. or ..9");
+    Command command(parent, "events", "Events, a line each; a range is 5, 5..9, 5.. or ..9");
     const auto options = std::make_shared<EventsOptions>();
-    options->add_bases(*command, 1, 1);
-    command->add_option("--id", options->ids, "Numbers of events, a range");
-    command->add_option("--thread", options->threads, "Of this thread; may be repeated");
-    command->add_option("--phase", options->phase, "Path of a phase: in it and below");
+    options->add_bases(command, 1, 1);
+    command.option("--id", options->ids, "Numbers of events, a range");
+    command.option("--thread", options->threads, "Of this thread; may be repeated");
+    command.option("--phase", options->phase, "Path of a phase: in it and below");
     std::vector<std::string> names;
     for (std::size_t i = 0; i < type_count; ++i) {
         names.emplace_back(type_name(static_cast<Type>(i)));
     }
     command
-        ->add_option("--type", options->types,
-                     "malloc, free, ...; may be repeated, or a list with commas")
-        ->delimiter(',')
-        ->check(CLI::IsMember(names));
-    command->add_option("--address", options->address, "Address of the block, a range");
-    command->add_option("--size", options->size,
-                        "Bytes asked for or released, a range; 64KiB is understood");
-    options->add_rows(*command, 0);
-    options->add_json(*command);
-    options->add_output(*command);
-    command->callback([options, &run] { run = [options] { return events(*options); }; });
+        .option("--type", options->types,
+                "malloc, free, ...; may be repeated, or a list with commas")
+        .separated_by(',')
+        .one_of(names);
+    command.option("--address", options->address, "Address of the block, a range");
+    command.option("--size", options->size,
+                   "Bytes asked for or released, a range; 64KiB is understood");
+    options->add_rows(command, 0);
+    options->add_json(command);
+    options->add_output(command);
+    command.runs(run, [options] { return events(*options); });
 }
 
 } // namespace memtrack

@@ -89,26 +89,25 @@ template <class Values> std::vector<std::string> names_of(const Values& values) 
 
 void add_export(CLI::App& parent, Run& run) {
     const auto options = std::make_shared<ExportOptions>();
-    CLI::App* const command =
-        parent.add_subcommand("export", "Write a file that others' viewers open");
-    options->add_bases(*command);
-    command->add_option("--format", options->format, "What the file is to be")
-        ->required()
-        ->check(CLI::IsMember(names_of(formats)));
-    command->add_option("--amount", options->amount, "What a collapsed file counts, in bytes")
-        ->check(CLI::IsMember(names_of(amounts)))
-        ->capture_default_str();
-    command->add_option("--table", options->table, "What a CSV file holds")
-        ->check(CLI::IsMember(names_of(tables)))
-        ->capture_default_str();
-    options->add_output(*command);
-    command->footer(
+    Command command(parent, "export", "Write a file that others' viewers open");
+    options->add_bases(command);
+    command.option("--format", options->format, "What the file is to be")
+        .required()
+        .one_of(names_of(formats));
+    command.option("--amount", options->amount, "What a collapsed file counts, in bytes")
+        .one_of(names_of(amounts))
+        .shows_default();
+    command.option("--table", options->table, "What a CSV file holds")
+        .one_of(names_of(tables))
+        .shows_default();
+    options->add_output(command);
+    command.footer(
         "massif: ms_print, massif-visualizer. dhat: Valgrind's dh_view.html. heaptrack: "
         "heaptrack_print,\n"
         "heaptrack_gui. pprof: go tool pprof. perfetto: ui.perfetto.dev, chrome://tracing. "
         "speedscope:\n"
         "speedscope.app. collapsed: flame graph tools. Time is counted in transactions.");
-    command->callback([options, &run] { run = [options] { return run_export(*options); }; });
+    command.runs(run, [options] { return run_export(*options); });
 }
 
 } // namespace memtrack

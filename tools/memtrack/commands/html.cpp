@@ -66,13 +66,13 @@ int html(const CommonOptions& options) {
 } // namespace
 
 void add_html(CLI::App& parent, Run& run) {
-    CLI::App* const command = parent.add_subcommand(
-        "html",
+    Command command(
+        parent, "html",
         "A page for a browser, whole in one file: the run over its events, phases, threads, ranks");
     const auto options = std::make_shared<CommonOptions>();
-    options->add_bases(*command);
-    options->add_output(*command);
-    command->callback([options, &run] { run = [options] { return html(*options); }; });
+    options->add_bases(command);
+    options->add_output(command);
+    command.runs(run, [options] { return html(*options); });
 }
 
 } // namespace memtrack

@@ -46,11 +46,10 @@ int leaks(const CommonOptions& options) {
 } // namespace
 
 void add_leaks(CLI::App& parent, Run& run) {
-    CLI::App* const command =
-        parent.add_subcommand("leaks", "What was not released, by phase and by block");
+    Command command(parent, "leaks", "What was not released, by phase and by block");
     const auto options = std::make_shared<CommonOptions>();
-    options->add_all(*command);
-    command->callback([options, &run] { run = [options] { return leaks(*options); }; });
+    options->add_all(command);
+    command.runs(run, [options] { return leaks(*options); });
 }
 
 } // namespace memtrack

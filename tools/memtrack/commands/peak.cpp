@@ -105,11 +105,11 @@ int peak(const CommonOptions& options) {
 } // namespace
 
 void add_peak(CLI::App& parent, Run& run) {
-    CLI::App* const command = parent.add_subcommand(
-        "peak", "What was held when most was held: by phase, thread, size and block");
+    Command command(parent, "peak",
+                    "What was held when most was held: by phase, thread, size and block");
     const auto options = std::make_shared<CommonOptions>();
-    options->add_all(*command);
-    command->callback([options, &run] { run = [options] { return peak(*options); }; });
+    options->add_all(command);
+    command.runs(run, [options] { return peak(*options); });
 }
 
 } // namespace memtrack

@@ -152,19 +152,18 @@ int phases(const CommonOptions& options) {
 } // namespace
 
 void add_phases(CLI::App& parent, Run& run) {
-    CLI::App* const command = parent.add_subcommand(
-        "phases", "The tree of phases: held at entry, peak within, allocated, left behind");
+    Command command(parent, "phases",
+                    "The tree of phases: held at entry, peak within, allocated, left behind");
     const auto options = std::make_shared<CommonOptions>();
-    options->add_bases(*command);
-    options->add_rows(*command, 0);
-    options->add_json(*command);
-    options->add_output(*command);
+    options->add_bases(command);
+    options->add_rows(command, 0);
+    options->add_json(command);
+    options->add_output(command);
     const auto events = std::make_shared<bool>(false);
-    command->add_flag("--events", *events,
-                      "Instead: entries and exits from a client's own phase buffers (.phase_thr)");
-    command->callback([options, events, &run] {
-        run = [options, events] { return *events ? show_events(*options) : phases(*options); };
-    });
+    command.flag("--events", *events,
+                 "Instead: entries and exits from a client's own phase buffers (.phase_thr)");
+    command.runs(run,
+                 [options, events] { return *events ? show_events(*options) : phases(*options); });
 }
 
 } // namespace memtrack

@@ -254,36 +254,33 @@ int run_replay(const ReplayOptions& options) {
 
 void add_replay(CLI::App& parent, Run& run) {
     const auto options = std::make_shared<ReplayOptions>();
-    CLI::App* const command = parent.add_subcommand(
-        "replay",
+    Command command(
+        parent, "replay",
         "Repeat a run with other back ends, options and allocators, and compare what each takes");
-    options->add_bases(*command);
+    options->add_bases(command);
     command
-        ->add_option(
-            "--on", options->back_ends,
-            "Back end: crt, guarded, aligned, or heap with options behind a colon:\n"
-            "heap:tiny,granularity=SIZE,trim=SIZE,map=SIZE,limit=SIZE, where SIZE is\n"
-            "64KiB, 64MiB, 2GiB or never. May be repeated; crt, heap, heap:tiny, aligned and\n"
-            "guarded if not given")
-        ->type_name("BACKEND")
-        ->expected(1)
-        ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
+        .option("--on", options->back_ends,
+                "Back end: crt, guarded, aligned, or heap with options behind a colon:\n"
+                "heap:tiny,granularity=SIZE,trim=SIZE,map=SIZE,limit=SIZE, where SIZE is\n"
+                "64KiB, 64MiB, 2GiB or never. May be repeated; crt, heap, heap:tiny, aligned and\n"
+                "guarded if not given")
+        .of("BACKEND")
+        .repeated();
     command
-        ->add_option("--with", options->libraries,
-                     "Another allocator besides, by the name of its shared library (Linux).\n"
-                     "May be repeated")
-        ->type_name("LIBRARY")
-        ->expected(1)
-        ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
-    command->add_option("-r,--repetitions", options->repetitions, "Replays with each")
-        ->capture_default_str()
-        ->check(CLI::Range(1, 1000));
-    command->add_flag("--no-touch", options->untouched,
-                      "Do not write to the blocks: resident bytes then tell little");
-    options->add_json(*command);
-    options->add_output(*command);
-    command->footer("The threads' events are replayed on one thread, in the order of their ids.");
-    command->callback([options, &run] { run = [options] { return run_replay(*options); }; });
+        .option("--with", options->libraries,
+                "Another allocator besides, by the name of its shared library (Linux).\n"
+                "May be repeated")
+        .of("LIBRARY")
+        .repeated();
+    command.option("-r,--repetitions", options->repetitions, "Replays with each")
+        .shows_default()
+        .between(1, 1000);
+    command.flag("--no-touch", options->untouched,
+                 "Do not write to the blocks: resident bytes then tell little");
+    options->add_json(command);
+    options->add_output(command);
+    command.footer("The threads' events are replayed on one thread, in the order of their ids.");
+    command.runs(run, [options] { return run_replay(*options); });
 }
 
 } // namespace memtrack

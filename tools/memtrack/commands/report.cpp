@@ -188,12 +188,12 @@ int report(const CommonOptions& options) {
 } // namespace
 
 void add_report(CLI::App& parent, Run& run) {
-    CLI::App* const command = parent.add_subcommand(
-        "report",
+    Command command(
+        parent, "report",
         "Events, the peak and what held it, what was not released, sizes, threads, ranks");
     const auto options = std::make_shared<CommonOptions>();
-    options->add_all(*command);
-    command->callback([options, &run] { run = [options] { return report(*options); }; });
+    options->add_all(command);
+    command.runs(run, [options] { return report(*options); });
 }
 
 } // namespace memtrack
