@@ -155,6 +155,7 @@ struct Ground {
     std::array<std::atomic<void*>, 256> exchange{};
     std::array<std::atomic<PoolWork*>, 3> parked{}; // pools that nobody works on
     std::atomic<bool> crowded{false};               // all want the same two sizes
+    std::atomic<int> noted{0};                      // refusals to an object
     KXMBasMemPool account{2000, "stress", nullptr};
 };
 
@@ -222,6 +223,12 @@ private:
         }
         place = nullptr;
     }
+    // Each is noted with a call stack, which takes long under Wine: some are enough.
+    void note_refusal() {
+        if (++ground_.noted == 60) {
+            KXMBasErrorStack::Deactivate();
+        }
+    }
     // By the entry, the pool that accounts or the object, all of which end there.
     void* any_malloc(std::size_t size) {
         switch (below(4)) {
@@ -231,6 +238,7 @@ private:
             try {
                 return mem_Allocator().Malloc("stress", size);
             } catch (const std::bad_alloc&) {
+                note_refusal();
                 return nullptr;
             }
         default:
@@ -318,6 +326,7 @@ private:
                 work->operate(random_);
             } catch (const std::bad_alloc&) {
                 expect(rules_.refuses || rules_.refused_anyhow, "a pool refused without a limit");
+                note_refusal();
                 ++refusals_;
             }
         }
@@ -483,9 +492,10 @@ int main(int argc, char** argv) {
         }
         ++totals.threads;
         // Only so many threads have phases, in the order of their first contact.
-        thread = std::thread([&, own_seed = random(), phases = turn + 2 < MEM_MAX_THREADS] {
-            Worker(rules, ground, totals, own_seed).run(1000 + own_seed % 20000, phases);
-        });
+        thread = std::thread(
+            [&, own_seed = random(), phases = turn + threads.size() + 2 < MEM_MAX_THREADS] {
+                Worker(rules, ground, totals, own_seed).run(1000 + own_seed % 20000, phases);
+            });
         mem_Tracker_Interface::EnterPhase("turn", 0);
         for (int i = 0; i < 40; ++i) {
             disturb(rules, random);
