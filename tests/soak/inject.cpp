@@ -6,6 +6,8 @@
 //                                write, short: half of it; a + behind N: and every later one
 //   KXM_INJECT_COUNT=FILE        is made with the number of calls of that kind, when the program exits by itself
 //   KXM_INJECT_MAPS=N            takes all the mappings that the system grants a process but about N
+//   KXM_INJECT_STORM=TIMER       signals that interrupt what they find, thousands a second: TIMER is timer, for the
+//                                process, or threads, for each of its threads in turn
 #include <cerrno>
 #include <cstdarg>
 #include <cstdint>
@@ -15,11 +17,15 @@
 
 #include <atomic>
 
+#include <csignal>
+#include <dirent.h>
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <link.h>
+#include <pthread.h>
 #include <sys/mman.h>
 #include <sys/syscall.h>
+#include <sys/time.h>
 #include <unistd.h>
 
 namespace {
@@ -105,6 +111,42 @@ __attribute__((constructor)) void take_mappings() {
         }
     }
     std::fclose(file);
+}
+
+void* storm_on_threads(void*) {
+    const auto self = static_cast<pid_t>(::syscall(SYS_gettid));
+    for (;;) {
+        DIR* const tasks = opendir("/proc/self/task");
+        while (const dirent* const task = tasks != nullptr ? readdir(tasks) : nullptr) {
+            const auto thread = static_cast<pid_t>(std::atoi(task->d_name));
+            if (thread > 0 && thread != self) {
+                ::syscall(SYS_tgkill, getpid(), thread, SIGALRM);
+            }
+        }
+        if (tasks != nullptr) {
+            closedir(tasks);
+        }
+        usleep(50);
+    }
+}
+
+// The handler does nothing; without SA_RESTART calls come back interrupted.
+__attribute__((constructor)) void begin_storm() {
+    const char* const kind = std::getenv("KXM_INJECT_STORM");
+    if (kind == nullptr) {
+        return;
+    }
+    struct sigaction action {};
+    action.sa_handler = [](int) {};
+    sigaction(SIGALRM, &action, nullptr);
+    if (std::strcmp(kind, "timer") == 0) {
+        const itimerval each{{0, 100}, {0, 100}};
+        setitimer(ITIMER_REAL, &each, nullptr);
+    } else {
+        pthread_t storm;
+        pthread_create(&storm, nullptr, storm_on_threads, nullptr);
+        pthread_detach(storm);
+    }
 }
 
 // Only a program that exits by itself gets here.
