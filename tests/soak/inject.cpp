@@ -9,15 +9,16 @@
 //   KXM_INJECT_STORM=TIMER       signals that interrupt what they find, thousands a second: TIMER is timer, for the
 //                                process, or threads, for each of its threads in turn
 #include <cerrno>
+#include <csignal>
 #include <cstdarg>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 
 #include <atomic>
 
-#include <csignal>
 #include <dirent.h>
 #include <dlfcn.h>
 #include <fcntl.h>
@@ -25,7 +26,6 @@
 #include <pthread.h>
 #include <sys/mman.h>
 #include <sys/syscall.h>
-#include <sys/time.h>
 #include <unistd.h>
 
 namespace {
@@ -120,7 +120,7 @@ void* storm_on_threads(void*) {
         while (const dirent* const task = tasks != nullptr ? readdir(tasks) : nullptr) {
             const auto thread = static_cast<pid_t>(std::atoi(task->d_name));
             if (thread > 0 && thread != self) {
-                ::syscall(SYS_tgkill, getpid(), thread, SIGALRM);
+                ::syscall(SYS_tgkill, getpid(), thread, SIGURG);
             }
         }
         if (tasks != nullptr) {
@@ -130,7 +130,8 @@ void* storm_on_threads(void*) {
     }
 }
 
-// The handler does nothing; without SA_RESTART calls come back interrupted.
+// The handler does nothing; without SA_RESTART calls come back interrupted. By default the signal is ignored, for
+// a program that starts another.
 __attribute__((constructor)) void begin_storm() {
     const char* const kind = std::getenv("KXM_INJECT_STORM");
     if (kind == nullptr) {
@@ -138,10 +139,15 @@ __attribute__((constructor)) void begin_storm() {
     }
     struct sigaction action {};
     action.sa_handler = [](int) {};
-    sigaction(SIGALRM, &action, nullptr);
+    sigaction(SIGURG, &action, nullptr);
     if (std::strcmp(kind, "timer") == 0) {
-        const itimerval each{{0, 100}, {0, 100}};
-        setitimer(ITIMER_REAL, &each, nullptr);
+        sigevent what{};
+        what.sigev_notify = SIGEV_SIGNAL;
+        what.sigev_signo = SIGURG;
+        timer_t timer{};
+        const itimerspec each{{0, 100000}, {0, 100000}};
+        timer_create(CLOCK_MONOTONIC, &what, &timer);
+        timer_settime(timer, 0, &each, nullptr);
     } else {
         pthread_t storm;
         pthread_create(&storm, nullptr, storm_on_threads, nullptr);
