@@ -466,7 +466,11 @@ int main(int argc, char** argv) {
         mem_TBAllocator(1);
         mem_TBThreadLock(true);
     }
-    KXMBasErrorStack::Activate(); // what is refused to an object is noted with a call stack
+#ifndef __SANITIZE_THREAD__
+    // What is refused to an object is noted with a call stack. The reader of debug information is not instrumented;
+    // the thread checker takes its memory for raced for, and locks itself out when it tells of that inside of it.
+    KXMBasErrorStack::Activate();
+#endif
 
     pthread_key_create(&last_block, mem_Free);
     static Ground ground;
