@@ -194,6 +194,14 @@ def try_storm(ground, most):
                      else "no way to end")
             if wrong:
                 ground.blame(ended, f"signals, {' '.join(back_end)}{', recorded' if recorded else ''}: {wrong}")
+    # Calls on pipes are the ones that do come back interrupted.
+    job = f"'{ground.bin}/elasticity' /dev/stdin --quiet --no-check --output /dev/stdout"
+    plain = ground.run(["sh", "-c", f"{job} < '{ground.mesh}'"], {})
+    signals = f"env LD_PRELOAD={storm['LD_PRELOAD']} KXM_INJECT_STORM=timer"
+    ended = ground.run(["sh", "-c", f"(sleep 0.2; cat '{ground.mesh}') | {signals} {job} | (sleep 0.5; cat)"], {})
+    ends[ended.returncode] = ends.get(ended.returncode, 0) + 1
+    if plain.returncode != 0 or ended.stdout != plain.stdout:
+        ground.blame(ended, "signals, pipes: another result")
     told("job under a storm of signals", ends)
     ends = {}
     tracked = {"KXQ_DLALLOCATOR": "1", "KXA_MEM_TRACK": "1", "KXA_MEM_OUTPUTDIR": str(ground.folder)}
