@@ -5,9 +5,10 @@
 #   ./test.sh linux      on Linux alone
 #   ./test.sh windows    on Windows alone
 #   ./test.sh check      on both, and further: clang, ASan+UBSan, TSan, cppcheck, the formatting of the sources
-#   ./test.sh soak [N]   what takes longer, about N minutes (60): threads under stress on every back end, plainly,
-#                        under TSan and under Wine; the fuzzers; every n-th system call failing; systems that
-#                        give little; clang-tidy
+#   ./test.sh soak [N]   what takes longer: N minutes (60), half of them threads under stress on every back end,
+#                        plainly, under TSan and under Wine, half of them the fuzzers. Before that, as long as it
+#                        takes, every n-th system call failing, systems that give little and disks that fill up;
+#                        behind it clang-tidy. Each part tells how long it took.
 #   ./test.sh programs   programs that nobody here wrote under kxmrun (Linux; some minutes)
 #
 # Missing Debian packages are installed (as root or through sudo), or named.
@@ -63,7 +64,7 @@ analyse_further() {
 
 # stress SECONDS PROGRAM...: on every back end, for that long in all.
 stress() {
-    seconds=$(($1 / 6 + 1))
+    seconds=$((($1 + 5) / 6))
     shift
     scratch=$(mktemp -d)
     for variables in KXQ_CRTMALLOC=1 KXA_DEADBEEF=1 KXQ_USE_ALIGNED_MEMORY=1 KXQ_DLALLOCATOR=1 \
@@ -72,44 +73,62 @@ stress() {
         left=$seconds
         while [ "$left" -gt 0 ]; do # in slices, with another seed and another number of threads each
             slice=$((left < 30 ? left : 30))
+            echo "$variables $slice $((left % 13 + 2)) $left"
             # shellcheck disable=SC2086  # words are meant to split
             env $variables "$@" "$slice" $((left % 13 + 2)) "$left"
             left=$((left - slice))
+            rm -f "$scratch"/*
         done
     done
     rm -r "$scratch"
 }
 
+part() {
+    now=$(date +%s)
+    [ -z "${part_began:-}" ] || echo "== took $((now - part_began)) s"
+    part_began=$now
+    [ $# -eq 0 ] || echo "== $1"
+}
+
 soak() {
     minutes=$1
+    part "builds"
+    need_windows_packages
     build linux
+    build linux-tsan stress
+    build windows stress
+    build linux-fuzz
     programs=build/linux/bin
     tests=build/linux/tests/bin
     mesh=examples/meshes/cantilever-22.msh
-    echo "== every n-th system call fails"
+    part "every n-th system call fails"
     python3 -B tests/soak/fault_injection.py "$programs" "$tests" "$mesh"
-    echo "== systems that give little"
+    part "systems that give little"
     python3 -B tests/soak/restricted.py "$programs" "$tests" "$mesh"
-    echo "== threads under stress"
+    part "disks that fill up"
+    python3 -B tests/soak/full_disk.py "$programs" "$tests" "$mesh" --most 100
+    part "threads under stress"
     stress $((minutes * 10)) "$tests/stress"
-    build linux-tsan stress
+    part "threads under stress, TSan"
     TSAN_OPTIONS="allocator_may_return_null=1 suppressions=$PWD/tests/support/tsan.supp halt_on_error=1" \
         stress $((minutes * 10)) build/linux-tsan/tests/bin/stress
-    need_windows_packages
-    build windows stress
+    part "threads under stress, Wine"
     start_wine_server
     trap stop_wine_server EXIT
     trap 'exit 130' INT TERM
-    WINEPATH=build/windows/bin stress $((minutes * 10)) cmake/run-wine.sh build/windows/tests/bin/stress.exe
-    echo "== fuzzers"
-    build linux-fuzz
+    WINEPATH="$PWD/build/windows/bin" stress $((minutes * 10)) cmake/run-wine.sh build/windows/tests/bin/stress.exe
+    part "fuzzers"
     for target in heap tiny cache recorder memtrack; do
         findings=build/linux-fuzz/findings-$target
         mkdir -p "$findings"
+        corpus=tests/fuzz/corpus/$target
+        [ -d "$corpus" ] || corpus=
         TMPDIR=/dev/shm build/linux-fuzz/tests/bin/fuzz_$target -max_len=4000 -verbosity=0 -print_final_stats=1 \
-            -max_total_time=$((minutes * 6)) -artifact_prefix="$findings/" "$findings"
+            -max_total_time=$((minutes * 6)) -artifact_prefix="$findings/" "$findings" $corpus
     done
+    part "clang-tidy"
     analyse_further
+    part
 }
 
 what=${1:-both}

@@ -45,8 +45,16 @@ void OutputFile::write(std::initializer_list<std::string_view> parts) {
 }
 
 void OutputFile::flush() {
-    if (std::fwrite(buffer_.data(), 1, buffer_.size(), stream_) != buffer_.size())
-        fail(std::strerror(errno));
+    for (std::size_t written = 0; written < buffer_.size();) {
+        const std::size_t rest = buffer_.size() - written;
+        const std::size_t step = std::fwrite(buffer_.data() + written, 1, rest, stream_);
+        written += step;
+        if (step < rest) {
+            if (errno != EINTR) // a signal that somebody handles
+                fail(std::strerror(errno));
+            std::clearerr(stream_);
+        }
+    }
     buffer_.clear();
 }
 

@@ -44,10 +44,13 @@ Vector<char> read_whole_file(const String& file) {
         const std::size_t got =
             std::fread(text.data() + length, 1, text.size() - length, stream.get());
         length += got;
-        if (std::ferror(stream.get()))
-            throw InputError(file, 0, {"cannot be read: ", std::strerror(errno)});
-        if (got == 0)
+        if (std::ferror(stream.get())) {
+            if (errno != EINTR) // a signal that somebody handles: what was read counts
+                throw InputError(file, 0, {"cannot be read: ", std::strerror(errno)});
+            std::clearerr(stream.get());
+        } else if (got == 0) {
             break;
+        }
         if (length == text.size())
             text.resize(text.size() * 2);
     }

@@ -16,6 +16,7 @@
 namespace {
 
 using List = std::deque<int>;
+using test::ID;
 
 bool heads(const List& list, int index) {
     return !list.empty() && list.front() == index;
@@ -72,6 +73,7 @@ public:
         return moved;
     }
 
+    int largest_free(int index) { return at(index).LargestFree(); }
     bool current_is_released() { return current_ != 0 && at(current_).IsFree(); }
 
 private:
@@ -209,6 +211,46 @@ TEST(CacheChoices, AreTheModels) {
         }
         EXPECT_EQ(recorded_fatal_errors(), reports);
         EXPECT_EQ(own.census().fault, nullptr);
+    }
+}
+
+// Requests within 18 words of every border of the lists by size, of a slot and of the largest request, beside a
+// cluster whose largest free chunk is as near to it.
+TEST(CacheChoices, AreTheModelsAroundEveryEdge) {
+    constexpr int around = 18, largest_request = 4096;
+    for (const int edge : {33, 97, 161, 289, 545, 1024, 1057, 2081, 3072, 4096, 4129}) {
+        for (int free = edge - around; free <= edge + around; free += 2) {
+            test::OwnPool own;
+            PoolModel model;
+            const auto alloc = [&](int words) {
+                const auto bytes = static_cast<std::size_t>(words) * 4;
+                const ID id = own->Alloc(bytes);
+                EXPECT_EQ(id.Value(), model.alloc(bytes).Value())
+                    << edge << ' ' << free << ' ' << words;
+                return id;
+            };
+            alloc(33);
+            for (int left = 0; (left = model.largest_free(1)) > free + 36;) {
+                alloc(std::clamp(left - free - 4, 33, largest_request));
+            }
+            alloc(largest_request); // elsewhere, so that this one is no longer current
+            for (int words = std::max(edge - around, 1);
+                 words <= std::min(edge + around, largest_request); ++words) {
+                const ID id = alloc(words), other = alloc(words);
+                ASSERT_TRUE(id.HasValue() && other.HasValue());
+                std::memset(own->Ptr(id), words, static_cast<std::size_t>(words) * 4);
+                std::memset(own->Ptr(other), words, static_cast<std::size_t>(words) * 4);
+                const int more = std::min(words + around, largest_request);
+                const ID moved = own->ReAlloc(id, static_cast<std::size_t>(more) * 4);
+                ASSERT_EQ(moved.Value(),
+                          model.realloc(id, static_cast<std::size_t>(more) * 4).Value());
+                for (const ID each : {other, moved}) {
+                    own->Free(each);
+                    model.free(each);
+                }
+            }
+            ASSERT_EQ(own.census().fault, nullptr) << edge << ' ' << free;
+        }
     }
 }
 

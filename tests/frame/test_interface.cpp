@@ -56,10 +56,19 @@ TEST(Interface, AnswersRefusalWithNull) {
 
 TEST(Interface, AlignsByAnyPowerOfTwo) {
     for (std::size_t alignment = 1; alignment <= 1 << 20; alignment *= 2) {
-        void* const block = mem_Malign(100, alignment);
-        ASSERT_NE(block, nullptr);
-        EXPECT_EQ(reinterpret_cast<std::uintptr_t>(block) % alignment, 0U);
-        mem_MalignFree(block);
+        for (const std::size_t edge : {std::size_t{100}, alignment + 72}) {
+            for (std::size_t size = edge - 72; size <= edge + 72; ++size) {
+                void* const block = mem_Malign(size, alignment);
+                void* const other = mem_alignedAlloc(size, alignment);
+                ASSERT_TRUE(block != nullptr && other != nullptr) << size << " on " << alignment;
+                EXPECT_EQ(reinterpret_cast<std::uintptr_t>(block) % alignment, 0U) << size;
+                EXPECT_EQ(reinterpret_cast<std::uintptr_t>(other) % alignment, 0U) << size;
+                std::memset(block, 1, size);
+                std::memset(other, 2, size);
+                mem_MalignFree(block);
+                mem_free_aligned(other);
+            }
+        }
     }
     mem_MalignFree(nullptr);
 }

@@ -3,6 +3,7 @@
 #include "heap_fixture.h"
 
 #include <algorithm>
+#include <cstdint>
 #include <cstring>
 #include <set>
 #include <vector>
@@ -112,6 +113,97 @@ TEST_F(Heap, EveryAlignmentToAMebibyte) {
             dlfree(block);
         }
         ASSERT_EQ(test::heap_fault(), "") << "on " << alignment;
+    }
+}
+
+// The bytes of a chunk, and what a growth for it asks the system for, in a mapping of its own and in a segment.
+std::size_t chunk_of(std::size_t size) {
+    return std::max<std::size_t>((size + 71) / 64 * 64, 64);
+}
+std::size_t mapping_for(std::size_t chunk, std::size_t granule) {
+    return (chunk + 255 + granule) / granule * granule;
+}
+std::size_t segment_for(std::size_t chunk, std::size_t granule) {
+    return (chunk + 225 + granule) / granule * granule;
+}
+
+// Fresh, with a first segment, so that a mapping of its own is possible.
+void begin(std::size_t granule, std::size_t threshold) {
+    test::reset_heap();
+    dlmallopt(-2, granule);
+    dlmallopt(-3, threshold);
+    dlfree(dlmalloc(1));
+}
+
+TEST_F(Heap, TheThresholdOfMappingsDecidesToTheByte) {
+    for (const std::size_t granule : {4 * kib, 64 * kib, mib}) {
+        for (const std::size_t threshold :
+             {std::size_t{0}, std::size_t{64}, 16 * kib, 64 * kib + 1, 256 * kib, mib + 32}) {
+            for (std::size_t size = threshold > around ? threshold - around : 0;
+                 size <= threshold + around; ++size) {
+                SCOPED_TRACE(testing::Message() << granule << ' ' << threshold << ' ' << size);
+                begin(granule, threshold);
+                const std::size_t before = dlmalloc_footprint(), chunk = chunk_of(size);
+                const bool grows = chunk >= heap::state.topsize;
+                const bool direct = grows && chunk >= threshold;
+                void* const block = dlmalloc(size);
+                ASSERT_NE(block, nullptr);
+                ASSERT_EQ(test::is_direct(block), direct);
+                ASSERT_EQ(dlmalloc_footprint() - before, direct  ? mapping_for(chunk, granule)
+                                                         : grows ? segment_for(chunk, granule)
+                                                                 : 0);
+                write_ends(block, size);
+                ASSERT_EQ(test::heap_fault(), "");
+                dlfree(block);
+                ASSERT_EQ(test::direct_bytes(), 0U);
+            }
+        }
+    }
+}
+
+// What would reach the limit is refused, a mapping first and then a segment, which may be a unit smaller.
+TEST_F(Heap, TheLimitDecidesToTheByte) {
+    for (const std::size_t granule : {4 * kib, 64 * kib}) {
+        for (const std::size_t edge : {64 * kib, 256 * kib, 320 * kib, mib}) {
+            for (std::size_t size = edge - around - 300; size <= edge + around; ++size) {
+                const std::size_t chunk = chunk_of(size);
+                const std::size_t mapping = mapping_for(chunk, granule);
+                const std::size_t segment = segment_for(chunk, granule);
+                for (const std::size_t room : {segment, segment + 1, mapping, mapping + 1}) {
+                    SCOPED_TRACE(testing::Message() << granule << ' ' << size << ' ' << room);
+                    begin(granule, 256 * kib);
+                    dlmallopt(-5, dlmalloc_footprint() + room);
+                    const bool direct = chunk >= 256 * kib && mapping < room;
+                    const bool served = chunk < heap::state.topsize || direct || segment < room;
+                    void* const block = dlmalloc(size);
+                    ASSERT_EQ(block != nullptr, served);
+                    ASSERT_EQ(error_memory_limit(), served ? 0 : -1);
+                    ASSERT_LT(dlmalloc_footprint(), dlmalloc_memory_limit());
+                    if (served) {
+                        ASSERT_EQ(test::is_direct(block), direct);
+                    }
+                    dlfree(block);
+                }
+            }
+            ASSERT_EQ(test::heap_fault(), "");
+        }
+    }
+}
+
+TEST_F(Heap, TheThresholdOfTrimmingDecidesToTheByte) {
+    for (const std::size_t size : {std::size_t{100}, 60 * kib, 200 * kib}) {
+        const auto top_after = [size](std::size_t threshold) {
+            test::reset_heap();
+            dlmallopt(-1, threshold);
+            dlfree(dlmalloc(size));
+            return heap::state.topsize;
+        };
+        const std::size_t top = top_after(mib);
+        for (std::size_t threshold = top - around; threshold <= top + around; ++threshold) {
+            top_after(threshold);
+            // One trial that gave nothing back, and no other until the top is reset.
+            ASSERT_EQ(heap::state.trim_check, top > threshold ? SIZE_MAX : threshold) << size;
+        }
     }
 }
 

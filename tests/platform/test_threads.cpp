@@ -4,6 +4,7 @@
 #include <atomic>
 #include <chrono>
 #include <gtest/gtest.h>
+#include <pthread.h>
 #include <thread>
 #include <vector>
 
@@ -126,6 +127,26 @@ TEST(ThreadLocalSlot, IsNeverZeroAndReadsNullInEveryNewThread) {
     ASSERT_GT(again, 0);
     EXPECT_EQ(os::tls_get(again), nullptr) << "a reused slot kept its old value";
     os::tls_free(again);
+}
+
+// Others' destructors may allocate then, and are to meet the thread's number.
+TEST(ThreadLocalSlot, HoldsUntilItsThreadHasEnded) {
+    static int slot = 0, value = 0;
+    static void* seen = nullptr;
+    pthread_key_t before = 0, after = 0;
+    const auto look = [](void*) { seen = seen == nullptr ? os::tls_get(slot) : nullptr; };
+    pthread_key_create(&before, look);
+    slot = os::tls_alloc();
+    pthread_key_create(&after, [](void*) { EXPECT_EQ(os::tls_get(slot), &value); });
+    std::thread([&] {
+        os::tls_set(slot, &value);
+        pthread_setspecific(before, &value);
+        pthread_setspecific(after, &value);
+    }).join();
+    EXPECT_EQ(seen, &value);
+    pthread_key_delete(before);
+    pthread_key_delete(after);
+    os::tls_free(slot);
 }
 
 TEST(Threads, HaveNumbersOfTheirOwn) {

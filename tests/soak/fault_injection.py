@@ -177,19 +177,61 @@ def try_stress(ground, most):
         print(f"stress on {name}: {runs} runs", flush=True)
 
 
-def main():
-    parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
+def try_storm(ground, most):
+    """Thousands of signals a second, whose handler lets the calls that they meet come back interrupted."""
+    storm = {"LD_PRELOAD": str(ground.tests / "libkxm_inject.so")}
+    ends = {}
+    for back_end in BACK_ENDS[-most:]:
+        for recorded in (False, True):
+            command = [ground.bin / "elasticity", ground.mesh, "--quiet", "--no-check", "--json", "figures.json",
+                       "--backend", *back_end]
+            variables = {"KXA_MEM_TRACK": "1", "KXA_MEM_OUTPUTDIR": str(ground.folder)} if recorded else {}
+            ground.run(command, variables)
+            right = deflection(ground)
+            ended = ground.run(command, variables | storm | {"KXM_INJECT_STORM": "timer"})
+            ends[ended.returncode] = ends.get(ended.returncode, 0) + 1
+            wrong = (judge_job(ground, ended, "none:", 1, recorded, 0, right) if ended.returncode in (0, None)
+                     else "no way to end")
+            if wrong:
+                ground.blame(ended, f"signals, {' '.join(back_end)}{', recorded' if recorded else ''}: {wrong}")
+    # Calls on pipes are the ones that do come back interrupted.
+    job = f"'{ground.bin}/elasticity' /dev/stdin --quiet --no-check --output /dev/stdout"
+    plain = ground.run(["sh", "-c", f"{job} < '{ground.mesh}'"], {})
+    signals = f"env LD_PRELOAD={storm['LD_PRELOAD']} KXM_INJECT_STORM=timer"
+    ended = ground.run(["sh", "-c", f"(sleep 0.2; cat '{ground.mesh}') | {signals} {job} | (sleep 0.5; cat)"], {})
+    ends[ended.returncode] = ends.get(ended.returncode, 0) + 1
+    if plain.returncode != 0 or ended.stdout != plain.stdout:
+        ground.blame(ended, "signals, pipes: another result")
+    told("job under a storm of signals", ends)
+    ends = {}
+    tracked = {"KXQ_DLALLOCATOR": "1", "KXA_MEM_TRACK": "1", "KXA_MEM_OUTPUTDIR": str(ground.folder)}
+    for variables in [{}, {"KXA_DEADBEEF": "1"}, {"KXQ_USE_ALIGNED_MEMORY": "1"}, {"KXQ_DLALLOCATOR": "1"},
+                      {"KXQ_DLALLOCATOR": "1", "KXM_STRESS_TINY": "1"}, tracked][-most:]:
+        ended = ground.run([ground.tests / "stress", "1", "8"], variables | storm | {"KXM_INJECT_STORM": "threads"})
+        ends[ended.returncode] = ends.get(ended.returncode, 0) + 1
+        if ended.returncode != 0:
+            ground.blame(ended, "signals, stress")
+    told("stress under a storm of signals", ends)
+
+
+def arguments_of(description):
+    parser = argparse.ArgumentParser(description=description, formatter_class=argparse.RawDescriptionHelpFormatter)
     parser.add_argument("bin")
     parser.add_argument("tests")
     parser.add_argument("mesh")
     parser.add_argument("--most", type=int, default=10**9)
-    arguments = parser.parse_args()
+    return parser.parse_args()
+
+
+def main():
+    arguments = arguments_of(__doc__)
     ground = Ground(arguments.bin, arguments.tests, arguments.mesh)
     ground.folder = pathlib.Path(tempfile.mkdtemp(prefix="kxm_fault_injection_"))
     for back_end in BACK_ENDS:
         for recorded in (False, True):
             try_job(ground, back_end, recorded, arguments.most)
     try_stress(ground, min(arguments.most, 60))
+    try_storm(ground, min(arguments.most, 6))
     shutil.rmtree(ground.folder)
     print(f"{ground.runs} runs, {ground.faults} failed")
     return 1 if ground.faults else 0

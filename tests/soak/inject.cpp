@@ -6,18 +6,24 @@
 //                                write, short: half of it; a + behind N: and every later one
 //   KXM_INJECT_COUNT=FILE        is made with the number of calls of that kind, when the program exits by itself
 //   KXM_INJECT_MAPS=N            takes all the mappings that the system grants a process but about N
+//   KXM_INJECT_STORM=TIMER       signals that interrupt what they find, thousands a second: TIMER is timer, for the
+//                                process, or threads, for each of its threads in turn
 #include <cerrno>
+#include <csignal>
 #include <cstdarg>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 
 #include <atomic>
 
+#include <dirent.h>
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <link.h>
+#include <pthread.h>
 #include <sys/mman.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -105,6 +111,48 @@ __attribute__((constructor)) void take_mappings() {
         }
     }
     std::fclose(file);
+}
+
+void* storm_on_threads(void*) {
+    const auto self = static_cast<pid_t>(::syscall(SYS_gettid));
+    for (;;) {
+        DIR* const tasks = opendir("/proc/self/task");
+        while (const dirent* const task = tasks != nullptr ? readdir(tasks) : nullptr) {
+            const auto thread = static_cast<pid_t>(std::atoi(task->d_name));
+            if (thread > 0 && thread != self) {
+                ::syscall(SYS_tgkill, getpid(), thread, SIGURG);
+            }
+        }
+        if (tasks != nullptr) {
+            closedir(tasks);
+        }
+        usleep(50);
+    }
+}
+
+// The handler does nothing; without SA_RESTART calls come back interrupted. By default the signal is ignored, for
+// a program that starts another.
+__attribute__((constructor)) void begin_storm() {
+    const char* const kind = std::getenv("KXM_INJECT_STORM");
+    if (kind == nullptr) {
+        return;
+    }
+    struct sigaction action {};
+    action.sa_handler = [](int) {};
+    sigaction(SIGURG, &action, nullptr);
+    if (std::strcmp(kind, "timer") == 0) {
+        sigevent what{};
+        what.sigev_notify = SIGEV_SIGNAL;
+        what.sigev_signo = SIGURG;
+        timer_t timer{};
+        const itimerspec each{{0, 100000}, {0, 100000}};
+        timer_create(CLOCK_MONOTONIC, &what, &timer);
+        timer_settime(timer, 0, &each, nullptr);
+    } else {
+        pthread_t storm;
+        pthread_create(&storm, nullptr, storm_on_threads, nullptr);
+        pthread_detach(storm);
+    }
 }
 
 // Only a program that exits by itself gets here.

@@ -78,9 +78,11 @@ def control_group(ground):
     unified = (root / "cgroup.controllers").exists()
     group = root / ("" if unified else "memory") / "kxm_restricted"
     try:
+        if unified: # where its children may have a limit of memory
+            (root / "cgroup.subtree_control").write_text("+memory")
         group.mkdir()
     except OSError as error:
-        print(f"control group: not tried, {error}")
+        print(f"control group (version {2 if unified else 1}): not tried, {error}")
         return
     try:
         (group / ("memory.max" if unified else "memory.limit_in_bytes")).write_text(str(60 * MIB))
@@ -88,9 +90,9 @@ def control_group(ground):
         for limit in ["2", "8", "40"]:
             runs.job(["heap"], ["--memory-limit", limit],
                      before=lambda: (group / "cgroup.procs").write_text("0"))
-        runs.told("control group of 60 MiB, job with limits of 2, 8 and 40 MiB")
+        runs.told(f"control group (version {2 if unified else 1}) of 60 MiB, job with limits of 2, 8 and 40 MiB")
     except OSError as error:
-        print(f"control group: not tried, {error}")
+        print(f"control group (version {2 if unified else 1}): not tried, {error}")
     finally:
         group.rmdir()
 

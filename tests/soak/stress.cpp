@@ -1,15 +1,21 @@
-// Threads that come and go allocate, resize, exchange and release blocks through the interface, while one thread
-// changes options, trims and asks for figures. Every block carries what it is checked by. At the end everything is
-// given back, and the library still answers.
+// Threads that come and go allocate, resize, exchange and release blocks through the interface and the allocator
+// objects, and work on cache pools that go from hand to hand, while one thread changes options, trims, stops and
+// starts the recording and asks for figures. Every block carries what it is checked by. Now and then all threads want
+// the same two sizes and give way in between, so that they meet in the locks; now and then all have ended, and the
+// switches are turned that may be turned then alone. At the end everything is given back, and the library still
+// answers.
 //
 //   stress [SECONDS [THREADS [SEED]]]     2 seconds, 4 threads at a time
 //
 // The environment chooses the back end, as for any program. On the heap a memory limit comes and goes, so that
-// requests are refused; KXM_STRESS_TINY=1 turns the tiny pool on, and refusals off. With KXA_MEM_TRACK the run is
+// requests are refused; KXM_STRESS_TINY=1 turns the tiny pool on. A tiny block that grows is not to be refused, so
+// then either (odd seeds) there is no limit or (even ones) none of them grows. With KXA_MEM_TRACK the run is
 // recorded. Exit status 1: something was wrong, and is told.
 #include <KXMBasMem.h>
+#include <kxm_cache_pool.h>
 #include <kxm_utf8_names.h>
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <chrono>
@@ -17,9 +23,13 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
+#include <new>
 #include <random>
 #include <thread>
 #include <vector>
+
+#include <pthread.h>
 
 namespace {
 
@@ -33,15 +43,19 @@ bool present(const char* variable) {
 
 // What a back end allows a client, as the interface's header tells.
 struct Rules {
+    explicit Rules(std::uint64_t seed) : odd(seed % 2 != 0) {}
+    bool odd;
     bool heap = mem_usingDL() == 1;
     bool guarded = present("KXA_DEADBEEF");
     bool aligned = !heap && !guarded && present("KXQ_USE_ALIGNED_MEMORY");
     bool tiny = heap && present("KXM_STRESS_TINY");
-    // A tiny block that grows is not to be refused. KXM_STRESS_REFUSED: somebody else refuses memory, too.
-    bool refuses = heap && !tiny;
-    bool refused_anyhow = present("KXM_STRESS_REFUSED");
+    bool refuses = heap && !(tiny && odd);
+    bool refused_anyhow = present("KXM_STRESS_REFUSED"); // somebody else refuses memory, too
     bool clears = !aligned; // there mem_Free is not for mem_Calloc's blocks
-    bool grows = !aligned;  // there a copy is as long as the new size
+    bool grows(std::size_t size) const {
+        return !aligned && // there a copy is as long as the new size
+               !(tiny && refuses && size <= 128);
+    }
     std::size_t alignment = guarded || tiny ? 8 : heap || aligned ? 64 : 16;
 };
 
@@ -87,18 +101,88 @@ std::size_t check(const void* block, std::size_t kept) {
 
 struct Totals {
     std::atomic<std::uint64_t> operations{0}, refusals{0}, threads{0};
+    std::atomic<std::uint64_t> lost_pools{
+        0}; // the memory of a pool whose tables were refused is not given back
 };
+
+// A cache pool with what is in it. Serves one thread at a time, and goes from one to the next.
+class PoolWork {
+public:
+    void operate(std::mt19937_64& random) {
+        if (held_.empty() || (random() % 8 < 5 && held_.size() < 400)) {
+            const std::size_t size = some_size(random);
+            add(pool_.Alloc(size), size, random());
+            return;
+        }
+        Held& held = held_[random() % held_.size()];
+        check(pool_.Ptr(held.id), SIZE_MAX);
+        if (random() % 4 == 0) {
+            const std::size_t size = some_size(random);
+            held.id = pool_.ReAlloc(held.id, held.size, size);
+            check(pool_.Ptr(held.id), std::min(size, held.size));
+            held.size = size;
+            fill(pool_.Ptr(held.id), size, random());
+            return;
+        }
+        pool_.Free(held.id);
+        held = held_.back();
+        held_.pop_back();
+    }
+
+private:
+    struct Held {
+        kxm::CachePool::ID id;
+        std::size_t size;
+    };
+    static std::size_t some_size(std::mt19937_64& random) {
+        const std::size_t kind = random() % 32;
+        return sizeof(Header) + (kind == 0  ? random() % (40 * kib)
+                                 : kind < 8 ? random() % (8 * kib)
+                                            : random() % 200);
+    }
+    void add(kxm::CachePool::ID id, std::size_t size, std::uint64_t mark) {
+        fill(pool_.Ptr(id), size, mark);
+        held_.push_back({id, size});
+    }
+
+    mem_Allocator source_{};
+    kxm::CachePool pool_{source_};
+    std::vector<Held> held_{};
+};
+
+// What all threads share.
+struct Ground {
+    std::array<std::atomic<void*>, 256> exchange{};
+    std::array<std::atomic<PoolWork*>, 3> parked{}; // pools that nobody works on
+    std::atomic<bool> crowded{false};               // all want the same two sizes
+    std::atomic<int> noted{0};                      // refusals to an object
+    KXMBasMemPool account{2000, "stress", nullptr};
+};
+
+// What is set for it goes when its thread has ended, while others trim. (Destructors of thread_local objects come
+// after the objects' memory has gone, in a Windows program by GCC.)
+pthread_key_t last_block;
 
 class Worker {
 public:
-    Worker(const Rules& rules, std::atomic<void*>* exchange, std::size_t places, Totals& totals,
-           std::uint64_t seed)
-        : rules_(rules), exchange_(exchange), places_(places), totals_(totals), random_(seed) {}
+    Worker(const Rules& rules, Ground& ground, Totals& totals, std::uint64_t seed)
+        : rules_(rules), ground_(ground), totals_(totals), random_(seed) {}
 
-    void run(std::size_t operations) {
+    void run(std::size_t operations, bool phases) {
         for (std::size_t i = 0; i < operations && fault.load() == nullptr; ++i) {
+            if (phases && i % 256 == 0) {
+                static constexpr const char* names[] = {"assembly", "solve", "output"};
+                mem_Tracker_Interface::EnterPhase(names[below(3)], 0);
+            }
             operate();
+            if (phases && i % 256 == 255) {
+                mem_Tracker_Interface::ExitPhase(0);
+            }
+            if (ground_.crowded && below(8) == 0) {
+                std::this_thread::yield();
+            }
         }
+        pthread_setspecific(last_block, mem_Malloc(100));
         for (void*& block : own_) {
             release(block);
         }
@@ -109,6 +193,9 @@ public:
 private:
     std::size_t below(std::size_t bound) { return random_() % bound; }
     std::size_t some_size() {
+        if (ground_.crowded) {
+            return below(2) == 0 ? 64 : 200;
+        }
         const std::size_t kind = below(64);
         return sizeof(Header) + (kind == 0   ? below(2 * mib)
                                  : kind < 4  ? below(64 * kib)
@@ -129,8 +216,34 @@ private:
         if (place != nullptr) {
             check(place, SIZE_MAX);
         }
-        mem_Free(place);
+        if (below(4) == 0) {
+            ground_.account.Free(place);
+        } else {
+            mem_Free(place);
+        }
         place = nullptr;
+    }
+    // Each is noted with a call stack, which takes long under Wine: some are enough.
+    void note_refusal() {
+        if (++ground_.noted == 60) {
+            KXMBasErrorStack::Deactivate();
+        }
+    }
+    // By the entry, the pool that accounts or the object, all of which end there.
+    void* any_malloc(std::size_t size) {
+        switch (below(4)) {
+        case 0:
+            return ground_.account.Alloc(size);
+        case 1:
+            try {
+                return mem_Allocator().Malloc("stress", size);
+            } catch (const std::bad_alloc&) {
+                note_refusal();
+                return nullptr;
+            }
+        default:
+            return mem_Malloc(size);
+        }
     }
 
     void operate() {
@@ -141,7 +254,7 @@ private:
         case 1:
         case 2:
         case 3: // a block of another thread's, which goes on or ends here
-            place = exchange_[below(places_)].exchange(place);
+            place = ground_.exchange[below(ground_.exchange.size())].exchange(place);
             break;
         case 4:
         case 5:
@@ -163,22 +276,66 @@ private:
             void* const block = mem_Malign(size, 256);
             expect(reinterpret_cast<std::uintptr_t>(block) % 256 == 0, "misaligned");
             mem_MalignFree(block);
+            if (rules_.heap) {
+                align(std::size_t{64} << below(15), size);
+            }
             break;
         }
         case 8:
         case 9:
+            release(place);
+            break;
         case 10:
+            if (below(128) == 0) {
+                work_on_a_pool();
+            }
             release(place);
             break;
         default:
             release(place);
-            adopt(place, mem_Malloc(size), size);
+            adopt(place, any_malloc(size), size);
         }
+    }
+
+    void align(std::size_t alignment, std::size_t size) {
+        mem_DLAllocator heap;
+        void* const block = heap.Memalign("stress", alignment, size);
+        expect(block != nullptr || rules_.refuses || rules_.refused_anyhow,
+               "refused without a limit");
+        if (block != nullptr) {
+            expect(reinterpret_cast<std::uintptr_t>(block) % alignment == 0, "misaligned");
+            fill(block, size, random_());
+            std::this_thread::yield();
+            check(block, SIZE_MAX);
+            heap.Free("stress", block);
+        }
+    }
+
+    void work_on_a_pool() {
+        std::atomic<PoolWork*>& place = ground_.parked[below(ground_.parked.size())];
+        std::unique_ptr<PoolWork> work(place.exchange(nullptr));
+        try {
+            if (work == nullptr) {
+                work = std::make_unique<PoolWork>();
+            }
+        } catch (const std::bad_alloc&) {
+            ++totals_.lost_pools;
+        }
+        for (std::size_t i = 500 + below(500); work != nullptr && i > 0; --i) {
+            try {
+                work->operate(random_);
+            } catch (const std::bad_alloc&) {
+                expect(rules_.refuses || rules_.refused_anyhow, "a pool refused without a limit");
+                note_refusal();
+                ++refusals_;
+            }
+        }
+        work.reset(below(8) == 0 ? nullptr : place.exchange(work.release()));
     }
 
     void resize(void*& place, std::size_t size) {
         const std::size_t old = check(place, SIZE_MAX);
-        if (size > old && !rules_.grows) {
+        if (size > old && !rules_.grows(old)) {
             return;
         }
         void* const block = mem_Realloc(place, size);
@@ -193,36 +350,103 @@ private:
     }
 
     const Rules& rules_;
-    std::atomic<void*>* exchange_;
-    std::size_t places_;
+    Ground& ground_;
     Totals& totals_;
     std::mt19937_64 random_;
     std::array<void*, 48> own_{};
     std::uint64_t refusals_ = 0;
 };
 
+std::size_t below(std::mt19937_64& random, std::size_t bound) {
+    return random() % bound;
+}
+
 // One step of the thread that changes and asks.
 void disturb(const Rules& rules, std::mt19937_64& random) {
-    const std::size_t kind = random() % 10;
-    if (kind < 2) {
-        mem_Mallopt(-1, random() % (4 * mib));
-    } else if (kind == 2) {
-        mem_Mallopt(-2, 64 * kib << random() % 5);
-    } else if (kind == 3) {
-        mem_Mallopt(-3, 128 * kib << random() % 5);
-    } else if (kind == 4 && rules.refuses) {
-        mem_Mallopt(-5, random() % 2 == 0 ? 0 : 1 + random() % (24 * mib));
-    } else if (kind == 5) {
-        mem_Trim(random() % mib);
-    } else if (kind == 6) {
+    switch (below(random, 14)) {
+    case 0:
+    case 1:
+        mem_Mallopt(-1, below(random, 8) == 0 ? SIZE_MAX : below(random, 4 * mib));
+        break;
+    case 2:
+        mem_Mallopt(-2, 64 * kib << below(random, 5));
+        break;
+    case 3:
+        mem_Mallopt(-3, below(random, 8) == 0 ? below(random, 64 * kib)
+                                              : 128 * kib << below(random, 5));
+        break;
+    case 4:
+        if (rules.refuses) {
+            mem_Mallopt(-5, below(random, 2) == 0 ? 0 : 1 + below(random, 24 * mib));
+        }
+        break;
+    case 5:
+        mem_Trim(below(random, 8) == 0 ? SIZE_MAX : below(random, mib));
+        break;
+    case 6: {
         const mem_DLMallinfoType info = mem_DLMallinfo();
         expect(info.uordblks <= info.usmblks, "more in use than there ever was");
-    } else {
+        break;
+    }
+    case 7:
+        if (rules.tiny) { // a slot comes home also while the pool is off
+            mem_TBAllocator(below(random, 4) == 0 ? 0 : 1);
+        }
+        break;
+    case 8: // blocks of a stop are left out of the record
+        if (below(random, 64) == 0) {
+            mem_Tracker_Interface::StopTracking();
+        } else if (below(random, 4) == 0) {
+            mem_Tracker_Interface::StartTracking();
+        }
+        break;
+    case 9:
+        if (!rules.refuses && !rules.refused_anyhow &&
+            below(random, 256) == 0) { // for one thread; tests no request
+            const std::unique_ptr<KXMBasAllocatorBase> tracked(new KXMBasMemTrackAlloc);
+            void* const block = tracked->Alloc(1 + below(random, 4000));
+            tracked->Free(block);
+        }
+        break;
+    case 10: {
+        KXMBasMemInfo figures;
+        expect(figures.Resident() > 0, "a process without memory");
+        break;
+    }
+    default:
         mem_ErrorMemoryLimit();
         mem_FragmentationInfo();
         expect(mem_Footprint() <= mem_MaxFootprint() / kib || !rules.heap,
                "a footprint above the highest");
     }
+}
+
+void join(std::vector<std::thread>& threads) {
+    for (std::thread& thread : threads) {
+        if (thread.joinable()) {
+            thread.join();
+        }
+    }
+}
+
+// While there is one thread: the pool does without its lock, and has it again.
+void turn_the_tiny_pool() {
+    mem_TBAllocator(1);
+    mem_TBThreadLock(false);
+    int size = 100;
+    void* slot = mem_smallalloc(&size);
+    if (slot != nullptr) {
+        mem_smallfree(&slot);
+    }
+    mem_Free(mem_Malloc(20));
+    mem_TBThreadLock(true);
+}
+
+// All is given back: what the heap still counts as used are the ends of its segments.
+void expect_nothing_left(const Totals& totals) {
+    const mem_DLMallinfoType info = mem_DLMallinfo();
+    expect(info.uordblks <= 4 * kib + info.arena / 128 + totals.lost_pools * 4 * kib,
+           "blocks left");
 }
 
 } // namespace
@@ -237,13 +461,20 @@ int main(int argc, char** argv) {
     }
     const bool recorded = mem_Tracker_Interface::IsTrackingActive();
     mem_Tracker_Interface::SetOutputName("stress");
-    const Rules rules;
+    const Rules rules(seed);
     if (rules.tiny) {
         mem_TBAllocator(1);
         mem_TBThreadLock(true);
     }
+#ifndef __SANITIZE_THREAD__
+    // What is refused to an object is noted with a call stack. The reader of debug information is not instrumented;
+    // the thread checker takes its memory for raced for, and locks itself out when it tells of that inside of it.
+    KXMBasErrorStack::Activate();
+#endif
 
-    static std::array<std::atomic<void*>, 256> exchange;
+    pthread_key_create(&last_block, mem_Free);
+    static Ground ground;
+    ground.account.Activate();
     Totals totals;
     std::mt19937_64 random(seed);
     std::vector<std::thread> threads(static_cast<std::size_t>(at_a_time));
@@ -251,17 +482,24 @@ int main(int argc, char** argv) {
                                                      std::chrono::duration<double>(seconds));
     // A recorded run that lasts would fill the disk.
     constexpr std::uint64_t most_recorded = 3000000;
-    for (std::size_t next = 0; Clock::now() < end && fault.load() == nullptr &&
+    for (std::size_t turn = 0; Clock::now() < end && fault.load() == nullptr &&
                                !(recorded && totals.operations.load() > most_recorded);
-         next = (next + 1) % threads.size()) {
-        if (threads[next].joinable()) {
-            threads[next].join();
+         ++turn) {
+        ground.crowded = turn / 16 % 4 == 3;
+        if (rules.tiny && turn % 64 == 0) {
+            join(threads);
+            turn_the_tiny_pool();
+        }
+        std::thread& thread = threads[turn % threads.size()];
+        if (thread.joinable()) {
+            thread.join();
         }
         ++totals.threads;
-        threads[next] = std::thread([&, own_seed = random()] {
-            Worker(rules, exchange.data(), exchange.size(), totals, own_seed)
-                .run(1000 + own_seed % 20000);
-        });
+        // Only so many threads have phases, in the order of their first contact.
+        thread = std::thread(
+            [&, own_seed = random(), phases = turn + threads.size() + 2 < MEM_MAX_THREADS] {
+                Worker(rules, ground, totals, own_seed).run(1000 + own_seed % 20000, phases);
+            });
         mem_Tracker_Interface::EnterPhase("turn", 0);
         for (int i = 0; i < 40; ++i) {
             disturb(rules, random);
@@ -269,16 +507,15 @@ int main(int argc, char** argv) {
         }
         mem_Tracker_Interface::ExitPhase(0);
     }
-    for (std::thread& thread : threads) {
-        if (thread.joinable()) {
-            thread.join();
-        }
-    }
-    for (std::atomic<void*>& place : exchange) {
+    join(threads);
+    for (std::atomic<void*>& place : ground.exchange) {
         if (void* const block = place.load()) {
             check(block, SIZE_MAX);
             mem_Free(block);
         }
+    }
+    for (std::atomic<PoolWork*>& place : ground.parked) {
+        delete place.load();
     }
     // Every lock is free, and what was refused was refused for a limit.
     mem_Mallopt(-5, 0);
@@ -286,6 +523,9 @@ int main(int argc, char** argv) {
     expect(last != nullptr || rules.refused_anyhow, "nothing to be had at the end");
     mem_Free(last);
     mem_Trim(0);
+    if (rules.heap && !rules.tiny && !recorded && !rules.refused_anyhow) {
+        expect_nothing_left(totals);
+    }
     std::printf("%llu operations by %llu threads, %llu refusals, %zu KiB left\n",
                 static_cast<unsigned long long>(totals.operations.load()),
                 static_cast<unsigned long long>(totals.threads.load()),

@@ -9,8 +9,10 @@
 #include "tiny/pool_walk.h"
 #include "tiny/test_seam.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
+#include <iterator>
 #include <memory>
 #include <utility>
 #include <vector>
@@ -60,6 +62,61 @@ TEST_F(Pool, ReportsAPointerThatIsNoSlotAndGoesOn) {
     EXPECT_EQ(recorded_fatal_errors(), before + 4);
     tiny::page_of(first)->mark = tiny::page_tag;
     test::reset_pool(); // sound or not
+}
+
+// Up to the edge of the pool and 72 bytes beyond, through the interface.
+TEST_F(Pool, ResizesFromEverySizeToEveryOther) {
+    mem_TBAllocator(1);
+    const auto slot_bytes = [](std::size_t size) {
+        return size <= 4 ? 4 : size <= 8 ? 8 : (size + 15) / 16 * 16;
+    };
+    const auto is_slot = [](const void* block) { return tiny::is_page(tiny::page_of(block)); };
+    for (std::size_t from = 0; from <= 200; ++from) {
+        for (std::size_t to = 1; to <= 200; ++to) {
+            auto* const block = static_cast<unsigned char*>(mem_Malloc(from));
+            ASSERT_EQ(is_slot(block), from <= 128) << from;
+            std::memset(block, static_cast<int>(to), from);
+            auto* const moved = static_cast<unsigned char*>(mem_Realloc(block, to));
+            ASSERT_TRUE(std::all_of(moved, moved + std::min(from, to),
+                                    [to](unsigned char byte) { return byte == to; }))
+                << from << " to " << to;
+            if (from <= 128) {
+                ASSERT_EQ(moved == block, to <= slot_bytes(from)) << from << " to " << to;
+                ASSERT_EQ(is_slot(moved), to <= 128) << from << " to " << to;
+            } else { // the heap's, which does not go back to the pool
+                ASSERT_FALSE(is_slot(moved));
+            }
+            std::memset(moved, 0xFF, to);
+            mem_Free(moved);
+        }
+        ASSERT_EQ(test::pool_fault(), "") << from;
+    }
+}
+
+TEST_F(Pool, FillsEachPageToItsLastSlot) {
+    constexpr std::size_t slots[] = {1000, 500, 249, 124, 83, 62, 49, 41, 35, 31};
+    constexpr std::size_t bytes[] = {4, 8, 16, 32, 48, 64, 80, 96, 112, 128};
+    for (std::size_t size_class = 0; size_class < std::size(slots); ++size_class) {
+        const std::size_t size = bytes[size_class];
+        std::vector<unsigned char*> held;
+        for (std::size_t i = 0; i < 3 * slots[size_class]; ++i) {
+            // The first size of the class and its last; filled to the last byte of the slot.
+            held.push_back(static_cast<unsigned char*>(pool().Alloc(
+                i % 2 == 0 ? size : size - std::min<std::size_t>(size, 16) / 4, false)));
+            std::memset(held.back(), static_cast<int>(i), size);
+            const std::size_t page = i / slots[size_class] * slots[size_class];
+            ASSERT_EQ(tiny::page_of(held.back()), tiny::page_of(held[page])) << size << ' ' << i;
+            ASSERT_TRUE(i == 0 || i % slots[size_class] != 0 ||
+                        tiny::page_of(held[i - 1]) != tiny::page_of(held[i]));
+        }
+        EXPECT_EQ(test::pool_fault(), "");
+        for (std::size_t i = 0; i < held.size(); ++i) {
+            ASSERT_TRUE(held[i][0] == static_cast<unsigned char>(i) &&
+                        held[i][size - 1] == static_cast<unsigned char>(i));
+            pool().Free(held[i]);
+        }
+        EXPECT_EQ(test::pool_fault(), "");
+    }
 }
 
 TEST_F(Pool, KeepsItsLastPageAndDestroysTheTagOfOthers) {

@@ -6,28 +6,74 @@
 #include <cmath>
 #include <cstdarg>
 #include <cstdlib>
+#include <filesystem>
+#include <system_error>
 
 namespace memtrack {
+
+namespace fs = std::filesystem;
+
+namespace {
+
+// Where a file that takes the place of `name` is written meanwhile; empty where it is written in place: what is no
+// plain file, as a device, and links that lead nowhere.
+std::string part_of(const std::string& name) {
+    std::error_code error;
+    const fs::file_status there = fs::status(name, error);
+    if (fs::is_regular_file(there)) {
+        const fs::path target = fs::canonical(name, error); // a link stays one
+        return error ? std::string() : target.string() + ".part";
+    }
+    return fs::exists(fs::symlink_status(name, error)) ? std::string() : name + ".part";
+}
+
+bool may_be_written(const std::string& name) {
+    std::FILE* const file = std::fopen(name.c_str(), "r+b");
+    if (file != nullptr) {
+        std::fclose(file);
+    }
+    return file != nullptr;
+}
+
+} // namespace
 
 Output::Output(std::string name, bool force) : name_(std::move(name)) {
     if (name_.empty()) {
         return;
     }
-    if (!force) {
-        if (std::FILE* const there = std::fopen(name_.c_str(), "rb"); there != nullptr) {
-            std::fclose(there);
-            throw UsageError(name_ + " is there already; --force writes over it");
-        }
+    std::error_code error;
+    const bool there = fs::exists(name_, error);
+    if (there && !force) {
+        throw UsageError(name_ + " is there already; --force writes over it");
     }
-    file_ = std::fopen(name_.c_str(), "wb");
+    file_ = nullptr;
+    part_ = part_of(name_);
+    if (!part_.empty() && (!there || may_be_written(name_))) {
+        file_ = std::fopen(part_.c_str(), "wb");
+    }
+    if (file_ == nullptr) { // perhaps the folder does not allow a new file, but this one
+        part_.clear();
+        file_ = std::fopen(name_.c_str(), "wb");
+    }
     if (file_ == nullptr) {
         throw UsageError(name_ + " cannot be written");
+    }
+    if (there && !part_.empty()) {
+        fs::permissions(part_, fs::status(name_, error).permissions(), error);
     }
 }
 
 Output::~Output() {
     if (file_ != nullptr && file_ != stdout) {
         std::fclose(file_);
+    }
+    discard();
+}
+
+void Output::discard() {
+    if (!part_.empty()) {
+        std::remove(part_.c_str());
+        part_.clear();
     }
 }
 
@@ -81,6 +127,13 @@ void Output::finish(bool quiet) {
     std::FILE* const file = file_;
     file_ = nullptr;
     check(std::fclose(file) == 0);
+    if (!part_.empty()) {
+        std::error_code error;
+        const fs::path target = fs::path(part_).replace_extension();
+        fs::rename(part_, target, error);
+        check(!error);
+        part_.clear();
+    }
     if (!quiet) {
         std::fprintf(stderr, "Wrote %s\n", name_.c_str());
     }

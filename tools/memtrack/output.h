@@ -22,7 +22,9 @@ struct UsageError : std::runtime_error {
     using std::runtime_error::runtime_error;
 };
 
-/// Standard output, or the file of -o, or a text. Throws std::runtime_error when it cannot be written.
+/// Standard output, or the file of -o, or a text. A file has its name when it is whole: until finish() it is
+/// FILE.part, so that a disk that fills up does not cost the file that was there. Throws std::runtime_error when it
+/// cannot be written.
 class Output {
 public:
     /// An empty name is standard output. An existing file is refused (UsageError) without `force`.
@@ -41,7 +43,8 @@ public:
 
 private:
     void check(bool good);
-    std::string name_;
+    void discard();
+    std::string name_, part_;
     std::string* text_ = nullptr;
     std::FILE* file_ = stdout;
 };

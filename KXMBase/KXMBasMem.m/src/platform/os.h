@@ -4,9 +4,8 @@
 //
 // Preconditions that hold for every function here: it may be called from any thread; it allocates
 // nothing through this library (so that each may be used under the heap's lock, in a failure report
-// or before the library has started), except that tls_set may cost the C library a block for slots
-// above its first thirty; it throws nothing. Sizes are bytes unless a name says otherwise. Failures are
-// reported by the result alone, never by a message.
+// or before the library has started); it throws nothing. Sizes are bytes unless a name says otherwise.
+// Failures are reported by the result alone, never by a message.
 //
 // What differs between the systems and matters to a caller is data here (Properties), not a
 // conditional there.
@@ -134,8 +133,8 @@ void lock_for_fork();
 void unlock_in_parent();
 void renew_in_child();
 
-/// A thread-local slot. Numbers start at 1, so that a client may use 0 for "none"; -1 when the
-/// system has no more. A fresh slot reads null in every thread.
+/// A thread-local slot. Numbers start at 1, so that a client may use 0 for "none"; -1 when there are no
+/// more. A fresh slot reads null in every thread. A value stays until its thread has ended.
 int tls_alloc();
 void tls_free(int slot);
 void* tls_get(int slot);

@@ -131,27 +131,60 @@ void critical_section_leave(CriticalSection& section) {
     pthread_mutex_unlock(mutex_of(section));
 }
 
-// The system's keys start at 0; slots are one higher.
+namespace {
+
+// Slots in thread-local storage of our own. The C library's keys lose their values when a thread begins to end,
+// before the destructors of others' keys, which may still allocate and release. A slot's use counts up when
+// it is taken and when it is given up, and is odd in between; a value of another use is none.
+constexpr std::size_t most_slots = 8;
+struct OwnSlot {
+    std::uint32_t use;
+    void* value;
+};
+// In the static block of thread-local storage, which needs no allocation on first use.
+thread_local OwnSlot own_slots[most_slots] __attribute__((tls_model("initial-exec")));
+std::atomic<std::uint32_t> slot_uses[most_slots];
+
+// A number that is no slot's, as that of a failed tls_alloc, reads null and keeps nothing.
+bool is_slot(int slot) {
+    return slot > 0 && static_cast<std::size_t>(slot) <= most_slots;
+}
+
+} // namespace
+
 int tls_alloc() {
-    pthread_key_t key = 0;
-    return pthread_key_create(&key, nullptr) == 0 ? static_cast<int>(key) + 1 : -1;
+    for (std::size_t i = 0; i < most_slots; ++i) {
+        std::uint32_t use = slot_uses[i].load(std::memory_order_relaxed);
+        if (use % 2 == 0 && slot_uses[i].compare_exchange_strong(use, use + 1)) {
+            return static_cast<int>(i) + 1;
+        }
+    }
+    return -1;
 }
 
 void tls_free(int slot) {
-    pthread_key_delete(static_cast<pthread_key_t>(slot - 1));
+    if (is_slot(slot)) {
+        ++slot_uses[slot - 1];
+    }
 }
 
 void* tls_get(int slot) {
-    return pthread_getspecific(static_cast<pthread_key_t>(slot - 1));
+    if (!is_slot(slot)) {
+        return nullptr;
+    }
+    const OwnSlot& own = own_slots[slot - 1];
+    return own.use == slot_uses[slot - 1].load(std::memory_order_relaxed) ? own.value : nullptr;
 }
 
 void tls_set(int slot, void* value) {
-    pthread_setspecific(static_cast<pthread_key_t>(slot - 1), value);
+    if (!is_slot(slot)) {
+        return;
+    }
+    own_slots[slot - 1] = {slot_uses[slot - 1].load(std::memory_order_relaxed), value};
 }
 
 namespace {
 
-// In the static block of thread-local storage, which needs no allocation on first use.
 thread_local std::uint32_t own_thread_id __attribute__((tls_model("initial-exec"))) = 0;
 
 } // namespace
