@@ -93,7 +93,20 @@ TEST_F(Pool, SurvivesThousandsOfRefusedPages) {
     ASSERT_NE(slot, nullptr);
     EXPECT_EQ(tiny::block_in(tiny::page_of(slot))->BlockIndex(), 20000);
     EXPECT_EQ(tiny::take_census().lost_indices, 20000U);
-}
+    // An index that is lost after its page was given back keeps a link, which is larger than any offset in a
+    // page by now, and still no page.
+    std::vector<void*> slots;
+    for (int i = 0; i < 3 * 31; ++i) {
+        slots.push_back(pool().Alloc(128, false));
+    }
+    for (void* const each : slots) {
+        pool().Free(each);
+    }
+    ASSERT_EQ(tiny::take_census().free_indices, 2U);
+    watch.refuse_every = 1;
+    EXPECT_EQ(pool().Alloc(40, false), nullptr);
+    EXPECT_EQ(tiny::take_census().lost_indices, 20001U);
+} // and the pool ends
 
 // With the counter raised as by another thread, and no event to be had. Each entry that locks tells
 // four times: no event and no wait, and no event and no wake-up.
