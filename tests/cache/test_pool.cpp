@@ -213,6 +213,23 @@ TEST(CachePool, DoesNotSeeThatAnEmptiedClusterGotNoMemory) {
     EXPECT_EQ(own.census().lost_clusters, 1);
 }
 
+// Its neighbours on the lists by size are those of its life before, and have moved on.
+TEST(CachePool, LeavesOtherClustersListedWhenAnEmptiedOneGotNoMemory) {
+    OwnPool own;
+    const std::vector<ID> ids = fill(own, 3);
+    own->Free(ids[14]);
+    own->Free(ids[44]);
+    for (std::size_t i = 29; i >= 15;
+         --i) { // cluster 2 comes before cluster 3, and is emptied there
+        own->Free(ids[i]);
+    }
+    EXPECT_EQ(cluster_of(own->Alloc(16384)), 3); // and leaves that list, to be behind cluster 1
+    EXPECT_EQ(cluster_of(own->Alloc(16384)), 1);
+    own.allocator.refuse_every = 1;
+    EXPECT_TRUE(own->Alloc(16384).IsNull());
+    EXPECT_STREQ(own.census().fault, nullptr);
+}
+
 TEST(CachePool, PrefersTheCurrentClusterThenTheListsBySize) {
     OwnPool own;
     std::vector<ID> ids = fill(own, 3); // each cluster has 4020 words left
