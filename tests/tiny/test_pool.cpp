@@ -55,9 +55,17 @@ TEST_F(Pool, ReportsAPointerThatIsNoSlotAndGoesOn) {
     pool().Free(first - 104 + 8); // in the tag: two reports, and the second word is overwritten
     EXPECT_EQ(recorded_fatal_errors(), before + 2);
     EXPECT_FALSE(tiny::is_page(tiny::page_of(first)));
+    for (const bool lock : {false, true}) { // a slot of a page that is not recognised any more
+        mem_TBPool::ThreadLock(lock);
+        pool().Free(first + 8);
+        EXPECT_EQ(pool().Alloc(16, lock), first + 8);
+    }
+    EXPECT_EQ(recorded_fatal_errors(), before + 6)
+        << "the tag each time, and its place in the chain";
+    EXPECT_EQ(tiny::TestAccess::lock().count, 0);
     tiny::page_of(first)->mark = tiny::page_tag;
     pool().Alloc(16, false); // takes the tag for a slot, and says so
-    EXPECT_EQ(recorded_fatal_errors(), before + 4);
+    EXPECT_EQ(recorded_fatal_errors(), before + 8);
     tiny::page_of(first)->mark = tiny::page_tag;
     test::reset_pool(); // sound or not
 }
