@@ -8,6 +8,7 @@
 #   ./test.sh soak [N]   what takes longer, about N minutes (60): threads under stress on every back end, plainly,
 #                        under TSan and under Wine; the fuzzers; every n-th system call failing; systems that
 #                        give little; clang-tidy
+#   ./test.sh coverage   what of the sources runs in the tests on Linux and with what the fuzzers of a soak kept
 #   ./test.sh programs   programs that nobody here wrote under kxmrun (Linux; some minutes)
 #
 # Missing Debian packages are installed (as root or through sudo), or named.
@@ -112,6 +113,21 @@ soak() {
     analyse_further
 }
 
+coverage() {
+    build linux-coverage
+    profiles=$PWD/build/linux-coverage/profiles
+    rm -rf "$profiles"
+    mkdir "$profiles"
+    export LLVM_PROFILE_FILE="$profiles/%m%c.profraw"
+    ctest --preset linux-coverage -j "$(nproc)" --output-on-failure --no-tests=error
+    for target in heap tiny cache recorder memtrack; do
+        findings=build/linux-fuzz/findings-$target
+        [ ! -d "$findings" ] ||
+            TMPDIR=/dev/shm build/linux-coverage/tests/bin/fuzz_$target -runs=0 -verbosity=0 "$findings"
+    done
+    python3 -B tests/coverage.py build/linux-coverage "$profiles" build/linux-coverage/unreached.txt
+}
+
 what=${1:-both}
 minutes=60
 case $#:$what in
@@ -129,7 +145,7 @@ case $minutes in
     ;;
 esac
 case $what in
-both | linux | windows | check | soak) ;;
+both | linux | windows | check | soak | coverage) ;;
 programs)
     mkdir -p build
     on_programs
@@ -151,7 +167,7 @@ need_test_packages
 # A test run is not to pass because a part was left out of the build.
 configure_options="-DKXM_MEMTRACK_HTML=ON -DKXM_MAN_PAGES=ON -DKXM_EXAMPLE_MPI=ON"
 case $what in
-windows | soak) ;;
+windows | soak | coverage) ;;
 *) need_browser_packages ;;
 esac
 case $what in
@@ -170,6 +186,11 @@ check)
     on_linux linux-check
     on_linux linux-tsan
     on_windows
+    ;;
+coverage)
+    need_packages clang-14 libclang-rt-14-dev llvm-14
+    coverage
+    exit
     ;;
 soak)
     need_check_packages
