@@ -4,7 +4,8 @@
     coverage.py BUILD_FOLDER PROFILES UNREACHED
 
 PROFILES is the folder that the programs of the build wrote to (LLVM_PROFILE_FILE=PROFILES/%m%c.profraw: counters lie in
-the file itself, so that a process that is killed loses none). UNREACHED is written: a line for each function, condition
+the file itself, so that a process that is killed loses none; what ran before they were laid there is lost: the start of a library that is
+loaded, but for programs that are run once more with PROFILES/exit-%m.profraw, which is written as they exit). UNREACHED is written: a line for each function, condition
 or direction of a condition that never ran, as "file:line: what | source".
 """
 
@@ -20,7 +21,7 @@ COUNTS = ("functions", "lines", "branches")
 
 
 def objects(build):
-    """Programs and libraries that carry counters, but for the tests' own small children."""
+    """Programs and libraries that carry counters."""
     for folder in ("bin", "lib*/**", "tests/bin"):
         for file in build.glob(folder + "/*"):
             if file.is_file() and not file.is_symlink() and file.read_bytes()[:4] == b"\x7fELF":
