@@ -164,6 +164,22 @@ TEST(CachePool, ReportsAPassThroughBlockThatMoved) {
     EXPECT_EQ(own.census().empty_blocks, 2);
 }
 
+TEST(CachePool, ReportsAPassThroughBlockThatIsReleasedTwice) {
+    OwnPool own;
+    const ID first = own->Alloc(20000), second = own->Alloc(20000);
+    const int before = recorded_fatal_errors();
+    for (const ID id :
+         {first, second, second, first}) { // the latter two from the head and the end of the list
+        own->Free(id);
+    }
+    EXPECT_EQ(recorded_fatal_errors(), before + 2);
+    EXPECT_STREQ(recorded_fatal_text(), "AssertionFailed:blk->BlockType() == mem_BLK_PASSTHRU");
+    EXPECT_EQ(own.census().empty_blocks, 2);
+    EXPECT_STREQ(own.census().fault, nullptr);
+    EXPECT_EQ(own->Alloc(20000), first);
+    EXPECT_EQ(own->Alloc(20000), second);
+}
+
 TEST(CachePool, GivesAClusterBackWithItsLastAllocationAndUsesItsIndexAgain) {
     OwnPool own;
     std::vector<ID> ids = fill(own, 3);
