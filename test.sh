@@ -9,6 +9,7 @@
 #                        plainly, under TSan and under Wine, half of them the fuzzers. Before that, as long as it
 #                        takes, every n-th system call failing, systems that give little and disks that fill up;
 #                        behind it clang-tidy. Each part tells how long it took.
+#   ./test.sh coverage   what of the sources runs in the tests on Linux and with what the fuzzers of a soak kept
 #   ./test.sh programs   programs that nobody here wrote under kxmrun (Linux; some minutes)
 #
 # Missing Debian packages are installed (as root or through sudo), or named.
@@ -131,6 +132,23 @@ soak() {
     part
 }
 
+coverage() {
+    build linux-coverage
+    profiles=$PWD/build/linux-coverage/profiles
+    rm -rf "$profiles"
+    mkdir "$profiles"
+    export LLVM_PROFILE_FILE="$profiles/%m%c.profraw"
+    ctest --preset linux-coverage -j "$(nproc)" --output-on-failure --no-tests=error
+    # What happens at load is counted only where the counts are written in the end.
+    LLVM_PROFILE_FILE="$profiles/exit-%m.profraw" ctest --preset linux-coverage -R 'test_(frame|objects|client|tracking)'
+    for target in heap tiny cache recorder memtrack; do
+        findings=build/linux-fuzz/findings-$target
+        [ ! -d "$findings" ] ||
+            TMPDIR=/dev/shm build/linux-coverage/tests/bin/fuzz_$target -runs=0 -verbosity=0 "$findings"
+    done
+    python3 -B tests/coverage.py build/linux-coverage "$profiles" build/linux-coverage/unreached.txt
+}
+
 what=${1:-both}
 minutes=60
 case $#:$what in
@@ -148,7 +166,7 @@ case $minutes in
     ;;
 esac
 case $what in
-both | linux | windows | check | soak) ;;
+both | linux | windows | check | soak | coverage) ;;
 programs)
     mkdir -p build
     on_programs
@@ -170,7 +188,7 @@ need_test_packages
 # A test run is not to pass because a part was left out of the build.
 configure_options="-DKXM_MEMTRACK_HTML=ON -DKXM_MAN_PAGES=ON -DKXM_EXAMPLE_MPI=ON"
 case $what in
-windows | soak) ;;
+windows | soak | coverage) ;;
 *) need_browser_packages ;;
 esac
 case $what in
@@ -189,6 +207,11 @@ check)
     on_linux linux-check
     on_linux linux-tsan
     on_windows
+    ;;
+coverage)
+    need_packages clang-14 libclang-rt-14-dev llvm-14
+    coverage
+    exit
     ;;
 soak)
     need_check_packages

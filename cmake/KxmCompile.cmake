@@ -1,4 +1,5 @@
-# How our own code is compiled: kxm_compile(target) sets warnings, debug information and sanitizers.
+# How our own code is compiled: kxm_compile(target) sets warnings, debug information, sanitizers and
+# the counting of coverage.
 
 set(KXM_CXX_WARNINGS
     -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wsign-conversion -Wold-style-cast -Wundef
@@ -25,5 +26,10 @@ function(kxm_compile target)
       $<$<COMPILE_LANGUAGE:CXX>:-fsanitize=${KXM_SANITIZE} -fno-sanitize-recover=all
       -fno-omit-frame-pointer>)
     target_link_options(${target} PRIVATE -fsanitize=${KXM_SANITIZE})
+  endif()
+  if(KXM_COVERAGE) # counters that can lie in the file itself, so that a process that is killed loses none
+    target_compile_options(${target} PRIVATE $<$<COMPILE_LANGUAGE:CXX>:-fprofile-instr-generate
+      -fcoverage-mapping -mllvm -runtime-counter-relocation>)
+    target_link_options(${target} PRIVATE $<$<LINK_LANGUAGE:CXX>:-fprofile-instr-generate>)
   endif()
 endfunction()

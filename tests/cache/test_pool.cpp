@@ -164,6 +164,22 @@ TEST(CachePool, ReportsAPassThroughBlockThatMoved) {
     EXPECT_EQ(own.census().empty_blocks, 2);
 }
 
+TEST(CachePool, ReportsAPassThroughBlockThatIsReleasedTwice) {
+    OwnPool own;
+    const ID first = own->Alloc(20000), second = own->Alloc(20000);
+    const int before = recorded_fatal_errors();
+    for (const ID id :
+         {first, second, second, first}) { // the latter two from the head and the end of the list
+        own->Free(id);
+    }
+    EXPECT_EQ(recorded_fatal_errors(), before + 2);
+    EXPECT_STREQ(recorded_fatal_text(), "AssertionFailed:blk->BlockType() == mem_BLK_PASSTHRU");
+    EXPECT_EQ(own.census().empty_blocks, 2);
+    EXPECT_STREQ(own.census().fault, nullptr);
+    EXPECT_EQ(own->Alloc(20000), first);
+    EXPECT_EQ(own->Alloc(20000), second);
+}
+
 TEST(CachePool, GivesAClusterBackWithItsLastAllocationAndUsesItsIndexAgain) {
     OwnPool own;
     std::vector<ID> ids = fill(own, 3);
@@ -211,6 +227,23 @@ TEST(CachePool, DoesNotSeeThatAnEmptiedClusterGotNoMemory) {
     EXPECT_EQ(recorded_fatal_errors(), before + 1);
     EXPECT_EQ(own.census().fault, nullptr);
     EXPECT_EQ(own.census().lost_clusters, 1);
+}
+
+// Its neighbours on the lists by size are those of its life before, and have moved on.
+TEST(CachePool, LeavesOtherClustersListedWhenAnEmptiedOneGotNoMemory) {
+    OwnPool own;
+    const std::vector<ID> ids = fill(own, 3);
+    own->Free(ids[14]);
+    own->Free(ids[44]);
+    for (std::size_t i = 29; i >= 15;
+         --i) { // cluster 2 comes before cluster 3, and is emptied there
+        own->Free(ids[i]);
+    }
+    EXPECT_EQ(cluster_of(own->Alloc(16384)), 3); // and leaves that list, to be behind cluster 1
+    EXPECT_EQ(cluster_of(own->Alloc(16384)), 1);
+    own.allocator.refuse_every = 1;
+    EXPECT_TRUE(own->Alloc(16384).IsNull());
+    EXPECT_STREQ(own.census().fault, nullptr);
 }
 
 TEST(CachePool, PrefersTheCurrentClusterThenTheListsBySize) {

@@ -293,6 +293,7 @@ TEST_F(Heap, ResizeInPlaceAndByMoving) {
     char* const moved = static_cast<char*>(dlrealloc(a, 2000));
     EXPECT_NE(moved, a) << "a free neighbour in a bin is never taken";
     EXPECT_TRUE(all_bytes(moved, 120, 9));
+    EXPECT_EQ(dlmalloc_usable_size(a), 0U) << "not in use";
     dlfree(moved);
     dlfree(b);
     test::reset_heap();

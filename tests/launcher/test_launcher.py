@@ -103,6 +103,15 @@ class Launcher(unittest.TestCase):
         self.assertIn("Failed: 1 request", list(self.recordings(again).values())[0])
         self.assertIn("refused by the limit", again.stderr)
 
+    def test_every_way_to_be_replaced_ends_a_recording(self):
+        for end in "q_":
+            result = self.ran([KXMRUN, "--track-dir", self.folder, "--", victim("launcher_replaced"), "vpPefalLE" + end,
+                               "x"], status=3)
+            reports = self.recordings(result)
+            self.assertEqual(len(reports), 10, result.stderr)
+            for report in reports.values():
+                self.assertIn("Not released: ", report)
+
     def test_each_process_has_a_recording_of_its_own(self):
         work = victim("launcher_work_arrays")
         result = self.ran([KXMRUN, "--track-dir", self.folder, "--track-name", "run%%.%r.%p", "--", "/bin/sh", "-c",
@@ -170,8 +179,14 @@ class Launcher(unittest.TestCase):
             result = self.ran([KXMRUN, "--", command], status=2)
             self.assertIn(words, result.stderr)
         for wrong in ([], ["--limit", "5X", "--", "true"], ["--backend", "c", "--limit", "1G", "--", "true"], ["true"],
-                      ["--track-name", "a%q", "--", "true"], ["--no-such", "--", "true"]):
+                      ["--track-name", "a%q", "--", "true"], ["--no-such", "--", "true"],
+                      *([option, "--", "true"] for option in (
+                          "--track-name=a/b", "--track-name=%", "--limit=", "--limit=M", "--limit=64Mi", "--limit=1023K",
+                          "--limit=8388608T", "--limit=99999999999999999999", "--granularity=32K", "--granularity=65537"))):
             self.assertTrue(self.ran([KXMRUN, *wrong], status=2).stderr)
+        for size in "8388608", "8192K", "8MiB":
+            self.assertIn("by the limit of 8388608 bytes", self.ran(
+                [KXMRUN, "--limit", size, "--", victim("launcher_work_arrays")]).stderr)
         self.ran([KXMRUN, "--track-dir", "/proc/nowhere", "--", "/bin/sh", "-c", f"touch {trace}"], status=2)
         self.assertFalse(os.path.exists(trace))
         self.ran([KXMRUN, "--", made("good", script)])

@@ -105,6 +105,29 @@ std::string phase_table(Input& input) {
     return file;
 }
 
+// Events of few bytes each, most of which have to do with events before them. Addresses are few and touch.
+std::string events_in_brief(Input& input) {
+    const unsigned count = input.byte(), claimed = input.byte();
+    std::string file = word(static_cast<std::int32_t>(claimed < 250 ? count + 1 : claimed));
+    std::int32_t id = 0;
+    for (unsigned i = 0; i <= count && input.is_left(); ++i) {
+        const unsigned what = input.byte(), more = input.byte(), where = input.byte();
+        memtrack::Transaction event;
+        event.type = static_cast<memtrack::Type>(what % 10); // the last is none
+        event.stack = static_cast<std::int32_t>(what / 10 % 6) - 1;
+        event.thread = static_cast<std::int32_t>(what / 60);
+        event.pointer = where % 32 * std::uint64_t{64};
+        event.old_pointer = event.type == memtrack::Type::realloc_ ? input.byte() % 32 * 64 : 0;
+        event.size = more < 200   ? more
+                     : more < 255 ? std::uint64_t{1} << (more - 200)
+                                  : memtrack::no_size;
+        id += where < 224 ? 0 : static_cast<std::int32_t>(where) - 240; // gaps, and back
+        event.id = id++;
+        file.append(reinterpret_cast<const char*>(&event), sizeof event);
+    }
+    return file;
+}
+
 // So that a file behind it is read. It costs much, so three bytes, not one, ask for it.
 const std::shared_ptr<const std::string>& full_file() {
     static const auto bytes = std::make_shared<const std::string>(
@@ -123,6 +146,9 @@ void write_files(MemoryFiles& files, const std::string& base, Input& input) {
             break;
         case 1:
             files.put(base + ".phase_thr1_" + number, input.some(4 + input.byte() * 8));
+            break;
+        case 2:
+            files.put(base + ".memT" + number, events_in_brief(input));
             break;
         default:
             if (which == 255 && input.byte() == 0x10 && input.byte() == 0x32) {

@@ -97,6 +97,57 @@ TEST_F(Program, TellsTheFiguresOfARun) {
     }
 }
 
+TEST_F(Program, PutsTheSameInWords) {
+    std::string phase_events = test::word(4);
+    for (const char* name : {"out", "in", "", ""}) {
+        std::string event = name;
+        event.resize(128);
+        event[124] = *name != '\0' ? 1 : 0;
+        phase_events += event;
+    }
+    test::write_bytes(base_ + ".phase_thr3_0", phase_events);
+    const std::vector<std::pair<std::vector<std::string>, const char*>> told{
+        {{"phases", "-n", "2"},
+         "      2    0 bytes    5.88 KiB    24 bytes   6.37 KiB    24 bytes   5.88 KiB    24 bytes "
+         "  1.00 KiB"
+         "    24 bytes   1.00 KiB  ROOT\n"
+         "      1   24 bytes    1.00 KiB    1.46 KiB   1.46 KiB  1000 bytes 1000 bytes  1000 bytes "
+         "1000 bytes"
+         "  1000 bytes 1000 bytes    w\xc3\xb6rk\n"
+         "  ... and 1 more (-n 0 shows all)\n"},
+        {{"phases", "--events"},
+         "thread 3   before event          0  enter out\n"
+         "thread 3   before event          0    enter in\n"
+         "thread 3   before event          0    exit \n"
+         "thread 3   before event          0  exit \n"},
+        {{"peak", "-n", "1"},
+         "Peak: 5.88 KiB (6 024 bytes) in 3 blocks, at event 3\n"
+         "      (malloc of 4.88 KiB, thread 0, ROOT->q\"uo\\te?\xff)\n\n"
+         "By phase:\n"
+         "      4.88 KiB   83.0 %            1 block   ROOT->q\"uo\\te?\xff\n"
+         "  ... and 2 more (-n 0 shows all)\n\n"
+         "By thread:\n"
+         "      4.91 KiB   83.4 %  thread 0\n"
+         "    1000 bytes   16.6 %  thread 1\n\n"
+         "By size, in bytes:\n"
+         "              16 - 31                        1      24 bytes  "
+         "##############################\n"},
+        {{"replay", "-r", "1"},
+         ": 7 events of 2 threads, replayed on one thread in the order of their ids; 5.88 KiB held "
+         "at the peak\n"
+         "  1 request was refused when it was recorded, and is left out\n"
+         "Each replay in a new process; medians of 1; pages of blocks touched\n\n"},
+        {{"replay", "-r", "1"},
+         "\nheap: its own highest footprint, which a limit has to be above: 65 536 bytes\n"},
+    };
+    for (auto [arguments, words] : told) {
+        arguments.push_back(base_);
+        const test::ChildResult run = call(arguments);
+        EXPECT_NE(run.out.find(words), std::string::npos) << words << "is not in\n"
+                                                          << run.out << run.err;
+    }
+}
+
 TEST_F(Program, FiltersEvents) {
     EXPECT_EQ(events({}), "0123456");
     EXPECT_EQ(events({"--id", "2..4"}), "234");

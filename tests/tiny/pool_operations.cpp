@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "KXMBasMem.h"
+#include "heap/heap_walk.h"
 #include "history_reader.h"
 #include "pool_fixture.h"
 #include "tiny/pool_walk.h"
@@ -154,6 +155,7 @@ public:
 
     std::string run() {
         reset_pool();
+        const heap::Census before = heap::take_census();
         mem_TBAllocator(1);
         while (!reader_.done() && fault_.empty()) {
             ++step_;
@@ -161,11 +163,19 @@ public:
             prove();
         }
         watch_.refuse_every = 0;
-        while (!blocks_.empty() && fault_.empty()) {
-            release(blocks_.size() - 1);
+        const bool leaves_some = step_ % 2 == 0; // which end with the pool
+        for (std::size_t at = blocks_.size(); at-- > 0 && fault_.empty();) {
+            if (!leaves_some || blocks_[at].room == 0) {
+                release(at);
+            }
         }
         prove();
         reset_pool();
+        const heap::Census after = heap::take_census();
+        expect(after.fault == nullptr, "the heap is broken");
+        expect(after.segments != before.segments || // each of which has chunks of its own
+                   after.chunks - after.free_chunks == before.chunks - before.free_chunks,
+               "the pool did not give everything back");
         return fault_.empty() ? "" : fault_ + " at operation " + std::to_string(step_);
     }
 
@@ -227,7 +237,7 @@ private:
 
     void allocate_outside(std::size_t way, std::size_t size) {
         newDeleteTinyBlock(false);
-        adopt(way % 2 == 0 ? mem_Malloc(size) : mem_Calloc(size, 1), size, 0);
+        adopt(way == 0 ? mem_Malloc(size) : mem_Calloc(size, 1), size, 0);
         newDeleteTinyBlock(true);
     }
 
@@ -306,7 +316,11 @@ private:
                 }
                 break;
             case 6:
-                allocate_outside(i, size);
+                if (count % 4 < 2) {
+                    allocate_outside(count % 4, size);
+                } else {
+                    mem_TBThreadLock(count % 4 == 2);
+                }
                 return;
             default:
                 watch_.refuse_every = size % 8;

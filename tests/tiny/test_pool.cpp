@@ -57,9 +57,17 @@ TEST_F(Pool, ReportsAPointerThatIsNoSlotAndGoesOn) {
     pool().Free(first - 104 + 8); // in the tag: two reports, and the second word is overwritten
     EXPECT_EQ(recorded_fatal_errors(), before + 2);
     EXPECT_FALSE(tiny::is_page(tiny::page_of(first)));
+    for (const bool lock : {false, true}) { // a slot of a page that is not recognised any more
+        mem_TBPool::ThreadLock(lock);
+        pool().Free(first + 8);
+        EXPECT_EQ(pool().Alloc(16, lock), first + 8);
+    }
+    EXPECT_EQ(recorded_fatal_errors(), before + 6)
+        << "the tag each time, and its place in the chain";
+    EXPECT_EQ(tiny::TestAccess::lock().count, 0);
     tiny::page_of(first)->mark = tiny::page_tag;
     pool().Alloc(16, false); // takes the tag for a slot, and says so
-    EXPECT_EQ(recorded_fatal_errors(), before + 4);
+    EXPECT_EQ(recorded_fatal_errors(), before + 8);
     tiny::page_of(first)->mark = tiny::page_tag;
     test::reset_pool(); // sound or not
 }
@@ -150,7 +158,20 @@ TEST_F(Pool, SurvivesThousandsOfRefusedPages) {
     ASSERT_NE(slot, nullptr);
     EXPECT_EQ(tiny::block_in(tiny::page_of(slot))->BlockIndex(), 20000);
     EXPECT_EQ(tiny::take_census().lost_indices, 20000U);
-}
+    // An index that is lost after its page was given back keeps a link, which is larger than any offset in a
+    // page by now, and still no page.
+    std::vector<void*> slots;
+    for (int i = 0; i < 3 * 31; ++i) {
+        slots.push_back(pool().Alloc(128, false));
+    }
+    for (void* const each : slots) {
+        pool().Free(each);
+    }
+    ASSERT_EQ(tiny::take_census().free_indices, 2U);
+    watch.refuse_every = 1;
+    EXPECT_EQ(pool().Alloc(40, false), nullptr);
+    EXPECT_EQ(tiny::take_census().lost_indices, 20001U);
+} // and the pool ends
 
 // With the counter raised as by another thread, and no event to be had. Each entry that locks tells
 // four times: no event and no wait, and no event and no wake-up.

@@ -488,6 +488,10 @@ mem_Cluster* mem_CachePool::NewCluster() {
         mem_Cluster* const clstr = Cluster(m_firstEmptyCluster);
         require(clstr->IsFree(), "AssertionFailed:clstr->IsFree()", source);
         DropEmptyCluster(clstr);
+        // Its links by size are of its life before. Unlinking it by them would cut off clusters that have
+        // moved on since, should it get no memory, which Initialize leaves as it is.
+        clstr->SetNextCluster(mem_RGN_VARIABLE, none);
+        clstr->SetLastCluster(mem_RGN_VARIABLE, none);
         clstr->Initialize(m_allocator); // whether it got its memory is not looked at: meant
         return clstr;
     }

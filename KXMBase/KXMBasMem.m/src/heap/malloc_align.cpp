@@ -15,7 +15,8 @@ namespace {
 
 constexpr std::size_t highest_power = std::size_t{1} << 63;
 
-// The chunk of the first aligned place in the block that leaves room for a whole chunk in front.
+// The chunk of the first aligned place in the block that leaves room for a whole chunk in front; that is the
+// first one, as long as no chunk is smaller than what blocks are aligned to.
 malloc_chunk* aligned_chunk(const malloc_chunk* p, std::size_t alignment) {
     const std::uintptr_t mem = address_of(p) + 16;
     const std::uintptr_t aligned = (mem + alignment - 1) & ~(alignment - 1);
@@ -52,6 +53,7 @@ void cut_leader(Parts& parts, std::size_t alignment) {
 void cut_tail(Parts& parts, std::size_t nb) {
     malloc_chunk* const p = parts.block;
     const std::size_t size = chunk_size(p);
+    // What was asked for the alignment exceeds the longest leader by a chunk, so that there always is a tail.
     if (is_mmapped(p) || size <= nb + MIN_CHUNK_SIZE) {
         return;
     }

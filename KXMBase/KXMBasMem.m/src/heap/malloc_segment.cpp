@@ -53,7 +53,8 @@ void add_segment(char* base, std::size_t size, std::uint32_t mark) {
     static_assert(pad_request(sizeof(malloc_segment)) + 32 + CHUNK_ALIGN_MASK == 159);
     malloc_chunk* record = chunk_at<malloc_chunk>(raw + align_offset(raw + 16));
     if (address_of(record) < address_of(old_top) + MIN_CHUNK_SIZE) {
-        record = old_top; // too close to leave a chunk in front
+        record =
+            old_top; // too close to leave a chunk in front: not with the room kept behind a top
     }
 
     init_top(chunk_at<malloc_chunk>(address_of(base)), size - TOP_FOOT_SIZE);

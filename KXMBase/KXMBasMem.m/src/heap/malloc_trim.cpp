@@ -20,6 +20,7 @@ std::size_t trim_top(std::size_t pad) {
     const std::size_t unit = params.granularity;
     const std::size_t extra = ((state.topsize - pad + unit - 1) / unit - 1) * unit;
     malloc_segment* const sp = segment_holding(state.top);
+    // The last two do not come to pass: the top ends its segment, and each record lies in its own.
     if (!is_own_mapping(sp) || sp->size < extra || has_segment_link(sp)) {
         return 0;
     }

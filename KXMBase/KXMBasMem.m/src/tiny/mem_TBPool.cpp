@@ -171,10 +171,8 @@ mem_TBPool::~mem_TBPool() {
         i = next - 1;
     }
     for (int i = 0; i < m_blockCount; ++i) {
-        mem_Block* const entry = m_blocks.BlockOrNull(i);
-        // An index whose page could not be had keeps what stood there, perhaps a link of the stack.
-        if (reinterpret_cast<std::uintptr_t>(entry) >= tiny::page_bytes) {
-            DeleteBlock(entry);
+        if (IsPage(i)) {
+            DeleteBlock(m_blocks.Block(i));
         }
     }
     for (mem_FixedBlock*& page : tiny::first_page) {
@@ -230,6 +228,13 @@ KXM_ALWAYS_INLINE void mem_TBPool::LinkAtHead(mem_FixedBlock* block, mem_RegionT
 // A page that left its list when it was full comes back to the head. pre: it is on no list.
 KXM_NEVER_INLINE void mem_TBPool::LinkUnlisted(mem_FixedBlock* block) {
     Instance().LinkAtHead(block, block->RegionQuick()->RegionType(), block->BlockIndex());
+}
+
+// An index whose page could not be had keeps what stood there, perhaps a link of the stack, which is at
+// most the count; a page lies far above it.
+bool mem_TBPool::IsPage(int index) const {
+    return reinterpret_cast<std::uintptr_t>(m_blocks.BlockOrNull(index)) >
+           static_cast<std::uintptr_t>(m_blockCount);
 }
 
 mem_FixedBlock* mem_TBPool::CreateBlock(mem_RegionTypeEnm type, int& index) {

@@ -123,6 +123,7 @@ private:
     void FreeFromBlock(mem_FixedBlock* block, int offset);
     void DropBlock(mem_FixedBlock* block);
     void DeleteBlock(mem_Block* block);
+    bool IsPage(int index) const;
     mem_FixedBlock* GetBlock(int index) const {
         return static_cast<mem_FixedBlock*>(m_blocks.Block(index));
     }

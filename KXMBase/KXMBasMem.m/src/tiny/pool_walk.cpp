@@ -56,8 +56,7 @@ struct Inspector {
     void walk_free_indices() {
         for (int i = pool.m_freeIndex - 1; i != -1; i = static_cast<int>(entry(i)) - 1) {
             if (!holds(is_index(i) && kind(i) == Kind::lost, "stack of free indices", i) ||
-                !holds(entry(i) <= static_cast<std::uintptr_t>(pool.m_blockCount),
-                       "free index with a page", i)) {
+                !holds(!pool.IsPage(i), "free index with a page", i)) {
                 return;
             }
             kind(i) = Kind::free;
@@ -114,10 +113,10 @@ struct Inspector {
         walk_free_indices();
         for (int i = 0; i < pool.m_blockCount && census.fault == nullptr; ++i) {
             if (kind(i) == Kind::lost) {
-                if (entry(i) < page_bytes) {
-                    ++census.lost_indices;
-                } else {
+                if (pool.IsPage(i)) {
                     walk_page(i);
+                } else {
+                    ++census.lost_indices;
                 }
             }
         }

@@ -1,0 +1,118 @@
+// What Linux alone has to see to: UTF-16, and memory of others where ours should go.
+#include "platform/linux/utf16.h"
+#include "platform/os.h"
+
+#include <cstring>
+#include <gtest/gtest.h>
+#include <random>
+#include <string>
+#include <sys/mman.h>
+#include <vector>
+
+namespace {
+
+std::string there_and_back(const std::string& text) {
+    unsigned short wide[64];
+    char back[64];
+    os::utf16_of(text.c_str(), wide, 64);
+    return os::utf8_of(wide, back, sizeof back) ? back : "does not fit";
+}
+
+TEST(Utf16, AnyBytesComeBack) {
+    for (const char* text :
+         {"\x7f\xc2\x80\xdf\xbf\xe0\xa0\x80\xef\xbf\xbf", "\xf0\x90\x80\x80\xf4\x8f\xbf\xbf",
+          "\xf0\x9f\xb2\x80", // whose second half is in the range that stands for single bytes
+          "\xc0\xaf", "\xe0\x9f\xbf", "\xf0\x8f\xbf\xbf", // longer than needed
+          "\xed\xb2\x80", "\xed\xa0\xbd\xed\xb2\x80", "\xf4\x90\x80\x80", "\xf5", "\xf0\x9f\xb2"}) {
+        EXPECT_EQ(there_and_back(text), text);
+    }
+    std::mt19937 random(1);
+    for (int i = 0; i < 100000; ++i) {
+        std::string text;
+        for (std::size_t left = random() % 12; left > 0; --left) {
+            const char likely[] = "\x80\xbf\x90\x9f\xc2\xe0\xed\xef\xf0\xf4";
+            const auto number = static_cast<std::uint32_t>(random());
+            text +=
+                number % 2 == 0 ? likely[number / 2 % 10] : static_cast<char>(1 + number / 2 % 255);
+        }
+        ASSERT_EQ(there_and_back(text), text) << testing::PrintToString(text);
+    }
+}
+
+TEST(Utf16, IsCutBetweenCharactersAndKeepsItsBounds) {
+    const std::string text = "a\xc3\xb6\xe4\xb8\xad\xf0\x9f\x98\x80z"; // 1, 2, 3 and 4 bytes, and 1
+    unsigned short wide[8];
+    for (std::size_t capacity = 1; capacity <= 8; ++capacity) {
+        const std::size_t whole[] = {0, 1, 2, 3, 3, 5, 6, 6};
+        EXPECT_EQ(os::utf16_of(text.c_str(), wide, capacity), whole[capacity - 1]);
+        EXPECT_EQ(wide[whole[capacity - 1]], 0);
+    }
+    std::string back(text.size() + 2, '#');
+    for (std::size_t capacity = 1; capacity <= text.size() + 1; ++capacity) {
+        EXPECT_EQ(os::utf8_of(wide, back.data(), capacity), capacity == text.size() + 1)
+            << capacity;
+        EXPECT_EQ(back[capacity], '#');
+    }
+    constexpr unsigned short unpaired[][3] = {{0xd800}, {0xd83d, 'x'}, {0xdc00, 0xd83d}, {0xdd00}};
+    for (const auto& wrong : unpaired) {
+        EXPECT_FALSE(os::utf8_of(wrong, back.data(), 8));
+    }
+}
+
+constexpr std::size_t unit = 65536;
+
+// Something of another's at exactly this place.
+class Foreign {
+public:
+    explicit Foreign(std::uintptr_t place)
+        : memory_(mmap(reinterpret_cast<void*>(place), unit, PROT_NONE,
+                       MAP_PRIVATE | MAP_ANONYMOUS | MAP_FIXED_NOREPLACE, -1, 0)) {
+        EXPECT_EQ(reinterpret_cast<std::uintptr_t>(memory_), place);
+    }
+    ~Foreign() { munmap(memory_, unit); }
+    Foreign(const Foreign&) = delete;
+    Foreign& operator=(const Foreign&) = delete;
+
+private:
+    void* memory_;
+};
+
+std::uintptr_t allocated(os::Placement placement, std::vector<void*>& all) {
+    void* const memory = os::vm_allocate(unit, placement);
+    EXPECT_NE(memory, nullptr);
+    std::memset(memory, 1, unit);
+    all.push_back(memory);
+    return reinterpret_cast<std::uintptr_t>(memory);
+}
+
+TEST(ForeignMemory, IsPassedByAndSegmentsGoOnBehindIt) {
+    constexpr std::uintptr_t leap = std::uintptr_t{64} << 30;
+    std::vector<void*> all;
+    const std::uintptr_t segment = allocated(os::Placement::segment, all);
+    {
+        const Foreign next(segment + unit);
+        const std::uintptr_t beyond = allocated(os::Placement::segment, all);
+        EXPECT_EQ(beyond, segment + unit + leap);
+        EXPECT_EQ(allocated(os::Placement::segment, all), beyond + unit);
+        const Foreign behind(beyond + 2 * unit), first(beyond + 2 * unit + leap),
+            second(beyond + 2 * unit + 2 * leap), third(beyond + 2 * unit + 3 * leap),
+            fourth(beyond + 2 * unit + 4 * leap);
+        const std::uintptr_t anywhere =
+            allocated(os::Placement::segment, all); // the kernel's choice
+        EXPECT_EQ(anywhere % unit, 0U);
+        EXPECT_EQ(allocated(os::Placement::segment, all) % unit, 0U);
+    }
+    const std::uintptr_t direct = allocated(os::Placement::direct, all);
+    {
+        const Foreign below(direct - unit);
+        EXPECT_EQ(allocated(os::Placement::direct, all), direct - unit - leap);
+    }
+    for (void* const memory : all) {
+        os::Region region{};
+        EXPECT_TRUE(os::vm_query(memory, region));
+        EXPECT_EQ(region.size, unit);
+        EXPECT_TRUE(os::vm_release(memory));
+    }
+}
+
+} // namespace
