@@ -39,7 +39,9 @@ void CommonOptions::add_json(CLI::App& command) {
 
 void CommonOptions::add_rows(CLI::App& command, std::size_t standard) {
     rows = standard;
-    command.add_option("-n,--rows", rows, "Rows of each list; 0: all")->capture_default_str();
+    command.add_option("-n,--rows", rows, "Rows of each list; 0: all")
+        ->check(CLI::NonNegativeNumber) // or -1 would be the highest there is
+        ->capture_default_str();
 }
 
 void CommonOptions::add_all(CLI::App& command) {
