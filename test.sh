@@ -8,8 +8,9 @@
 #   ./test.sh soak [N]   what takes longer: N minutes (60), half of them threads under stress on every back end,
 #                        plainly, under TSan and under Wine, half of them the fuzzers. Before that, as long as it
 #                        takes, every n-th system call failing, systems that give little and disks that fill up;
-#                        behind it clang-tidy. Each part tells how long it took.
+#                        behind it what analyse does. Each part tells how long it took.
 #   ./test.sh coverage   what of the sources runs in the tests on Linux and with what the fuzzers of a soak kept
+#   ./test.sh analyse    cppcheck, clang-tidy and GCC's -fanalyzer over all but the tests, as built for both systems
 #   ./test.sh programs   programs that nobody here wrote under kxmrun (Linux; some minutes)
 #
 # Missing Debian packages are installed (as root or through sudo), or named.
@@ -50,17 +51,21 @@ check_format() {
 
 analyse() {
     echo "== cppcheck"
-    cppcheck --std=c++20 --language=c++ --enable=warning,performance,portability --inline-suppr \
-        --error-exitcode=1 --quiet -j 2 --platform=unix64 \
-        -IKXMBase/ProtectedInterfaces -IKXMBase/KXMBasMem.m/src -IKX0CORE \
-        KXMBase KX0CORE bindings tools examples/elasticity
+    for platform in unix64 "win64 -D_WIN32"; do
+        # shellcheck disable=SC2086  # words are meant to split
+        cppcheck --std=c++20 --language=c++ --enable=warning,performance,portability --inline-suppr \
+            --error-exitcode=1 --quiet -j 2 --platform=$platform \
+            -IKXMBase/ProtectedInterfaces -IKXMBase/KXMBasMem.m/src -IKX0CORE \
+            KXMBase KX0CORE bindings tools examples/elasticity
+    done
 }
 
+# clang-tidy and -fanalyzer, as part of a build that stands for itself: what has not changed is not done again.
 analyse_further() {
-    echo "== clang-tidy"
-    configure_options="$configure_options -DCMAKE_EXPORT_COMPILE_COMMANDS=ON" build linux-clang
-    git ls-files -z -- 'KXMBase/*.cpp' 'KX0CORE/*.cpp' 'bindings/*.cpp' 'tools/*.cpp' 'examples/*.cpp' |
-        grep -zv /windows/ | xargs -0 -n 4 -P 2 clang-tidy-14 --quiet -p build/linux-clang
+    need_windows_packages
+    configure_options="-DKXM_EXAMPLE_MPI=ON"
+    build linux-analyse
+    build windows-analyse
 }
 
 # stress SECONDS PROGRAM...: on every back end, for that long in all.
@@ -127,7 +132,7 @@ soak() {
         TMPDIR=/dev/shm build/linux-fuzz/tests/bin/fuzz_$target -max_len=4000 -verbosity=0 -print_final_stats=1 \
             -max_total_time=$((minutes * 6)) -artifact_prefix="$findings/" "$findings" $corpus
     done
-    part "clang-tidy"
+    part "static analysis"
     analyse_further
     part
 }
@@ -166,7 +171,7 @@ case $minutes in
     ;;
 esac
 case $what in
-both | linux | windows | check | soak | coverage) ;;
+both | linux | windows | check | soak | coverage | analyse) ;;
 programs)
     mkdir -p build
     on_programs
@@ -188,7 +193,7 @@ need_test_packages
 # A test run is not to pass because a part was left out of the build.
 configure_options="-DKXM_MEMTRACK_HTML=ON -DKXM_MAN_PAGES=ON -DKXM_EXAMPLE_MPI=ON"
 case $what in
-windows | soak | coverage) ;;
+windows | soak | coverage | analyse) ;;
 *) need_browser_packages ;;
 esac
 case $what in
@@ -217,6 +222,12 @@ soak)
     need_check_packages
     need_packages clang-tidy-14
     soak "$minutes"
+    ;;
+analyse)
+    need_check_packages
+    need_packages clang-tidy-14
+    analyse
+    analyse_further
     ;;
 esac
 echo "All tests passed."

@@ -19,6 +19,7 @@ public:
     KXMBasPhaseTracker(KXMBasPhaseTracker const&) {}
     // There is nothing to assign.
     KXMBasPhaseTracker& operator=(KXMBasPhaseTracker const& other);
+    // NOLINTNEXTLINE(performance-noexcept-move-constructor): the signature is given
     KXMBasPhaseTracker& operator=(KXMBasPhaseTracker&& other);
 
     /// Opens the phase of a marker that ends in "art", of at most 40 characters with the six of

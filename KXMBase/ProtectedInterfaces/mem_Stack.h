@@ -16,6 +16,7 @@ template <class T> class KXMBASMEM_TEMPLATE mem_Stack {
 public:
     mem_Stack();
     mem_Stack(mem_Stack const& other);
+    // NOLINTNEXTLINE(bugprone-unhandled-self-assignment): see its body
     mem_Stack& operator=(mem_Stack const& other);
     ~mem_Stack();
 

@@ -3,12 +3,11 @@
 #include "plate.h"
 
 #include <cstdio>
-#include <cstdlib>
 #include <vector>
 
 // [before]
 int main(int argc, char** argv) {
-    const unsigned side = argc > 1 ? static_cast<unsigned>(std::atoi(argv[1])) : 200;
+    const unsigned side = plate_side(argc, argv);
     const std::size_t rows = plate_rows(side);
     std::vector<std::size_t> starts(rows + 1), columns(rows * plate_neighbours);
     std::vector<double> values(rows * plate_neighbours), temperatures(rows), work(3 * rows);

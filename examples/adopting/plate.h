@@ -5,6 +5,7 @@
 
 #include <math.h>
 #include <stddef.h>
+#include <stdio.h>
 
 enum {
     plate_neighbours = 9
@@ -17,6 +18,12 @@ struct plate_matrix {
     size_t* columns;
     double* values; /* rows * plate_neighbours at most, like the columns */
 };
+
+/** Elements along a side: 2 to 9999 from the command line, and 200 where that names no such number. */
+static inline unsigned plate_side(int argc, char** argv) {
+    unsigned side = 0;
+    return argc > 1 && sscanf(argv[1], "%4u", &side) == 1 && side > 1 && side < 10000 ? side : 200;
+}
 
 /** Unknown temperatures: those of the inner nodes. */
 static inline size_t plate_rows(unsigned side) {

@@ -7,7 +7,7 @@
 
 /* [c-interface] */
 int main(int argc, char** argv) {
-    const unsigned side = argc > 1 ? (unsigned)atoi(argv[1]) : 200;
+    const unsigned side = plate_side(argc, argv);
     const size_t rows = plate_rows(side), entries = rows * plate_neighbours;
     struct plate_matrix matrix = {rows, mem_Malloc((rows + 1) * sizeof *matrix.starts),
                                   mem_Malloc(entries * sizeof *matrix.columns),

@@ -3,7 +3,6 @@
 
 #include <KXMBasMem.h>
 #include <cstdio>
-#include <cstdlib>
 #include <kxm_allocator.h>
 #include <memory>
 #include <vector>
@@ -34,7 +33,7 @@ private:
 };
 
 int main(int argc, char** argv) {
-    const unsigned side = argc > 1 ? static_cast<unsigned>(std::atoi(argv[1])) : 200;
+    const unsigned side = plate_side(argc, argv);
     KXMBasMemPool matrix_pool(2000, "matrix", nullptr), vector_pool(2001, "vectors", nullptr);
     matrix_pool.Activate();
     vector_pool.Activate();

@@ -49,7 +49,7 @@ bool charge(std::size_t bytes) noexcept {
 }
 
 // Outside the heap the library's peak is only as good as it is asked for: at every large request.
-constexpr std::size_t worth_a_look = 256 * 1024;
+constexpr std::size_t worth_a_look = std::size_t{256} * 1024;
 
 void count_granted(std::size_t bytes) noexcept {
     if (bytes >= worth_a_look)

@@ -60,7 +60,7 @@ private:
             elements_.push_back(e);
             const std::int32_t* node = mesh_.element(e);
             const std::int32_t lowest = *std::min_element(node, node + per_element());
-            part_.own_element.push_back(owner_[index(lowest)] == me_);
+            part_.own_element.push_back(owner_[index(lowest)] == me_ ? 1 : 0);
         }
     }
 

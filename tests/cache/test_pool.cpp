@@ -321,6 +321,14 @@ TEST(CachePool, PrintsToTheLetter) {
               "mem_Block: Size = 1024\n");
     EXPECT_EQ(recorded_fatal_errors(), before + 1);
     EXPECT_STREQ(recorded_fatal_text(), "AssertionFailed:i == 1");
+    // Sizes have 32 bits, and so has their sum.
+    for (const std::size_t more : {std::size_t{1} << 33, std::size_t{1} << 34}) {
+        own->Adopt(more, own.allocator.Malloc("client", 1));
+    }
+    own->Adopt(std::size_t{1} << 33, own.allocator.Malloc("client", 1));
+    EXPECT_EQ(printed(*own.pool, &mem_CachePool::DebugSummary),
+              "Pool Summary: blockCount=7, clusterCount=1, passthruCount=4\n"
+              "        PassthruSize=5001, ClusterAlloc=64\n");
 }
 
 // A cluster without a pool.

@@ -397,6 +397,10 @@ TEST_F(Heap, OtherResizesOfMappings) {
     EXPECT_NE(grown, mem);
     EXPECT_TRUE(all_bytes(grown, mib, 3));
     EXPECT_EQ(direct_bytes(), 2 * mib + unit);
+    EXPECT_EQ(dlmallopt(-2, size_max / 2 + 1), 1);
+    EXPECT_EQ(dlrealloc(grown, mib), grown);
+    EXPECT_TRUE(is_direct(grown)) << "less than two units, which no number holds, go";
+    EXPECT_EQ(dlmallopt(-2, unit), 1);
     dlfree(grown);
     dlfree(small);
 

@@ -260,6 +260,7 @@ TEST_F(Program, KnowsItsUsage) {
              {"report"},
              {"nothing", base_},
              {"report", base_, "--nothing"},
+             {"report", base_, "-n", "-1"},
              {"diff", base_},
              {"diff", base_, base_, base_},
              {"block", "here", base_},

@@ -32,7 +32,7 @@ TEST(PoolProcess, CanBeForcedOn) {
 }
 
 TEST(PoolProcess, IsNullUntilThereIsMemoryForIt) {
-    EXPECT_EQ(probe("refused", {"KXQ_DLALLOCATOR=1"}).out, "null\npool\n");
+    EXPECT_EQ(probe("refused", {"KXQ_DLALLOCATOR=1"}).out, "null\nnull\npool\n");
 }
 
 TEST(PoolProcess, EndsWithAPointerThatIsNotItsOwn) {

@@ -50,6 +50,8 @@ int main(int argc, char** argv) {
         mem_Mallopt(-5, 1000); // less than the pool itself needs
         mem_TBAllocator(1);
         std::puts(mem_Malloc(8) == nullptr ? "null" : "block");
+        const KXMBasMemSmallBlockAllocator direct;
+        std::puts(direct.allocate(8) == nullptr ? "null" : "block");
         mem_Mallopt(-5, 0);
         print_road();
     } else if (std::strcmp(wish, "grow") == 0) {

@@ -7,6 +7,7 @@
 #include "tracking/test_seam.h"
 
 #include <atomic>
+#include <cerrno>
 #include <cinttypes>
 #include <climits>
 #include <cstdio>
@@ -124,8 +125,14 @@ void stopped(const std::vector<std::string>&) {
 void fill(const std::vector<std::string>& arguments) {
     mem_Tracker& tracker = mem_Tracker::Instance();
     const os::File next = next_file();
+    constexpr int error = 33;
+    os::set_last_error(error);
+    errno = error;
     for (long i = std::stol(arguments.at(0)); i > 0; --i) {
         tracker.MallocCall(&tracker, 1);
+    }
+    if (errno != error || os::last_error() != error) {
+        std::puts("the thread's own error is lost");
     }
     end_tracking();
     say_fatal_errors();

@@ -272,6 +272,7 @@ int show_all() {
 
 } // namespace
 
+// NOLINTNEXTLINE(bugprone-exception-escape): what is thrown ends the process, as the faults here are to do
 int main(int argc, char** argv) {
     CLI::App app("Shows what the memory library KXMBasMem finds on this machine.", "kxmdiag");
     app.set_version_flag("-V,--version", "kxmdiag " KXMDIAG_VERSION);

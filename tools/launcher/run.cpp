@@ -32,7 +32,7 @@ std::string library_path() {
     if (clean == nullptr) {
         return {};
     }
-    const std::string result = clean;
+    std::string result = clean;
     std::free(clean);
     return result;
 }

@@ -64,7 +64,7 @@ std::string look_up(const std::string& command) {
     while (!command.empty()) {
         const std::size_t colon = rest.find(':');
         const std::string folder = rest.substr(0, colon);
-        const std::string path = (folder.empty() ? "." : folder) + "/" + command;
+        std::string path = (folder.empty() ? "." : folder) + "/" + command;
         if (runnable(path)) {
             return path;
         }

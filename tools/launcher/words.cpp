@@ -76,6 +76,7 @@ void tell_refusals(const Options& options, const Processes& all) {
         const ProcessFigures& process = *refused[i];
         const std::uint64_t by_limit = value(process.refused_by_limit);
         const std::uint64_t by_system = value(process.refused_by_system);
+        const std::uint64_t requests = by_limit + by_system;
         std::string by;
         if (by_limit != 0) {
             by = "by the limit of " + bytes(options.limit.value_or(0));
@@ -87,9 +88,8 @@ void tell_refusals(const Options& options, const Processes& all) {
         const bool heap = peak_of(process) != 0;
         std::fprintf(
             stderr, "kxmrun: %s: %llu request%s refused %s; the largest was %s, the peak %s%s\n",
-            name_of(process).c_str(), static_cast<unsigned long long>(by_limit + by_system),
-            by_limit + by_system == 1 ? "" : "s", by.c_str(),
-            bytes(value(process.largest_refused)).c_str(),
+            name_of(process).c_str(), static_cast<unsigned long long>(requests),
+            requests == 1 ? "" : "s", by.c_str(), bytes(value(process.largest_refused)).c_str(),
             bytes(heap ? peak_of(process) : value(process.resident)).c_str(),
             heap ? "" : " resident");
     }

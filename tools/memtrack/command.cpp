@@ -80,7 +80,8 @@ Option Command::option(const char* names, std::vector<std::int32_t>& to, const s
 }
 
 Option Command::option(const char* names, std::size_t& to, const std::string& help) {
-    return Option(app_->add_option(names, to, help));
+    // Or -1 would be the highest there is.
+    return Option(app_->add_option(names, to, help)->check(CLI::NonNegativeNumber));
 }
 
 Option Command::option(const char* names, unsigned& to, const std::string& help) {

@@ -51,7 +51,7 @@ std::string head(const char* key, std::size_t shown) {
     std::string row = std::string("rank,") + key;
     for (std::size_t i = 0; i < shown; ++i) {
         const std::string name = columns[i].name;
-        row += "," + name + "_bytes," + name + "_blocks";
+        row.append(",").append(name).append("_bytes,").append(name).append("_blocks");
     }
     return row + "\r\n";
 }

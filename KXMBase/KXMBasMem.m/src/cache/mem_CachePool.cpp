@@ -76,8 +76,10 @@ ID null_id() {
     return 0U;
 }
 
+// The low 32 bits of the count: blocks of 8 GiB and more are shown with a size that wraps, and nothing else
+// goes by it.
 int words_of(std::size_t size) {
-    return static_cast<int>((size - 1) >> 2) + 1;
+    return static_cast<int>(((size - 1) >> 2) + 1);
 }
 
 // The list from which a request of `words` is searched for.
@@ -394,6 +396,7 @@ void mem_CachePool::UnlinkBySize(int highest, const mem_Cluster* cluster) {
 }
 
 void mem_CachePool::FirstCluster(mem_RegionTypeEnm typ, mem_Cluster* cluster) {
+    // NOLINTNEXTLINE(clang-analyzer-core.CallAndMessage): nobody has an identifier without a cluster
     const int index = cluster->ClusterIndex();
     m_currentCluster = cluster;
     if (typ != mem_RGN_VARIABLE && m_firstCluster[typ] != index) {
@@ -580,12 +583,13 @@ void mem_CachePool::DebugPrint() const {
 }
 
 void mem_CachePool::DebugSummary() const {
-    int passthruCount = 0, passthruSize = 0;
+    int passthruCount = 0;
+    std::uint32_t passthruSize = 0; // as 32 bits count it
     for (int i = 1; i < m_blockCount; ++i) {
         const mem_Block* const block = Block(i);
         if (block != nullptr && block->BlockType() == mem_BLK_PASSTHRU) {
             ++passthruCount;
-            passthruSize += block->BlockSize();
+            passthruSize += static_cast<std::uint32_t>(block->BlockSize());
         }
     }
     int clusterAlloc = 0;
@@ -598,5 +602,6 @@ void mem_CachePool::DebugSummary() const {
     }
     std::printf("Pool Summary: blockCount=%d, clusterCount=%d, passthruCount=%d\n", m_blockCount,
                 m_clusterCount - 1, passthruCount);
-    std::printf("        PassthruSize=%d, ClusterAlloc=%d\n", passthruSize, clusterAlloc);
+    std::printf("        PassthruSize=%d, ClusterAlloc=%d\n", static_cast<int>(passthruSize),
+                clusterAlloc);
 }

@@ -3,15 +3,17 @@
 
 #include "tiny/mem_TBPool.h"
 
-KXMBasMemSmallBlockAllocator::KXMBasMemSmallBlockAllocator() : m_pool(&mem_TBPool::Instance()) {
+KXMBasMemSmallBlockAllocator::KXMBasMemSmallBlockAllocator()
+    : m_pool(mem_TBPool::InstanceOrNull()) {
     static_cast<void>(m_pool); // kept, and nothing here reads it
 }
 
 KXMBasMemSmallBlockAllocator::~KXMBasMemSmallBlockAllocator() {}
 
 void* KXMBasMemSmallBlockAllocator::allocate(int size) {
+    mem_TBPool* const pool = mem_TBPool::InstanceOrNull();
     // A negative size becomes a huge one, which the pool refuses like any that is too large.
-    return mem_TBPool::Instance().Alloc(static_cast<std::size_t>(size), false);
+    return pool != nullptr ? pool->Alloc(static_cast<std::size_t>(size), false) : nullptr;
 }
 
 void KXMBasMemSmallBlockAllocator::deallocate(void* p) {

@@ -404,6 +404,7 @@ private:
     }
 
     static void complain(const char* message) {
+        const os::KeptError kept; // what failed is told next
         std::fputs(message, stdout);
         std::fflush(nullptr);
     }

@@ -9,6 +9,8 @@
 #include "faults/real_faults.h"
 #include "mem_Interface.h"
 
+KXM_MEANT_FAULTS_BEGIN
+
 using faults::decide_by;
 using faults::hidden;
 using faults::stay;
@@ -225,3 +227,5 @@ KXM_NO_SANITIZE void mem_partial_struct() {
     print(hidden(&copy));
     delete access;
 }
+
+KXM_MEANT_FAULTS_END

@@ -61,8 +61,8 @@ malloc_chunk* mmap_resize(malloc_chunk* oldp, std::size_t nb) {
         return nullptr;
     }
     const std::size_t oldsize = chunk_size(oldp);
-    if (oldsize >= nb + 8 && oldsize - nb <= 2 * params.granularity) {
-        return oldp; // close enough
+    if (oldsize >= nb + 8 && (oldsize - nb) / 2 <= params.granularity) {
+        return oldp; // close enough; two units may be more than a number holds
     }
     const std::size_t offset = oldp->prev_foot & ~IS_MMAPPED_BIT;
     const std::size_t oldmmsize = oldsize + offset + MMAP_FOOT_PAD;

@@ -72,6 +72,18 @@
 #define KXM_LAYOUT_CHECKS_END
 #endif
 
+/// Around wrong uses of memory that are meant, of which GCC's analyzer would tell.
+#if defined(__GNUC__) && !defined(__clang__)
+#define KXM_MEANT_FAULTS_BEGIN                                                                     \
+    _Pragma("GCC diagnostic push") _Pragma("GCC diagnostic ignored \"-Wanalyzer-double-free\"")    \
+        _Pragma("GCC diagnostic ignored \"-Wanalyzer-free-of-non-heap\"")                          \
+            _Pragma("GCC diagnostic ignored \"-Wanalyzer-use-after-free\"")
+#define KXM_MEANT_FAULTS_END _Pragma("GCC diagnostic pop")
+#else
+#define KXM_MEANT_FAULTS_BEGIN
+#define KXM_MEANT_FAULTS_END
+#endif
+
 namespace os {
 
 /// For the body of a loop that waits for another thread for a short while.

@@ -39,6 +39,6 @@ struct GranuleMap {
         return (word >> (granule % 64) & 1) != 0;
     }
 };
-static_assert(sizeof(GranuleMap) == 512 * 1024 && GranuleMap::leaf_bytes == 4096);
+static_assert(sizeof(GranuleMap) == std::size_t{512} * 1024 && GranuleMap::leaf_bytes == 4096);
 
 } // namespace os

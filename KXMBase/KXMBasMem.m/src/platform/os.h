@@ -203,6 +203,19 @@ struct DriveSpace {
 bool drive_space(const char* root, DriveSpace& space);
 
 std::uint32_t last_error(); ///< the calling thread's last system error
+/// Keeps errno and the calling thread's last system error as they are while it lives: for what is done by
+/// the way, whose failures are none of the caller's.
+class KeptError {
+public:
+    KeptError();
+    ~KeptError();
+    KeptError(const KeptError&) = delete;
+    KeptError& operator=(const KeptError&) = delete;
+
+private:
+    int errno_;
+    std::uint32_t last_;
+};
 /// Text of a system error code, NUL-terminated, cut to `capacity`. Returns its length, or 0 when
 /// the system has no text for it.
 std::size_t error_text(std::uint32_t code, char* buffer, std::size_t capacity);

@@ -63,11 +63,13 @@ struct TestAccess; // of tests that begin with a fresh pool
 
 class mem_TBPool {
 public:
-    /// The one pool, made at the first call, which must not race with another.
+    /// The one pool, made at the first call, which must not race with another. pre: it is there or can be
+    /// had; whoever gives a slot back has seen it.
     static mem_TBPool& Instance() {
         if (theInstance == nullptr) [[unlikely]] {
             Initialize();
         }
+        // NOLINTNEXTLINE(clang-analyzer-core.uninitialized.UndefReturn): that it can be had is the caller's word
         return *theInstance;
     }
     /// The same for callers who can say no: null when the pool itself cannot be had.

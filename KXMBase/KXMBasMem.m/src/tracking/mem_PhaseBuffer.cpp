@@ -69,13 +69,14 @@ int mem_PhaseBuffer::ExitPhase(int threadId, int transactionId) {
 
 void mem_PhaseBuffer::SetOutputName(const char* name) {
     static_assert(PHASE_FILENAMESIZE - MAX_BUFF_ID_DIGITS - PhaseExtensionSize == 1005);
-    if (std::strlen(name) >= PHASE_FILENAMESIZE - MAX_BUFF_ID_DIGITS - PhaseExtensionSize) {
+    const std::size_t length = std::strlen(name);
+    if (length >= PHASE_FILENAMESIZE - MAX_BUFF_ID_DIGITS - PhaseExtensionSize) {
         fatal("AssertionFailed:strlen(outputName) < (PHASE_FILENAMESIZE - MAX_BUFF_ID_DIGITS - "
               "PhaseExtensionSize)",
               __LINE__);
         return;
     }
-    std::strcpy(m_baseOutputName, name);
+    std::memcpy(m_baseOutputName, name, length + 1);
     m_baseOutputNameSet = true;
 }
 

@@ -24,12 +24,13 @@ void mem_PhaseStack::Append(const char* name) {
 }
 
 void mem_PhaseStack::EnterPhase(const char* name) {
-    if (std::strlen(name) >= e_maxRoutineNameSize) {
+    const std::size_t length = std::strlen(name);
+    if (length >= e_maxRoutineNameSize) {
         os::assertion_failed("strlen(phaseName) < e_maxRoutineNameSize", "mem_PhaseStack",
                              __LINE__);
     }
     if (m_depth >= 0 && m_depth < e_maxDepth) {
-        std::strcpy(m_names[m_depth], name);
+        std::memcpy(m_names[m_depth], name, length + 1);
     }
     Append(name);
     ++m_depth;

@@ -195,7 +195,8 @@ void mem_Tracker::ReadOutputDir() {
         return;
     }
     m_outputDirSet = true;
-    if (std::strlen(folder) >= e_outputDirSize) {
+    const std::size_t length = std::strlen(folder);
+    if (length >= e_outputDirSize) {
         SetUseFlag(e_useOff);
         std::fprintf(stderr, "ERROR: Name of output directory given for ");
         std::fprintf(stderr, "memory tracking is too long.\n");
@@ -205,12 +206,13 @@ void mem_Tracker::ReadOutputDir() {
         fatal("AssertionFailed:0", __LINE__);
         return;
     }
-    std::strcpy(m_outputDir, folder);
+    std::memcpy(m_outputDir, folder, length + 1);
 }
 
 void mem_Tracker::CreateBaseOutputName(const char* name) {
     const std::size_t folder_length = m_outputDirSet ? std::strlen(m_outputDir) : 0;
-    if (std::strlen(name) >= base_name_limit - folder_length) {
+    const std::size_t length = std::strlen(name);
+    if (length >= base_name_limit - folder_length) {
         SetUseFlag(e_useOff);
         std::fprintf(stderr, "ERROR: Output file names are too long in memory tracking code.\n");
         std::fflush(stderr);
@@ -220,7 +222,7 @@ void mem_Tracker::CreateBaseOutputName(const char* name) {
     const char separator = os::properties().directory_separator;
     const char* const last = std::strrchr(name, separator);
     if (!m_outputDirSet) {
-        std::strcpy(m_baseOutputName, name);
+        std::memmove(m_baseOutputName, name, length + 1);
     } else if (last == nullptr) {
         std::snprintf(m_baseOutputName, sizeof m_baseOutputName, "%s%c%s", m_outputDir, separator,
                       name);
@@ -428,6 +430,7 @@ void mem_Tracker::FlushBuffer() {
     if (!m_baseOutputNameSet) {
         fatal("AssertionFailed:m_baseOutputNameSet", __LINE__);
     }
+    const os::KeptError kept; // the thread allocates, and may have a failure of its own to look at
     char name[e_baseNameSize + 32];
     NameFile(name, sizeof name);
     const os::File file = os::file_create(name);
@@ -534,9 +537,9 @@ void mem_Tracker::BeginAnewInChild() {
     m_currTransactionId = 0;
     char suffix[16];
     std::snprintf(suffix, sizeof suffix, ".%u", os::process_id());
-    const std::size_t length = std::strlen(m_baseOutputName);
-    if (length + std::strlen(suffix) < sizeof m_baseOutputName) {
-        std::strcpy(m_baseOutputName + length, suffix);
+    const std::size_t length = std::strlen(m_baseOutputName), more = std::strlen(suffix);
+    if (length + more < sizeof m_baseOutputName) {
+        std::memcpy(m_baseOutputName + length, suffix, more + 1);
     }
 }
 

@@ -182,6 +182,13 @@ std::uint32_t last_error() {
     return static_cast<std::uint32_t>(errno);
 }
 
+KeptError::KeptError() : errno_(errno), last_(0) {}
+
+KeptError::~KeptError() {
+    static_cast<void>(last_); // the same as errno here
+    errno = errno_;
+}
+
 std::size_t error_text(std::uint32_t code, char* buffer, std::size_t capacity) {
     const char* const text = strerrordesc_np(static_cast<int>(code));
     if (text == nullptr || capacity == 0) {

@@ -57,6 +57,7 @@ pthread_mutex_t* mutex_of(CriticalSection& section) {
 } // namespace
 
 Event event_create() {
+    const KeptError kept; // as above
     void* const place =
         mmap(nullptr, event_bytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
     return place == MAP_FAILED ? nullptr : new (place) EventWord{0};

@@ -237,7 +237,8 @@ void resolve(std::uint64_t address, std::uint64_t object, CodeSymbol& symbol) {
 
 // Open addressing by linear probing; when a part of it is full, all of it is forgotten.
 struct Table {
-    static constexpr std::size_t slots = 4096, most = slots / 2, text_bytes = 256 * 1024;
+    static constexpr std::size_t slots = 4096, most = slots / 2,
+                                 text_bytes = std::size_t{256} * 1024;
     struct Entry {
         std::uint64_t address; ///< 0: empty
         std::uint64_t object;  ///< that the address was in

@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <atomic>
 #include <bit>
+#include <cerrno>
 #include <cstddef>
 #include <windows.h>
 
@@ -92,6 +93,13 @@ bool drive_space(const char* root, DriveSpace& space) {
 
 std::uint32_t last_error() {
     return GetLastError();
+}
+
+KeptError::KeptError() : errno_(errno), last_(GetLastError()) {}
+
+KeptError::~KeptError() {
+    errno = errno_;
+    SetLastError(last_);
 }
 
 std::size_t error_text(std::uint32_t code, char* buffer, std::size_t capacity) {

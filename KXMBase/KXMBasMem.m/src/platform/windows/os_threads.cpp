@@ -61,6 +61,7 @@ void tls_free(int slot) {
 }
 
 void* tls_get(int slot) {
+    const KeptError kept; // which a success clears
     return TlsGetValue(static_cast<DWORD>(slot - 1));
 }
 
