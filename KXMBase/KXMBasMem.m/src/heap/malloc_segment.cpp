@@ -52,9 +52,9 @@ void add_segment(char* base, std::size_t size, std::uint32_t mark) {
         old_end - (pad_request(sizeof(malloc_segment)) + 32 + CHUNK_ALIGN_MASK);
     static_assert(pad_request(sizeof(malloc_segment)) + 32 + CHUNK_ALIGN_MASK == 159);
     malloc_chunk* record = chunk_at<malloc_chunk>(raw + align_offset(raw + 16));
+    // Too close to leave a chunk in front, which the room kept behind a top does not let come to pass.
     if (address_of(record) < address_of(old_top) + MIN_CHUNK_SIZE) {
-        record =
-            old_top; // too close to leave a chunk in front: not with the room kept behind a top
+        record = old_top;
     }
 
     init_top(chunk_at<malloc_chunk>(address_of(base)), size - TOP_FOOT_SIZE);
