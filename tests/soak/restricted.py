@@ -46,16 +46,18 @@ class Restricted:
 
 
 def address_space(ground):
-    """Less than it takes to load the program is the system loader's or its libraries' to tell. The guarded back end
+    """Less than it takes to load the program is for the loader or the runtimes to tell. The guarded back end
     faults where it is refused, by design. Where the job runs on the C runtime it runs on the heap, but for a little."""
     enough = {}
     for back_end in BACK_ENDS:
-        def also_right(ended):
-            return (ended.returncode == 127 or "error while loading shared libraries" in ended.stderr
-                    or (back_end == ["guarded"] and ended.returncode == -signal.SIGSEGV))
         runs = Restricted(ground)
         for kib in range(8 * 1024, 40 * 1024, 768):
-            ended = runs.job(back_end, before=limited(resource.RLIMIT_AS, kib * 1024), also_right=also_right)
+            before = limited(resource.RLIMIT_AS, kib * 1024)
+
+            def also_right(ended, before=before, guarded=back_end == ["guarded"]):
+                loaded = ground.start([ground.bin / "elasticity", "--version"], {}, before).returncode == 0
+                return not loaded or (guarded and ended.returncode == -signal.SIGSEGV)
+            ended = runs.job(back_end, before=before, also_right=also_right)
             if ended.returncode == 0:
                 enough.setdefault(back_end[0], (kib, ended))
         runs.told(f"address space of 8 to 40 MiB, job on {' '.join(back_end)}")
