@@ -185,6 +185,22 @@ TEST(VirtualMemory, KeepsItsTableUnderRandomUse) {
     }
 }
 
+TEST(VirtualMemory, KnowsThousandsOfAllocations) {
+    std::vector<char*> blocks(9000);
+    for (char*& block : blocks) {
+        block = static_cast<char*>(os::vm_allocate(4 * kib, os::Placement::direct));
+        ASSERT_NE(block, nullptr);
+    }
+    for (std::size_t i = 0; i < blocks.size(); i += 97) {
+        os::Region region{};
+        ASSERT_TRUE(os::vm_query(blocks[i] + 100, region));
+        ASSERT_EQ(region.allocation_base, reinterpret_cast<std::uintptr_t>(blocks[i])) << i;
+    }
+    for (char* const block : blocks) {
+        ASSERT_TRUE(os::vm_release(block));
+    }
+}
+
 TEST(VirtualMemory, KnowsMemoryThatItDidNotHandOut) {
     os::Region region{};
     int on_stack = 0;

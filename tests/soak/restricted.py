@@ -10,6 +10,7 @@ told with the command that repeats it.
 
 import pathlib
 import resource
+import signal
 import sys
 import tempfile
 
@@ -37,6 +38,7 @@ class Restricted:
         if not orderly and not also_right(ended):
             self.ground.blame(ended, "restricted")
         self.ends[ended.returncode] = self.ends.get(ended.returncode, 0) + 1
+        return ended
 
     def told(self, what):
         told(what, self.ends)
@@ -44,14 +46,23 @@ class Restricted:
 
 
 def address_space(ground):
-    """Less than it takes to load the program is the system loader's or its libraries' to tell."""
-    def not_loaded(ended):
-        return ended.returncode == 127 or "error while loading shared libraries" in ended.stderr
+    """Less than it takes to load the program is for the loader or the runtimes to tell. The guarded back end
+    faults where it is refused, by design. Where the job runs on the C runtime it runs on the heap, but for a little."""
+    enough = {}
     for back_end in BACK_ENDS:
         runs = Restricted(ground)
-        for mib in range(16, 200, 6):
-            runs.job(back_end, before=limited(resource.RLIMIT_AS, mib * MIB), also_right=not_loaded)
-        runs.told(f"address space of 16 to 200 MiB, job on {' '.join(back_end)}")
+        for kib in range(8 * 1024, 40 * 1024, 768):
+            before = limited(resource.RLIMIT_AS, kib * 1024)
+
+            def also_right(ended, before=before, guarded=back_end == ["guarded"]):
+                loaded = ground.start([ground.bin / "elasticity", "--version"], {}, before).returncode == 0
+                return not loaded or (guarded and ended.returncode == -signal.SIGSEGV)
+            ended = runs.job(back_end, before=before, also_right=also_right)
+            if ended.returncode == 0:
+                enough.setdefault(back_end[0], (kib, ended))
+        runs.told(f"address space of 8 to 40 MiB, job on {' '.join(back_end)}")
+    if enough["heap"][0] > enough["crt"][0] + 4096:
+        ground.blame(enough["heap"][1], "the heap needs much more address space than the C runtime")
 
 
 def mappings(ground):

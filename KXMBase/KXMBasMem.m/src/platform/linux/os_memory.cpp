@@ -56,11 +56,9 @@ struct Allocation {
     std::size_t size;
 };
 
-// Address space is set aside for this many entries, and taken into use a step at a time, so that
-// the table counts among the process's private bytes for what it holds. The kernel's own default
-// limit is 65530 mappings, so this is room to spare.
-constexpr std::size_t table_capacity = std::size_t{1} << 20;
-constexpr std::size_t table_step = 4096; // entries; 64 KiB
+// The table begins with room for so many entries, and doubles when it is full. Nothing is set aside for it: where
+// address space is limited, that would be taken from the client.
+constexpr std::size_t first_capacity = 4096; // entries; 64 KiB
 
 extern "C" void __tsan_init() __attribute__((weak)); // there when a client was built with it
 
@@ -68,7 +66,7 @@ Zones zones = plain_zones;
 pthread_mutex_t table_lock = PTHREAD_MUTEX_INITIALIZER;
 Allocation* table = nullptr;
 std::size_t table_count = 0;
-std::size_t table_usable = 0;
+std::size_t table_capacity = 0;
 std::uintptr_t next_segment = 0;
 std::uintptr_t direct_top = 0;
 std::atomic<GranuleMap*> granules{nullptr};
@@ -132,6 +130,21 @@ std::uintptr_t map_anywhere(std::size_t size, std::size_t alignment) {
     return base;
 }
 
+bool grow_table() {
+    const std::size_t capacity = std::max(first_capacity, 2 * table_capacity);
+    void* const got = map(0, capacity * sizeof(Allocation), PROT_READ | PROT_WRITE, 0);
+    if (got == nullptr) {
+        return false;
+    }
+    if (table != nullptr) {
+        std::memcpy(got, table, table_count * sizeof(Allocation));
+        munmap(table, table_capacity * sizeof(Allocation));
+    }
+    table = static_cast<Allocation*>(got);
+    table_capacity = capacity;
+    return true;
+}
+
 bool prepare_table() {
     if (table != nullptr) {
         return true;
@@ -140,13 +153,11 @@ bool prepare_table() {
     if (bits == nullptr) {
         return false;
     }
-    void* const got = map(0, table_capacity * sizeof(Allocation), PROT_NONE, MAP_NORESERVE);
-    if (got == nullptr) {
+    if (!grow_table()) {
         munmap(bits, sizeof(GranuleMap));
         return false;
     }
     granules.store(new (bits) GranuleMap, std::memory_order_release);
-    table = static_cast<Allocation*>(got);
     // The table's own address varies as the kernel varies every process's layout, and does not
     // where that is switched off, so the zones follow the user's choice.
     if (__tsan_init != nullptr) {
@@ -191,17 +202,7 @@ bool mark(std::uintptr_t base, std::size_t size, bool held) {
 
 // Room for one more entry.
 bool prepare_entry() {
-    if (!prepare_table() || table_count == table_capacity) {
-        return false;
-    }
-    if (table_count == table_usable) {
-        if (mprotect(table + table_usable, table_step * sizeof(Allocation),
-                     PROT_READ | PROT_WRITE) != 0) {
-            return false;
-        }
-        table_usable += table_step;
-    }
-    return true;
+    return prepare_table() && (table_count < table_capacity || grow_table());
 }
 
 Allocation* first_not_below(std::uintptr_t address) {
