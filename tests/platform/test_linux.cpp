@@ -1,7 +1,8 @@
-// What Linux alone has to see to: UTF-16, and memory of others where ours should go.
+// What Linux alone has to see to: UTF-16, memory of others where ours should go, and signals that are sent.
 #include "platform/linux/utf16.h"
 #include "platform/os.h"
 
+#include <csignal>
 #include <cstring>
 #include <gtest/gtest.h>
 #include <random>
@@ -113,6 +114,23 @@ TEST(ForeignMemory, IsPassedByAndSegmentsGoOnBehindIt) {
         EXPECT_EQ(region.size, unit);
         EXPECT_TRUE(os::vm_release(memory));
     }
+}
+
+// As by kill(): no fault of the guarded code, which goes on; whoever stood there before gets the signal.
+TEST(SentSignals, AreNotTheGuardsOwn) {
+    static volatile int handled = 0;
+    const auto send = [](int signal) {
+        return os::guarded_call([](void* number) { std::raise(*static_cast<int*>(number)); },
+                                &signal);
+    };
+    auto* const before = std::signal(SIGILL, [](int) { handled = handled + 1; });
+    EXPECT_TRUE(send(SIGILL));
+    EXPECT_EQ(handled, 1);
+    std::signal(SIGILL, SIG_IGN);
+    EXPECT_TRUE(send(SIGILL));
+    std::signal(SIGILL, SIG_DFL);
+    EXPECT_EXIT(send(SIGILL), testing::KilledBySignal(SIGILL), "");
+    std::signal(SIGILL, before);
 }
 
 } // namespace
