@@ -56,9 +56,9 @@ void write_vtk(OutputFile& file, const Mesh& mesh, const Vector<std::size_t>& el
                const Vector<double>& displacement, const Vector<double>& stress) {
     Writer writer(file);
     const std::size_t nodes = mesh.nodes.size();
-    file.write({"<?xml version=\"1.0\"?>\n"
-                "<VTKFile type=\"UnstructuredGrid\" version=\"0.1\" byte_order=\"LittleEndian\">\n"
-                "<UnstructuredGrid>\n<Piece NumberOfPoints=\"",
+    file.write({("<?xml version=\"1.0\"?>\n"
+                 "<VTKFile type=\"UnstructuredGrid\" version=\"0.1\" byte_order=\"LittleEndian\">\n"
+                 "<UnstructuredGrid>\n<Piece NumberOfPoints=\""),
                 Number(nodes), "\" NumberOfCells=\"", Number(elements.size()), "\">\n"});
     file.write({"<PointData Vectors=\"displacement\" Scalars=\"von_mises\">\n"});
     writer.array("Float64", "displacement", 3, nodes,
