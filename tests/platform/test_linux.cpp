@@ -106,7 +106,7 @@ TEST(ForeignMemory, IsPassedByAndSegmentsGoOnBehindIt) {
     const std::uintptr_t direct = allocated(os::Placement::direct, all);
     {
         const Foreign below(direct - unit);
-        EXPECT_EQ(allocated(os::Placement::direct, all), direct - unit - leap);
+        EXPECT_LE(allocated(os::Placement::direct, all), direct - unit - leap);
     }
     for (void* const memory : all) {
         os::Region region{};
