@@ -133,6 +133,7 @@ soak() {
             -max_total_time=$((minutes * 6)) -artifact_prefix="$findings/" "$findings" $corpus
     done
     part "static analysis"
+    analyse
     analyse_further
     part
 }

@@ -22,7 +22,10 @@ struct plate_matrix {
 /** Elements along a side: 2 to 9999 from the command line, and 200 where that names no such number. */
 static inline unsigned plate_side(int argc, char** argv) {
     unsigned side = 0;
-    return argc > 1 && sscanf(argv[1], "%4u", &side) == 1 && side > 1 && side < 10000 ? side : 200;
+    char rest = 0; /* none is to be behind the number */
+    return argc > 1 && sscanf(argv[1], "%9u%c", &side, &rest) == 1 && side > 1 && side < 10000
+               ? side
+               : 200;
 }
 
 /** Unknown temperatures: those of the inner nodes. */

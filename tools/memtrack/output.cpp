@@ -15,6 +15,15 @@ namespace fs = std::filesystem;
 
 namespace {
 
+// A name beside that of a file that nobody has.
+std::string beside(std::string name) {
+    std::error_code error;
+    do {
+        name += ".part";
+    } while (fs::exists(fs::symlink_status(name, error)));
+    return name;
+}
+
 // Where a file that takes the place of `name` is written meanwhile; empty where it is written in place: what is no
 // plain file, as a device, and links that lead nowhere.
 std::string part_of(const std::string& name) {
@@ -22,9 +31,9 @@ std::string part_of(const std::string& name) {
     const fs::file_status there = fs::status(name, error);
     if (fs::is_regular_file(there)) {
         const fs::path target = fs::canonical(name, error); // a link stays one
-        return error ? std::string() : target.string() + ".part";
+        return error ? std::string() : beside(target.string());
     }
-    return fs::exists(fs::symlink_status(name, error)) ? std::string() : name + ".part";
+    return fs::exists(fs::symlink_status(name, error)) ? std::string() : beside(name);
 }
 
 bool may_be_written(const std::string& name) {

@@ -179,6 +179,10 @@ bool mark(std::uintptr_t base, std::size_t size, bool held) {
     for (std::uintptr_t granule = base >> bits; granule < end;) {
         std::atomic<GranuleMap::Word*>& leaf = map_of_bits.leaf[granule >> GranuleMap::leaf_bits];
         GranuleMap::Word* words = leaf.load(std::memory_order_relaxed);
+        if (words == nullptr &&
+            !held) { // the page that could not be had; nor was anything marked behind it
+            return true;
+        }
         if (words == nullptr) {
             void* const page_of_bits = map(0, GranuleMap::leaf_bytes, PROT_READ | PROT_WRITE, 0);
             if (page_of_bits == nullptr) {
@@ -345,6 +349,7 @@ void* vm_allocate(std::size_t size, Placement placement) {
         base = placement == Placement::segment ? place_segment(bytes, alignment)
                                                : place_direct(bytes, alignment);
         if (base != 0 && !mark(base, bytes, true)) {
+            mark(base, bytes, false);
             munmap(reinterpret_cast<void*>(base), bytes);
             base = 0;
         }

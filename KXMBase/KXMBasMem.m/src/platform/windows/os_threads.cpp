@@ -15,6 +15,7 @@ CRITICAL_SECTION* native(CriticalSection& section) {
 } // namespace
 
 Event event_create() {
+    const KeptError kept; // which a success clears
     return CreateEventW(nullptr, FALSE, FALSE, nullptr);
 }
 
