@@ -15,8 +15,10 @@
 namespace {
 
 std::atomic<bool> stop{false};
+std::atomic<int> begun{0};
 
 void churn() {
+    ++begun;
     for (std::size_t i = 0; !stop; ++i) {
         mem_Free(mem_Realloc(mem_Malloc(i % 2000 + 1), i % 900 + 1));
     }
@@ -57,6 +59,11 @@ int main(int argc, char** argv) {
     std::vector<std::thread> threads;
     for (int i = 0; i < 3; ++i) {
         threads.emplace_back(churn);
+    }
+    while (
+        begun <
+        3) { // a thread that starts may hold a lock of a checker's runtime, which a child would meet
+        std::this_thread::yield();
     }
     for (int i = 0; i < 20; ++i) {
         const pid_t pid = fork();
