@@ -95,11 +95,8 @@ private:
                          ? 1
                          : 0;
     }
-    void expect_report_for(std::size_t size) {
-        if (size > 128 && size <= 16384 && cache::current_is_released(pool_)) {
-            ++expected_reports;
-        }
-    }
+    // A new request that is tried in the cluster of the latest change, released or not.
+    static bool meets_current(std::size_t size) { return size > 128 && size <= 16384; }
 
     void allocate() {
         Held held{0U, some_size(), static_cast<unsigned char>(numbers_())};
@@ -114,7 +111,8 @@ private:
                 pool_.Allocator()->Free("client", memory);
             }
         } else {
-            expect_report_for(held.size);
+            expected_reports +=
+                meets_current(held.size) && cache::current_is_released(pool_) ? 1 : 0;
             held.id = pool_.Alloc(held.size);
         }
         if (held.id.IsNull()) {
@@ -130,12 +128,18 @@ private:
         const std::size_t size = some_size();
         const void* const before = pool_.Ptr(held.id);
         const int cluster = cluster_of(held.id);
+        const bool current_is_released = cache::current_is_released(pool_);
         const ID resized = pool_.ReAlloc(held.id, size);
         if (resized.IsNull()) {
             ++nulls;
             return;
         }
         if (passing && pool_.Ptr(resized) != before) {
+            ++expected_reports;
+        }
+        // Its own cluster had no room, so it was allocated anew.
+        if (!passing && cluster_of(resized) != cluster && current_is_released &&
+            meets_current(size)) {
             ++expected_reports;
         }
         held.id = resized;
