@@ -2,6 +2,7 @@
 #include "pool_fixture.h"
 
 #include "cache/mem_Cluster.h"
+#include "damage.h"
 #include "mem_DLAllocator.h"
 #include "recording_KX0CORE.h"
 
@@ -413,6 +414,70 @@ TEST_F(CacheCluster, CountsAndPrints) {
     cluster->Delete(&allocator);
     cluster->SummaryInfo(other, allocated);
     EXPECT_EQ(allocated, 0);
+}
+
+// An entry of one of the pool's two tables, of which `words` tells the place in the pool.
+void* entry(const mem_CachePool* pool, int words, unsigned index) {
+    mem_Block*** table;
+    std::memcpy(&table, reinterpret_cast<const char*>(pool) + 4 * words, sizeof table);
+    return table[0][index];
+}
+
+TEST(CachePool, IsNotSoundToTheWalkerWithAnyWordWrong) {
+    OwnPool own;
+    own->Alloc(4); // slot 63
+    const ID below = own->Alloc(8);
+    own->Alloc(16); // slot 61
+    ID last = own->Alloc(16384);
+    while (cluster_of(last) < 3) {
+        last = own->Alloc(16384);
+    }
+    const ID block = own->Alloc(20000), gone = own->Alloc(20000);
+    own->Free(gone);
+    own->Free(last);  // a cluster is emptied
+    own->Free(below); // and slot 62 is a chunk
+    auto* const memory = static_cast<int*>(own->Ptr(mem_CachePoolID(true, 1, 0)));
+    int* const slot = memory + 63 * 1024;
+    std::memcpy(memory + 1024, slot,
+                4096); // in the first chunk of 16384 bytes, which has room for it
+    void* const pool = own.pool;
+    void *const one = entry(own.pool, 12, 1), *const two = entry(own.pool, 12, 2),
+                *const emptied = entry(own.pool, 12, 3);
+    void *const store = entry(own.pool, 2, 1),
+                *const passing = entry(own.pool, 2, block.passThru.block),
+                *const empty = entry(own.pool, 2, gone.passThru.block);
+    constexpr int regions = 42, by_size = 32; // where m_clusterRegions and m_firstBySize begin
+    test::expect_faults(
+        {{"cluster index without a descriptor", {{pool, 20, 5}}},
+         {"descriptor", {{one, 8, 2}}},
+         {"end record", {{memory, 65535, 4}}},
+         {"cluster's tables", {{one, regions, 3}}},
+         {"chunk of a fixed region", {{one, regions + 62, 1}}},
+         {"type of a fixed region", {{one, regions + 63, 5}}},
+         {"link off a slot", {{slot, 7, 3}}},
+         {"empty fixed region", {{slot, 7, 10}, {slot, 4, 0}, {slot, 10, -1}}},
+         {"fixed region with room passed over", {{one, 107, 0}}},
+         {"fixed region without a chunk", {{one, regions + 1, 0}, {one, 106, 2}}},
+         {"current region of another type", {{one, 9 + 3, 63}}},
+         {"list leads off the clusters", {{pool, by_size + 4, 99}}},
+         {"emptied cluster on a list", {{pool, 21, 3}}},
+         {"links disagree", {{one, 31, 2}}},
+         {"links disagree", {{one, 20, 1}}},
+         {"cluster on two lists by size", {{pool, by_size + 7, 1}}},
+         {"cluster on a wrong list", {{pool, by_size + 4, -1}, {pool, by_size + 7, 1}}},
+         {"cluster with room off the lists", {{pool, by_size + 4, -1}}},
+         {"link of a cluster off its list", {{two, 20 + 5, 1}}},
+         {"list of emptied clusters", {{pool, 40, 1}}},
+         {"links of emptied clusters disagree", {{emptied, 6, 1}}},
+         {"list of empty blocks", {{pool, 31, 99}}},
+         {"empty block in use", {{empty, 7, mem_BLK_PASSTHRU}}},
+         {"links of empty blocks disagree", {{empty, 6, 1}}},
+         {"ring of stores", {{store, 8, 99}}},
+         {"store", {{store, 7, mem_BLK_PASSTHRU}}},
+         {"count of words in use", {{store, 10 + 4, 0}}},
+         {"links of a ring disagree", {{store, 5, 99}}},
+         {"pass-through block", {{passing, 5, 1}}}},
+        [&] { return own.census().fault; });
 }
 
 } // namespace

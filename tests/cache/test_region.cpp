@@ -1,5 +1,6 @@
 // The variable region and its free tree: what single operations do, and random histories beside a
 // model of both.
+#include "damage.h"
 #include "recording_KX0CORE.h"
 #include "region_model.h"
 
@@ -278,6 +279,33 @@ TEST(VariableRegion, DoesAsItsModelInRandomHistories) {
     EXPECT_EQ(recorded_fatal_errors(), before);
     EXPECT_GT(stale, 0) << "the histories meet depths that the rules leave";
     EXPECT_GT(highest, 5);
+}
+
+TEST(VariableRegion, IsNotSoundToTheWalkerWithAnyWordWrong) {
+    OwnRegion own;
+    const int a = own.alloc(200), b = own.alloc(200), c = own.alloc(200), d = own.alloc(200);
+    const int rest = d + 52; // the tree: rest, whose right is a, whose left is c
+    own.free(a);
+    own.free(c);
+    int* const base = own.block.Ptr(0);
+    test::expect_faults({{"region header", {{base, 3, 3}}},
+                         {"region header", {{base, 5, 20}}},
+                         {"record tells another length of the chunk before", {{base, b - 2, 48}}},
+                         {"length of a chunk", {{base, b - 1, 50}}},
+                         {"length of a chunk", {{base, b - 1, 0}}},
+                         {"length of a chunk", {{base, rest - 1, -65536}}},
+                         {"two free chunks side by side", {{base, b - 1, -52}}},
+                         {"end record", {{base, 65535, 4}}},
+                         {"link to what is no free chunk", {{base, 8, b}}},
+                         {"parent", {{base, a, b}}},
+                         {"more nodes than free chunks", {{base, a + 2, c}}},
+                         {"order of the tree", {{base, a + 1, -1}, {base, a + 2, c}}},
+                         {"depth less than the children's say", {{base, rest + 3, 1}}},
+                         {"free chunk in no tree", {{base, a + 1, -1}}},
+                         {"anchor", {{base, 9, a}}},
+                         {"length of the largest free chunk", {{base, 11, 52}}},
+                         {"place of the largest free chunk", {{base, 12, a}}}},
+                        [&] { return own.walk().fault; });
 }
 
 } // namespace

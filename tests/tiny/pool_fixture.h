@@ -9,6 +9,8 @@
 struct tiny::TestAccess {
     static mem_TBPool* instance() { return mem_TBPool::theInstance; }
     static mem_mlock& lock() { return mem_TBPool::theLock; }
+    static std::int32_t& head(int type) { return mem_TBPool::theInstance->m_firstBlock[type]; }
+    static std::int32_t& free_index() { return mem_TBPool::theInstance->m_freeIndex; }
     /// Ends the pool, whatever is in it.
     static void end() {
         delete mem_TBPool::theInstance;

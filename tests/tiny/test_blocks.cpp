@@ -2,6 +2,7 @@
 #include "KXMBasMem.h"
 #include "blocks/mem_FixedBlock.h"
 #include "blocks/region_walk.h"
+#include "damage.h"
 #include "mem_DLAllocator.h"
 #include "pool_fixture.h"
 #include "recording_KX0CORE.h"
@@ -208,6 +209,30 @@ TEST(FixedRegion, ReportsWhatCannotBe) {
     EXPECT_EQ(region.AllocQuick(), nullptr) << "left to the form with checks";
     EXPECT_EQ(reported([&] { region.Alloc(place.block, 1); }, "mem_Region"),
               "AssertionFailed:free == -1 || (free >= m_reserveOffset && free <= m_regionSize)");
+}
+
+TEST(FixedRegion, IsNotSoundToTheWalkerWithAnyWordWrong) {
+    Place place(9, 1010, 32);
+    mem_FixedRegion& region = *place.block->Region();
+    const auto walk = [&] { return blocks::walk_region(region).fault; };
+    const auto slot = [](int number) { return 12 + 32 * number; };
+    for (int i = 0; i < 3; ++i) {
+        region.Alloc(place.block, 1);
+    }
+    region.Free(place.block, 10 + slot(0));
+    test::expect_faults(
+        {{"region header", {{&region, 8, 0}}},
+         {"region header", {{&region, 5, 11}}},
+         {"link off a slot", {{&region, 7, slot(0) + 1}}},
+         {"link off a slot", {{&region, slot(0), slot(-1)}}},
+         {"slot twice in the chain", {{&region, slot(0), slot(0)}}},
+         {"frontier behind the region", {{&region, 7, slot(32)}}},
+         {"link above the frontier", {{&region, slot(0), slot(5)}, {&region, slot(5), slot(3)}}},
+         {"count of words in use", {{&region, 4, 96}}}},
+        walk);
+    while (region.Alloc(place.block, 1) != -1) {
+    }
+    test::expect_faults({{"frontier not marked", {{&region, slot(31), slot(3)}}}}, walk);
 }
 
 } // namespace

@@ -1,6 +1,7 @@
 // The pool's edges: sizes, switches, what is reported and what happens then, and which pointers are
 // taken for its blocks.
 #include "KXMBasMem.h"
+#include "damage.h"
 #include "frame/mem_Backends.h"
 #include "frame/mem_TinySwitches.h"
 #include "heap/dlmalloc.h"
@@ -293,6 +294,35 @@ TEST_F(Pool, TakesNoOtherPageForItsOwn) {
     std::memcpy(page + 256, page, sizeof *page);
     EXPECT_FALSE(known(page + 256)) << "a copy of a page's start";
     os::vm_release(page);
+}
+
+TEST_F(Pool, IsNotSoundToTheWalkerWithAnyWordWrong) {
+    mem_FixedBlock* const listed = tiny::block_in(tiny::page_of(pool().Alloc(32, false)));
+    std::vector<void*> slots; // two full pages and a slot
+    for (int i = 0; i < 2 * 31 + 1; ++i) {
+        slots.push_back(pool().Alloc(128, false));
+    }
+    pool().Free(slots.front());
+    pool().Free(slots.back()); // its page goes, and leaves its index
+    mem_FixedBlock* const full = tiny::block_in(tiny::page_of(slots[40]));
+    int* const free_index = &tiny::TestAccess::free_index();
+    int* const head = &tiny::TestAccess::head(3);
+    auto* const first = &tiny::first_page[3];
+    test::expect_faults(
+        {{"stack of free indices", {{free_index, 0, 100}}},
+         {"free index with a page", {{free_index, 0, 1}}},
+         {"tag", {{tiny::page_of(listed), 2, 0}}},
+         {"descriptor", {{listed, 8, 7}}},
+         {"class", {{listed, 10 + 3, mem_RGN_SPECIAL}}},
+         {"count of words in use", {{listed, 10 + 4, 0}}},
+         {"first page is not the list's head", {{first, 0, 0}, {first, 1, 0}}},
+         {"list leads off the pages", {{listed, 5, 99}}},
+         {"list leads off the pages", {{listed, 5, listed->BlockIndex()}}},
+         {"links disagree", {{listed, 6, 2}}},
+         {"page on another class's list", {{listed, 10 + 3, 4}}},
+         {"link off the lists", {{full, 5, 0}}},
+         {"page with room off its list", {{head, 0, -1}, {first, 0, 0}, {first, 1, 0}}}},
+        [] { return tiny::take_census().fault; });
 }
 
 } // namespace
