@@ -20,10 +20,10 @@
 //   in a fatal error instead when a new cluster is to take the place of one that was emptied, and in a
 //   fault when a table of the pool cannot grow: to survive exhaustion, have an allocator that throws.
 // - A cluster goes back to the allocator with its last allocation. IF THAT EMPTIED THE CLUSTER OF THE
-//   POOL'S LATEST CHANGE, THE NEXT REQUEST OF MORE THAN 128 BYTES IS A FATAL ERROR, unless another
-//   allocation or release comes between. Nothing tells that a cluster was emptied. So a client that
-//   releases keeps a small allocation of its own, and after a release, before a request of more than 128
-//   bytes, gets a new one and then frees the old one.
+//   POOL'S LATEST CHANGE, THE NEXT REQUEST OF MORE THAN 128 BYTES IS A FATAL ERROR, a resize that finds no
+//   room where the allocation is as well, unless another allocation or release comes between. Nothing tells
+//   that a cluster was emptied. So a client that releases keeps a small allocation of its own, and after a
+//   release, before a request or resize to more than 128 bytes, gets a new one and then frees the old one.
 // - A pass-through block (bits.inCluster is 0) that the allocator moves in ReAlloc, larger or smaller, is a
 //   fatal error after it was moved: allocate anew, copy and free instead.
 // - More than 32767 clusters, 8 GiB, are not noticed: identifiers are wrong then.

@@ -212,6 +212,14 @@ TEST(CachePool, KeepsItsCurrentClusterWhenThatIsReleased) {
     EXPECT_TRUE(own->Alloc(1000).HasValue());
     own->Free(small);
     EXPECT_EQ(recorded_fatal_errors(), before + 1);
+
+    OwnPool full; // so that a resize has to allocate anew
+    const ID record = full->Alloc(8);
+    fill(full, 1);
+    full->Free(full->Alloc(16384));
+    EXPECT_EQ(recorded_fatal_errors(), before + 1);
+    EXPECT_EQ(cluster_of(full->ReAlloc(record, 16384)), 2);
+    EXPECT_EQ(recorded_fatal_errors(), before + 2);
 }
 
 TEST(CachePool, DoesNotSeeThatAnEmptiedClusterGotNoMemory) {
