@@ -1,8 +1,8 @@
-// Preloaded into a program, lets one system call that the library makes fail: the n-th of its kind. The calls of
-// others, the C runtime's and the program's own, pass.
+// Preloaded into a program, lets one call that the library makes, of the system or of the C runtime's heap, fail: the
+// n-th of its kind. The calls of others, the C runtime's and the program's own, pass.
 //
-//   KXM_INJECT=CALL:FAILURE:N    CALL is mmap, munmap, mprotect, madvise, open, write or futex; FAILURE is refuse
-//                                (with what the system gives when it is short of something), interrupt, or, of
+//   KXM_INJECT=CALL:FAILURE:N    CALL is mmap, munmap, madvise, open, write, futex or malloc (and its kin); FAILURE is
+//                                refuse (with what the system gives when it is short of something), interrupt, or, of
 //                                write, short: half of it; a + behind N: and every later one
 //   KXM_INJECT_COUNT=FILE        is made with the number of calls of that kind, when the program exits by itself
 //   KXM_INJECT_MAPS=N            takes all the mappings that the system grants a process but about N
@@ -38,19 +38,29 @@ struct Plan {
 };
 Plan plan;
 std::atomic<long> calls{0};
-std::uintptr_t library_from = 0, library_to = 0;
+struct Code {
+    std::uintptr_t from = 0, to = 0;
+    bool holds(std::uintptr_t place) const { return place >= from && place < to; }
+};
+Code library, program;
 
 template <class Function> Function next(const char* name) {
     return reinterpret_cast<Function>(dlsym(RTLD_NEXT, name));
 }
 
-int find_library(dl_phdr_info* info, std::size_t, void*) {
+int find_code(dl_phdr_info* info, std::size_t, void*) {
+    Code* code = nullptr;
     if (std::strstr(info->dlpi_name, "libKXMBasMem.so") != nullptr) {
+        code = &library;
+    } else if (program.to == 0) { // the first of all
+        code = &program;
+    }
+    if (code != nullptr) {
         for (int i = 0; i < info->dlpi_phnum; ++i) {
             const ElfW(Phdr)& part = info->dlpi_phdr[i];
             if (part.p_type == PT_LOAD && (part.p_flags & PF_X) != 0) {
-                library_from = info->dlpi_addr + part.p_vaddr;
-                library_to = library_from + part.p_memsz;
+                code->from = info->dlpi_addr + part.p_vaddr;
+                code->to = code->from + part.p_memsz;
             }
         }
     }
@@ -59,11 +69,11 @@ int find_library(dl_phdr_info* info, std::size_t, void*) {
 
 // The library's first call may come before this one's constructors.
 void read_plan() {
-    if (plan.at != 0) {
+    if (plan.at != 0 || environ == nullptr) {
         return;
     }
     plan.at = -1;
-    dl_iterate_phdr(find_library, nullptr);
+    dl_iterate_phdr(find_code, nullptr);
     if (const char* const text = std::getenv("KXM_INJECT")) {
         char later = 0;
         std::sscanf(text, "%15[^:]:%15[^:]:%ld%c", plan.call, plan.failure, &plan.at, &later);
@@ -75,7 +85,10 @@ void read_plan() {
 bool fails(const char* call, const void* caller) {
     read_plan();
     const auto from = reinterpret_cast<std::uintptr_t>(caller);
-    if (from < library_from || from >= library_to || std::strcmp(call, plan.call) != 0) {
+    // The library hands a request on by a jump, so that it comes from the program, which makes none of its own.
+    const bool of_library =
+        library.holds(from) || (program.holds(from) && std::strcmp(call, "malloc") == 0);
+    if (!of_library || std::strcmp(call, plan.call) != 0) {
         return false;
     }
     const long number = ++calls;
@@ -183,11 +196,6 @@ int munmap(void* where, std::size_t size) noexcept {
     return fails("munmap", CALLER) ? failed(ENOMEM, -1) : real(where, size);
 }
 
-int mprotect(void* where, std::size_t size, int protection) noexcept {
-    static const auto real = next<decltype(&mprotect)>("mprotect");
-    return fails("mprotect", CALLER) ? failed(ENOMEM, -1) : real(where, size, protection);
-}
-
 int madvise(void* where, std::size_t size, int advice) noexcept {
     static const auto real = next<decltype(&madvise)>("madvise");
     return fails("madvise", CALLER) ? failed(EINVAL, -1) : real(where, size, advice);
@@ -224,6 +232,33 @@ long syscall(long number, ...) noexcept {
     }
     return real(number, arguments[0], arguments[1], arguments[2], arguments[3], arguments[4],
                 arguments[5]);
+}
+
+// The C runtime's own names, for requests come before anything could be looked up.
+void* __libc_malloc(std::size_t size);
+void* __libc_calloc(std::size_t count, std::size_t size);
+void* __libc_realloc(void* block, std::size_t size);
+void* __libc_memalign(std::size_t alignment, std::size_t size);
+
+void* malloc(std::size_t size) noexcept {
+    return fails("malloc", CALLER) ? failed<void*>(ENOMEM, nullptr) : __libc_malloc(size);
+}
+
+void* calloc(std::size_t count, std::size_t size) noexcept {
+    return fails("malloc", CALLER) ? failed<void*>(ENOMEM, nullptr) : __libc_calloc(count, size);
+}
+
+void* realloc(void* block, std::size_t size) noexcept {
+    return fails("malloc", CALLER) ? failed<void*>(ENOMEM, nullptr) : __libc_realloc(block, size);
+}
+
+int posix_memalign(void** block, std::size_t alignment, std::size_t size) noexcept {
+    void* const made = fails("malloc", CALLER) ? nullptr : __libc_memalign(alignment, size);
+    if (made == nullptr) {
+        return ENOMEM;
+    }
+    *block = made;
+    return 0;
 }
 
 } // extern "C"

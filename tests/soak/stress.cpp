@@ -472,6 +472,11 @@ int main(int argc, char** argv) {
     KXMBasErrorStack::Activate();
 #endif
 
+    // A heap that is refused its first segment by a large request ends the program, by design: a small one makes the
+    // segment, or is refused it in vain.
+    for (int attempt = 0; attempt < 2; ++attempt) {
+        mem_Free(mem_Malloc(1000));
+    }
     pthread_key_create(&last_block, mem_Free);
     static Ground ground;
     ground.account.Activate();
@@ -495,11 +500,24 @@ int main(int argc, char** argv) {
             thread.join();
         }
         ++totals.threads;
+        // A recorded thread's number is not to be refused: there is no limit until it has it.
+        std::atomic<bool> numbered{!recorded};
+        if (recorded) {
+            mem_Mallopt(-5, 0);
+        }
         // Only so many threads have phases, in the order of their first contact.
         thread = std::thread(
             [&, own_seed = random(), phases = turn + threads.size() + 2 < MEM_MAX_THREADS] {
+                if (recorded) {
+                    mem_ThreadId::Instance();
+                    mem_ThreadId::Instance(); // where somebody else refused the first
+                    numbered.store(true);
+                }
                 Worker(rules, ground, totals, own_seed).run(1000 + own_seed % 20000, phases);
             });
+        while (!numbered.load()) {
+            std::this_thread::yield();
+        }
         mem_Tracker_Interface::EnterPhase("turn", 0);
         for (int i = 0; i < 40; ++i) {
             disturb(rules, random);
