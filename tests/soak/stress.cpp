@@ -363,6 +363,8 @@ std::size_t below(std::mt19937_64& random, std::size_t bound) {
 
 // One step of the thread that changes and asks.
 void disturb(const Rules& rules, std::mt19937_64& random) {
+    // Of a stop's blocks the recording keeps a table, whose growth is not to be refused.
+    static bool stopped = false;
     switch (below(random, 14)) {
     case 0:
     case 1:
@@ -376,7 +378,7 @@ void disturb(const Rules& rules, std::mt19937_64& random) {
                                               : 128 * kib << below(random, 5));
         break;
     case 4:
-        if (rules.refuses) {
+        if (rules.refuses && !stopped) {
             mem_Mallopt(-5, below(random, 2) == 0 ? 0 : 1 + below(random, 24 * mib));
         }
         break;
@@ -394,10 +396,15 @@ void disturb(const Rules& rules, std::mt19937_64& random) {
         }
         break;
     case 8: // blocks of a stop are left out of the record
-        if (below(random, 64) == 0) {
+        if (below(random, 64) == 0 && !rules.refused_anyhow) {
+            stopped = true;
+            if (rules.refuses) {
+                mem_Mallopt(-5, 0);
+            }
             mem_Tracker_Interface::StopTracking();
         } else if (below(random, 4) == 0) {
             mem_Tracker_Interface::StartTracking();
+            stopped = false;
         }
         break;
     case 9:
