@@ -78,9 +78,9 @@ if(NOT out MATCHES "Versions.*Back end.*MEMORY USE SUMMARY" OR NOT out MATCHES "
 endif()
 # Its helper finds the library that it replays with, and has nothing to read here.
 execute_process(COMMAND ${EMULATOR} ${WORK}/prefix/bin/memtrack-replay${suffix} INPUT_FILE /dev/null
-                OUTPUT_QUIET ERROR_VARIABLE err)
+                OUTPUT_QUIET ERROR_VARIABLE err RESULT_VARIABLE result)
 if(NOT err MATCHES "started by memtrack replay")
-  message(FATAL_ERROR "memtrack-replay printed '${err}'")
+  message(FATAL_ERROR "memtrack-replay ended with ${result} and printed '${err}'")
 endif()
 
 find_program(PKG_CONFIG NAMES pkg-config pkgconf)
