@@ -142,11 +142,12 @@ soak() {
 }
 
 coverage() {
-    build linux-coverage
     profiles=$PWD/build/linux-coverage/profiles
+    # The build runs programs too, which would else leave theirs in the tree.
+    export LLVM_PROFILE_FILE="$profiles/%m%c.profraw"
+    build linux-coverage
     rm -rf "$profiles"
     mkdir "$profiles"
-    export LLVM_PROFILE_FILE="$profiles/%m%c.profraw"
     ctest --preset linux-coverage -j "$(nproc)" --output-on-failure --no-tests=error
     # What happens at load is counted only where the counts are written in the end.
     LLVM_PROFILE_FILE="$profiles/exit-%m.profraw" ctest --preset linux-coverage -R 'test_(frame|objects|client|tracking)'

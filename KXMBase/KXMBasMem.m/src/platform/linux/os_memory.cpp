@@ -179,9 +179,8 @@ bool mark(std::uintptr_t base, std::size_t size, bool held) {
     for (std::uintptr_t granule = base >> bits; granule < end;) {
         std::atomic<GranuleMap::Word*>& leaf = map_of_bits.leaf[granule >> GranuleMap::leaf_bits];
         GranuleMap::Word* words = leaf.load(std::memory_order_relaxed);
-        if (words == nullptr &&
-            !held) { // the page that could not be had; nor was anything marked behind it
-            return true;
+        if (words == nullptr && !held) {
+            return true; // the page that could not be had: nothing was marked from here on
         }
         if (words == nullptr) {
             void* const page_of_bits = map(0, GranuleMap::leaf_bytes, PROT_READ | PROT_WRITE, 0);
