@@ -106,7 +106,7 @@ soak() {
     build linux
     build linux-tsan stress
     build windows stress
-    build linux-fuzz
+    build linux-fuzz fuzz_heap fuzz_tiny fuzz_cache fuzz_recorder fuzz_memtrack
     programs=build/linux/bin
     tests=build/linux/tests/bin
     mesh=examples/meshes/cantilever-22.msh
