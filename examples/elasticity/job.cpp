@@ -61,6 +61,18 @@ struct Model {
     Part part;
 };
 
+// Whether the load is on a node that can move.
+bool moves(const Model& model) {
+    const Vector<double>& force = model.load.force;
+    return std::any_of(model.numbering.node_of_row.begin(),
+                       model.numbering.node_of_row.begin() +
+                           static_cast<std::ptrdiff_t>(model.numbering.rows),
+                       [&](std::int32_t node) {
+                           const auto* const of_node = &force[3 * static_cast<std::size_t>(node)];
+                           return of_node[0] != 0 || of_node[1] != 0 || of_node[2] != 0;
+                       });
+}
+
 Model make_model(const Options& options, JobReport& report, const Team& team) {
     const StepClock clock(report.steps[step_read]);
     Model model;
@@ -74,6 +86,9 @@ Model make_model(const Options& options, JobReport& report, const Team& team) {
     model.numbering = number_unknowns(mesh);
     if (model.numbering.rows == 0)
         throw InputError(mesh.file, 0, {"every node belongs to group \"fixed\": nothing can move"});
+    if (options.load.force != 0 && !moves(model))
+        throw InputError(mesh.file, 0,
+                         {"every loaded node belongs to group \"fixed\" too: nothing is deformed"});
     model.part = team.ranks() == 1 ? whole(mesh) : cut_out(mesh, model.numbering, model.load, team);
     if (options.cache_pool) {
         mesh.records = std::make_shared<Records>(mesh);

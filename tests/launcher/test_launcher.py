@@ -184,6 +184,9 @@ class Launcher(unittest.TestCase):
                           "--track-name=a/b", "--track-name=%", "--limit=", "--limit=M", "--limit=64Mi", "--limit=1023K",
                           "--limit=8388608T", "--limit=99999999999999999999", "--granularity=32K", "--granularity=65537"))):
             self.assertTrue(self.ran([KXMRUN, *wrong], status=2).stderr)
+        with open("/dev/full", "w") as full:
+            help_lost = subprocess.run([KXMRUN, "--help"], stdout=full, stderr=subprocess.PIPE, text=True)
+        self.assertEqual((help_lost.returncode, help_lost.stderr), (2, "kxmrun: cannot write the output\n"))
         for size in "8388608", "8192K", "8MiB":
             self.assertIn("by the limit of 8388608 bytes", self.ran(
                 [KXMRUN, "--limit", size, "--", victim("launcher_work_arrays")]).stderr)

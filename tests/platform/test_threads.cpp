@@ -3,6 +3,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <cstdio>
 #include <gtest/gtest.h>
 #include <pthread.h>
 #include <thread>
@@ -13,7 +14,12 @@ namespace {
 using namespace std::chrono_literals;
 
 TEST(Event, RemembersOneWakeUpAndOneOnly) {
+    std::FILE* const none = std::fopen("no such folder/file", "r"); // leaves an error to be kept
+    const std::uint32_t error = os::last_error();
     const os::Event event = os::event_create();
+    EXPECT_EQ(os::last_error(), error);
+    ASSERT_EQ(none, nullptr);
+    ASSERT_NE(error, 0U);
     ASSERT_NE(event, nullptr);
     os::event_set(event);
     os::event_set(event);

@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <functional>
+#include <iostream>
 #include <map>
 #include <memory>
 #include <string>
@@ -51,6 +52,11 @@ void print_json(const std::vector<Section>& sections) {
         }
     }
     std::printf("\n}\n");
+}
+
+int output_lost() {
+    std::fprintf(stderr, "kxmdiag: cannot write the output\n");
+    return problem_found;
 }
 
 int settings_status(const std::vector<Setting>& all) {
@@ -301,12 +307,15 @@ int main(int argc, char** argv) {
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {
-        return app.exit(error) == 0 ? done : wrong_usage; // prints help, version or what is wrong
+        const int status = app.exit(error); // prints help, version or what is wrong
+        if (!std::cout.flush()) {
+            return output_lost();
+        }
+        return status == 0 ? done : wrong_usage;
     }
     const int status = run();
     if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0) { // the reports flush by themselves
-        std::fprintf(stderr, "kxmdiag: cannot write the output\n");
-        return problem_found;
+        return output_lost();
     }
     return status;
 }

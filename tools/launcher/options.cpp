@@ -4,6 +4,8 @@
 #include <CLI/CLI.hpp>
 
 #include <cctype>
+#include <cstdio>
+#include <iostream>
 #include <limits>
 #include <memory>
 
@@ -144,7 +146,12 @@ std::optional<int> read_options(int argc, char** argv, Options& options) {
             throw CLI::ValidationError(why);
         }
     } catch (const CLI::ParseError& error) {
-        return app.exit(error) == 0 ? 0 : usage_status;
+        const int status = app.exit(error);
+        if (!std::cout.flush()) {
+            std::fputs("kxmrun: cannot write the output\n", stderr);
+            return usage_status;
+        }
+        return status == 0 ? 0 : usage_status;
     }
     options.track = options.track || !options.track_dir.empty() || !options.track_name.empty();
     return {};
