@@ -19,6 +19,7 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <map>
 #include <memory>
 #include <sstream>
 #include <string>
@@ -90,7 +91,12 @@ private:
     std::size_t some_size() {
         switch (random_.below(32)) {
         case 0: // what is mapped directly, or grows the segments by more than their unit
-            return random_.below(4) == 0 ? random_.below(3 * mib) : random_.below(256 * kib);
+            switch (random_.below(256)) {
+            case 0: // a large array
+                return 4 * mib + random_.below(76 * mib);
+            default:
+                return random_.below(4) == 0 ? random_.below(3 * mib) : random_.below(256 * kib);
+            }
         case 1:
         case 2:
         case 3:
@@ -112,8 +118,12 @@ private:
 
     void one_step() {
         const std::size_t kind = random_.below(1000);
-        if (kind < 420) {
+        if (kind < 400) {
             replace(mem_Malloc(some_size()));
+        } else if (kind < 410) {
+            align();
+        } else if (kind < 420 && !limited_) { // a refusal prints a call stack
+            replace(mem_OperatorNewThrow(1 + some_size()));
         } else if (kind < 440) {
             const std::size_t count = 1 + random_.below(16); // arguments have no order
             replace(mem_Calloc(count, 1 + some_size() / 16));
@@ -135,6 +145,16 @@ private:
         mem_Free(*block);
         *block = fresh;
         digest_.add(fresh != nullptr ? 1 : 0);
+    }
+
+    // Small ones, which the C runtime has in its own heap: where it would map memory decides which segments of
+    // ours are neighbours, and so are merged.
+    void align() {
+        void*& block = aligned_[random_.below(aligned_.size())];
+        mem_MalignFree(block);
+        const std::size_t alignment = std::size_t{1} << random_.below(13);
+        block = mem_Malign(1 + random_.below(kib), alignment);
+        digest_.add(reinterpret_cast<std::uintptr_t>(block) % alignment);
     }
 
     void resize() {
@@ -237,6 +257,9 @@ private:
             mem_Free(block);
             block = nullptr;
         }
+        for (void*& block : aligned_) {
+            mem_MalignFree(block);
+        }
         for (Record& record : records_) {
             pool_.Free(record.id);
         }
@@ -252,6 +275,7 @@ private:
     kxm::CachePool pool_;
     // Of a size that the compiler's own allocations cannot disturb: nothing of these is from the heap.
     std::array<void*, 3000> blocks_{};
+    std::array<void*, 100> aligned_{};
     std::array<Record, 20000> records_{};
     int depth_ = 0;
     bool tiny_ = false;
@@ -308,9 +332,28 @@ void tell_records(const std::string& base, std::ostream& told) {
     told << count << " records of " << blocks << " blocks, digest " << digest.value() << '\n';
 }
 
-std::string whole_file(const char* name) {
-    std::ifstream in(name);
+std::string whole_file(const std::string& name) {
+    std::ifstream in(name, std::ios::binary);
     return {std::istreambuf_iterator<char>(in), {}};
+}
+
+// The phase paths in the order of their ids.
+void tell_phases(const std::string& base, std::ostream& told) {
+    constexpr std::size_t record_bytes = 131076;
+    const std::string bytes = whole_file(base + ".phaseStack");
+    std::map<std::int32_t, std::string> paths;
+    for (std::size_t at = 4; at + record_bytes <= bytes.size(); at += record_bytes) {
+        paths.emplace(word_at<std::int32_t>(bytes, at), bytes.data() + at + 4);
+    }
+    Digest digest;
+    for (const auto& [id, path] : paths) {
+        digest.add(id);
+        for (const char byte : path + '\n') {
+            digest.add(byte);
+        }
+    }
+    told << paths.size() << " paths of " << bytes.size() << " bytes, the last "
+         << (paths.empty() ? "" : paths.rbegin()->second) << ", digest " << digest.value() << '\n';
 }
 
 } // namespace
@@ -336,6 +379,7 @@ int main(int argc, char** argv) {
     mem_ThreadId::Finalize();
     mem_Tracker::Finalize();
     tell_records((folder / "agreement").string(), told);
+    tell_phases((folder / "agreement").string(), told);
     std::filesystem::remove_all(folder);
 
     if (argc > 2 && std::string(argv[2]) == "--renew") {
