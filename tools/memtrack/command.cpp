@@ -10,6 +10,7 @@
 #include <cstdio>
 #include <exception>
 #include <thread>
+#include <utility>
 
 namespace memtrack {
 
@@ -90,7 +91,8 @@ Option Command::option(const char* names, unsigned& to, const std::string& help)
 
 Option Command::option(const char* names, std::function<void(const std::vector<std::string>&)> take,
                        const std::string& help) {
-    return Option(app_->add_option_function<std::vector<std::string>>(names, take, help));
+    return Option(
+        app_->add_option_function<std::vector<std::string>>(names, std::move(take), help));
 }
 
 void Command::flag(const char* names, bool& to, const char* help) {

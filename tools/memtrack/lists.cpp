@@ -44,6 +44,7 @@ std::vector<HeldBlock> largest_blocks(const std::string& base, const History& hi
     std::sort_heap(best.begin(), best.end(), larger);
     const std::vector<std::string> paths = history.phase_paths(table);
     std::vector<HeldBlock> result;
+    result.reserve(best.size());
     for (const Block& block : best) {
         result.push_back({base, block.address, block.size, block.number,
                           history.threads().id(block.thread), paths[block.phase]});

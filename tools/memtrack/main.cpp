@@ -7,8 +7,10 @@
 #include <exception>
 #include <iostream>
 
-int main(int argc, char** argv) {
-    using namespace memtrack;
+namespace memtrack {
+namespace {
+
+int read_and_run(int argc, char** argv) {
     CLI::App app("Reads what a run recorded with KXA_MEM_TRACK set.", "memtrack");
     app.set_version_flag("-V,--version", "memtrack " MEMTRACK_VERSION);
     app.require_subcommand(1);
@@ -34,8 +36,17 @@ int main(int argc, char** argv) {
     } catch (const UsageError& error) {
         std::fprintf(stderr, "memtrack: %s\n", error.what());
         return wrong_usage;
+    }
+}
+
+} // namespace
+} // namespace memtrack
+
+int main(int argc, char** argv) {
+    try {
+        return memtrack::read_and_run(argc, argv);
     } catch (const std::exception& error) {
         std::fprintf(stderr, "memtrack: %s\n", error.what());
-        return damaged;
+        return memtrack::damaged;
     }
 }

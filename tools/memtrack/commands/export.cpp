@@ -3,7 +3,9 @@
 #include "export/formats.h"
 #include "platform/terminal.h"
 
-#include <map>
+#include <algorithm>
+#include <array>
+#include <utility>
 
 namespace memtrack {
 namespace {
@@ -14,19 +16,36 @@ using exporting::Table;
 
 enum class Format { massif, dhat, heaptrack, pprof, perfetto, speedscope, collapsed, csv, json };
 
-const std::map<std::string, Format> formats = {{"massif", Format::massif},
-                                               {"dhat", Format::dhat},
-                                               {"heaptrack", Format::heaptrack},
-                                               {"pprof", Format::pprof},
-                                               {"perfetto", Format::perfetto},
-                                               {"speedscope", Format::speedscope},
-                                               {"collapsed", Format::collapsed},
-                                               {"csv", Format::csv},
-                                               {"json", Format::json}};
-const std::map<std::string, exporting::ShareAmount> amounts = {
-    {"peak", &Share::at_peak}, {"left", &Share::held}, {"allocated", &Share::allocated}};
-const std::map<std::string, Table> tables = {
-    {"phases", Table::phases}, {"threads", Table::threads}, {"curve", Table::curve}};
+template <class Value> using Word = std::pair<const char*, Value>;
+constexpr auto formats = std::to_array<Word<Format>>({{"massif", Format::massif},
+                                                      {"dhat", Format::dhat},
+                                                      {"heaptrack", Format::heaptrack},
+                                                      {"pprof", Format::pprof},
+                                                      {"perfetto", Format::perfetto},
+                                                      {"speedscope", Format::speedscope},
+                                                      {"collapsed", Format::collapsed},
+                                                      {"csv", Format::csv},
+                                                      {"json", Format::json}});
+constexpr auto amounts = std::to_array<Word<exporting::ShareAmount>>(
+    {{"peak", &Share::at_peak}, {"left", &Share::held}, {"allocated", &Share::allocated}});
+constexpr auto tables = std::to_array<Word<Table>>(
+    {{"phases", Table::phases}, {"threads", Table::threads}, {"curve", Table::curve}});
+
+template <class Words> std::vector<std::string> names_of(const Words& words) {
+    std::vector<std::string> names;
+    names.reserve(words.size());
+    for (const auto& [name, value] : words) {
+        names.emplace_back(name);
+    }
+    return names;
+}
+
+// Of a name that one_of has let through.
+template <class Words> auto value_of(const Words& words, const std::string& name) {
+    return std::find_if(words.begin(), words.end(),
+                        [&](const auto& word) { return word.first == name; })
+        ->second;
+}
 
 struct ExportOptions : CommonOptions {
     std::string format, amount = "peak", table = "phases";
@@ -34,7 +53,7 @@ struct ExportOptions : CommonOptions {
 
 void write(Output& output, const ExportOptions& options, const Ranks& ranks,
            const Problems& problems) {
-    switch (formats.at(options.format)) {
+    switch (value_of(formats, options.format)) {
     case Format::massif:
         return exporting::write_massif(output, ranks.front());
     case Format::dhat:
@@ -46,9 +65,9 @@ void write(Output& output, const ExportOptions& options, const Ranks& ranks,
     case Format::speedscope:
         return exporting::write_speedscope(output, ranks);
     case Format::collapsed:
-        return exporting::write_collapsed(output, ranks, amounts.at(options.amount));
+        return exporting::write_collapsed(output, ranks, value_of(amounts, options.amount));
     case Format::csv:
-        return exporting::write_csv(output, ranks, tables.at(options.table));
+        return exporting::write_csv(output, ranks, value_of(tables, options.table));
     case Format::json:
         return exporting::write_json(output, ranks, problems);
     case Format::heaptrack: // is written while it reads
@@ -57,7 +76,7 @@ void write(Output& output, const ExportOptions& options, const Ranks& ranks,
 }
 
 int run_export(const ExportOptions& options) {
-    const Format format = formats.at(options.format);
+    const Format format = value_of(formats, options.format);
     if (options.bases.size() > 1 && (format == Format::massif || format == Format::heaptrack)) {
         throw UsageError("a file of the format " + options.format +
                          " holds one run: give one BASE");
@@ -75,14 +94,6 @@ int run_export(const ExportOptions& options) {
         write(output, options, take_each(options, problems, exporting::take_survey), problems);
     }
     return end_report(output, options, problems);
-}
-
-template <class Values> std::vector<std::string> names_of(const Values& values) {
-    std::vector<std::string> names;
-    for (const auto& [name, value] : values) {
-        names.push_back(name);
-    }
-    return names;
 }
 
 } // namespace

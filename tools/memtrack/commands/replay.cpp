@@ -44,6 +44,7 @@ private:
 replay::Run medians(const std::vector<replay::Run>& runs) {
     const auto median = [&](std::uint64_t replay::Run::*figure) {
         std::vector<std::uint64_t> values;
+        values.reserve(runs.size());
         for (const replay::Run& run : runs) {
             values.push_back(run.*figure);
         }
@@ -62,6 +63,7 @@ replay::Run medians(const std::vector<replay::Run>& runs) {
 std::vector<Row> measure(const ReplayOptions& options, const std::vector<Recording>& recordings,
                          const std::vector<Candidate>& candidates) {
     std::vector<Row> rows;
+    rows.reserve(candidates.size());
     for (const Candidate& candidate : candidates) {
         rows.push_back({candidate, {}, {}, {}});
     }
@@ -102,6 +104,7 @@ std::vector<Candidate> candidates_of(const ReplayOptions& options) {
         names = {"crt", "heap", "heap:tiny", "aligned", "guarded"};
     }
     std::vector<Candidate> candidates;
+    candidates.reserve(names.size() + options.libraries.size());
     for (const std::string& name : names) {
         candidates.push_back(replay::back_end(name));
     }
