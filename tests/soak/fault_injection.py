@@ -32,7 +32,7 @@ JOB_SECONDS = 60
 FAILURES = ["mmap:refuse", "mmap:refuse+", "mmap:interrupt", "munmap:refuse", "madvise:refuse", "malloc:refuse",
             "malloc:refuse+", "open:refuse", "open:interrupt", "write:refuse", "write:refuse+", "write:interrupt",
             "write:short"]
-STRESS_FAILURES = ["mmap:refuse", "munmap:refuse", "futex:interrupt", "futex:refuse"]
+STRESS_FAILURES = ["mmap:refuse", "munmap:refuse", "munmap:refuse+", "futex:interrupt", "futex:refuse"]
 REQUESTS = ("mmap", "malloc")
 BACK_ENDS = [["crt"], ["guarded"], ["aligned"], ["heap"], ["heap", "--tiny-pool"], ["heap", "--cache-pool"]]
 LIBRARY_VARIABLES = ("KXA_", "KXQ_", "KXM_", "MC_RESULT")
@@ -180,7 +180,7 @@ def try_stress(ground, most):
         variables = variables | {"KXM_STRESS_REFUSED": "1"}
         stress = ground.tests / "stress"
         runs = 0
-        for failure in ["malloc:refuse"] + (STRESS_FAILURES if name in ("heap", "recorded") else []):
+        for failure in ["malloc:refuse"] + (STRESS_FAILURES if name in ("heap", "tiny", "recorded") else []):
             at_load = ground.run([stress, "0"], variables, failure, 10**9).calls
             for number in spread(300, most):
                 if number <= at_load and name == "recorded": # judged with the job

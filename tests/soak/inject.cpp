@@ -110,15 +110,56 @@ template <class Result> Result failed(int refusal, Result result) {
 }
 
 // What the library holds, for inject.h. It places the heap's memory itself, and leaves the place of its own tables to
-// the kernel.
+// the kernel. The heap asks for whole units; smaller is what a call stack is captured in.
+constexpr std::size_t unit = 65536;
 std::atomic<std::size_t> mapped{0};
 std::atomic<std::uintptr_t> lowest{UINTPTR_MAX}, end{0};
-std::atomic<std::uintptr_t> kept{0};
-std::atomic<std::size_t> kept_size{0};
 
-bool is_heaps(const void* where) {
+class Spin {
+public:
+    Spin() {
+        while (taken.test_and_set(std::memory_order_acquire)) {
+        }
+    }
+    ~Spin() { taken.clear(std::memory_order_release); }
+    Spin(const Spin&) = delete;
+    Spin& operator=(const Spin&) = delete;
+
+private:
+    static std::atomic_flag taken;
+};
+std::atomic_flag Spin::taken;
+
+InjectedAccount::Kept kept[4096];
+std::size_t kept_count = 0;
+
+void note_kept(const void* base, std::size_t size) {
+    const Spin spin;
+    for (std::size_t i = 0; i < kept_count; ++i) {
+        if (kept[i].base == base) { // tried again
+            kept[i].size = size;
+            return;
+        }
+    }
+    if (kept_count < sizeof kept / sizeof *kept) {
+        kept[kept_count++] = {base, size};
+    }
+}
+
+void note_unmapping(const void* base, std::size_t size) {
+    const Spin spin;
+    mapped -= size;
+    for (std::size_t i = 0; i < kept_count; ++i) {
+        const auto* const from = static_cast<const char*>(kept[i].base);
+        if (from < static_cast<const char*>(base) + size && base < from + kept[i].size) {
+            kept[i].base = nullptr;
+        }
+    }
+}
+
+bool is_heaps(const void* where, std::size_t size) {
     const auto place = reinterpret_cast<std::uintptr_t>(where);
-    return place >= lowest && place < end;
+    return place >= lowest && place < end && size % unit == 0;
 }
 
 void note_mapping(const void* where, std::size_t size) {
@@ -136,13 +177,12 @@ void note_mapping(const void* where, std::size_t size) {
 class Blocks {
 public:
     void add(const void* block) {
-        lock();
+        const Spin spin;
         ++count_;
         *find(block) = block;
-        unlock();
     }
     void remove(const void* block) {
-        lock();
+        const Spin spin;
         const void** hole = find(block);
         count_ -= *hole != nullptr ? 1 : 0;
         for (const void** at = hole;
@@ -155,7 +195,6 @@ public:
                 hole = at;
             }
         }
-        unlock();
     }
     long count() const { return count_; }
 
@@ -175,14 +214,8 @@ private:
         }
         return at;
     }
-    void lock() {
-        while (taken_.test_and_set(std::memory_order_acquire)) {
-        }
-    }
-    void unlock() { taken_.clear(std::memory_order_release); }
 
     const void* table_[room];
-    std::atomic_flag taken_;
     std::atomic<long> count_;
 };
 Blocks blocks;
@@ -281,7 +314,8 @@ void* mmap(void* where, std::size_t size, int protection, int flags, int file,
         return failed(ENOMEM, MAP_FAILED);
     }
     void* const made = real(where, size, protection, flags, file, offset);
-    if (made == where && (flags & MAP_FIXED_NOREPLACE) != 0 && of_library(CALLER, "mmap")) {
+    if (made == where && (flags & MAP_FIXED_NOREPLACE) != 0 && size % unit == 0 &&
+        of_library(CALLER, "mmap")) {
         note_mapping(where, size);
     }
     return made;
@@ -289,21 +323,16 @@ void* mmap(void* where, std::size_t size, int protection, int flags, int file,
 
 int munmap(void* where, std::size_t size) noexcept {
     static const auto real = next<decltype(&munmap)>("munmap");
-    const bool counted = of_library(CALLER, "munmap") && is_heaps(where);
+    const bool counted = of_library(CALLER, "munmap") && is_heaps(where, size);
     if (fails("munmap", CALLER)) {
         if (counted) {
-            kept_size = size;
-            kept = reinterpret_cast<std::uintptr_t>(where);
+            note_kept(where, size);
         }
         return failed(ENOMEM, -1);
     }
     const int result = real(where, size);
     if (counted && result == 0) {
-        mapped -= size;
-        const auto from = reinterpret_cast<std::uintptr_t>(where);
-        if (kept != 0 && from < kept + kept_size && kept < from + size) {
-            kept = 0;
-        }
+        note_unmapping(where, size);
     }
     return result;
 }
@@ -420,7 +449,7 @@ void free(void* block) noexcept {
 }
 
 void kxm_injected_account(InjectedAccount* account) {
-    *account = {mapped, reinterpret_cast<const void*>(kept.load()), kept_size, blocks.count()};
+    *account = {mapped, kept, kept_count, blocks.count()};
 }
 
 } // extern "C"

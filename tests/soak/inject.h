@@ -4,10 +4,14 @@
 #include <cstddef>
 
 struct InjectedAccount {
-    std::size_t mapped;    ///< bytes of the heap's segments and direct mappings
-    const void* kept;      ///< what of them a refused munmap left, and none took since; or null
-    std::size_t kept_size; ///< its bytes
-    long blocks;           ///< had of the C runtime's heap, and not given back
+    struct Kept {
+        const void* base; ///< null: given back since
+        std::size_t size;
+    };
+    std::size_t mapped; ///< bytes of the heap's segments and direct mappings
+    const Kept* kept;   ///< what of them a refused munmap left
+    std::size_t kept_count;
+    long blocks; ///< had of the C runtime's heap, and not given back
 };
 
 #ifdef __ELF__
