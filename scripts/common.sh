@@ -69,6 +69,7 @@ need_test_packages() {
     need_packages libopenmpi-dev openmpi-bin
     need_package_packages
     need_packages man-db mandoc
+    need_packages strace # lets calls of memtrack and kxmrun fail
 }
 
 # What makes the packages, with man pages and the reference, and what looks at them.

@@ -1,13 +1,18 @@
-// What Linux alone has to see to: UTF-16, memory of others where ours should go, and signals that are sent.
+// What Linux alone has to see to: UTF-16, memory of others where ours should go, calls that the system refuses, and
+// signals that are sent.
+#include "platform/granule_map.h"
 #include "platform/linux/utf16.h"
 #include "platform/os.h"
 
+#include <algorithm>
+#include <cerrno>
 #include <csignal>
 #include <cstring>
 #include <gtest/gtest.h>
 #include <random>
 #include <string>
 #include <sys/mman.h>
+#include <unistd.h>
 #include <vector>
 
 namespace {
@@ -101,8 +106,15 @@ TEST(ForeignMemory, IsPassedByAndSegmentsGoOnBehindIt) {
         const std::uintptr_t anywhere =
             allocated(os::Placement::segment, all); // the kernel's choice
         EXPECT_EQ(anywhere % unit, 0U);
+        void* const behind_it = mmap(reinterpret_cast<void*>(anywhere + unit), unit, PROT_NONE,
+                                     MAP_PRIVATE | MAP_ANONYMOUS | MAP_FIXED_NOREPLACE, -1, 0);
         EXPECT_EQ(allocated(os::Placement::segment, all) % unit, 0U);
+        if (behind_it != MAP_FAILED) { // else there was something already
+            munmap(behind_it, unit);
+        }
     }
+    EXPECT_EQ(allocated(os::Placement::segment, all), segment + 3 * unit + leap)
+        << "the way is free again";
     const std::uintptr_t direct = allocated(os::Placement::direct, all);
     {
         const Foreign below(direct - unit);
@@ -113,6 +125,82 @@ TEST(ForeignMemory, IsPassedByAndSegmentsGoOnBehindIt) {
         EXPECT_TRUE(os::vm_query(memory, region));
         EXPECT_EQ(region.size, unit);
         EXPECT_TRUE(os::vm_release(memory));
+    }
+}
+
+} // namespace
+
+// Stand between the library and the system: each lets the call fail that is to come after so many others.
+static int mmap_fails_in = 0, munmap_fails_in = 0, read_fails_in = 0, failure = ENOMEM;
+static bool fails(int& in) {
+    errno = in == 1 ? failure : errno;
+    return in > 0 && --in == 0;
+}
+extern "C" {
+void* __real_mmap(void* where, std::size_t size, int protection, int flags, int file, off_t offset);
+int __real_munmap(void* where, std::size_t size);
+ssize_t __real_read(int file, void* data, std::size_t size);
+
+void* __wrap_mmap(void* where, std::size_t size, int protection, int flags, int file,
+                  off_t offset) {
+    return fails(mmap_fails_in) ? MAP_FAILED
+                                : __real_mmap(where, size, protection, flags, file, offset);
+}
+int __wrap_munmap(void* where, std::size_t size) {
+    return fails(munmap_fails_in) ? -1 : __real_munmap(where, size);
+}
+ssize_t __wrap_read(int file, void* data, std::size_t size) {
+    return fails(read_fails_in) ? -1 : __real_read(file, data, std::min<std::size_t>(size, 700));
+}
+} // extern "C"
+
+namespace {
+
+// Nothing changes, nobody's errno does, and the next attempt is as if there had been none before.
+TEST(FailingCalls, LeaveMemoryAsItWasAndItsGranules) {
+    auto* const first = static_cast<char*>(os::vm_allocate(3 * unit, os::Placement::segment));
+    void* const second = os::vm_allocate(unit, os::Placement::segment);
+    const os::GranuleMap& map = *os::vm_granules();
+    const auto held = [&] {
+        return map.holds(first) && map.holds(first + 3 * unit - 1) && map.holds(second);
+    };
+    failure = ENOMEM;
+    errno = 7;
+    mmap_fails_in = 1;
+    EXPECT_EQ(os::vm_allocate(unit, os::Placement::segment), nullptr);
+    munmap_fails_in = 1;
+    EXPECT_FALSE(os::vm_release(first));
+    EXPECT_TRUE(held());
+    munmap_fails_in = 1;
+    EXPECT_EQ(os::vm_release_run(first, 4 * unit), 0U);
+    EXPECT_TRUE(held());
+    EXPECT_EQ(errno, 7);
+    os::Region region{};
+    ASSERT_TRUE(os::vm_query(first + unit, region));
+    EXPECT_EQ(region.base + region.size, reinterpret_cast<std::uintptr_t>(first) + 3 * unit);
+    first[3 * unit - 1] = 1;
+    EXPECT_TRUE(os::vm_release(first));
+    EXPECT_TRUE(os::vm_release(second));
+    EXPECT_FALSE(map.holds(first) || map.holds(second));
+}
+
+// What could not be read is not known: neither is address space told free nor are there figures of a part.
+// An interrupted read is done again.
+TEST(FailingCalls, MakeNoAnswersOfPartsOfFiles) {
+    for (const int error : {EIO, EINTR}) {
+        failure = error;
+        for (int at = 1; at <= 2; ++at) {
+            os::Region region{};
+            read_fails_in = at;
+            EXPECT_EQ(os::vm_query(&region, region), error == EINTR);
+            EXPECT_NE(region.state, os::state_free);
+            os::ProcessMemory process{};
+            os::MachineMemory machine;
+            read_fails_in = at;
+            EXPECT_EQ(os::process_memory(process), error == EINTR);
+            read_fails_in = at;
+            EXPECT_EQ(os::machine_memory(machine), error == EINTR);
+        }
     }
 }
 

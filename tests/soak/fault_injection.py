@@ -4,9 +4,10 @@
     fault_injection.py BIN_FOLDER TEST_FOLDER MESH [--most N]
 
 The example job runs on every back end, recorded and not, with the n-th memory request, release, opening or write
-refused, interrupted or cut short, for n from 1 until the job makes no more of them (at most N times
-each, spread over them all). Then the threaded stress program with refused memory and interrupted waits. Every run
-must end in time, by itself, and in one of the ways that the documents name:
+refused, interrupted or cut short, or seek or closing failing, for n from 1 until the job makes no more of them (at most
+N times each, spread over them all). Then the threaded stress program with refused memory, interrupted waits and failing
+reads, which shows by itself that nothing is lost; and memtrack and kxmrun with failing reads. Every run must end in time,
+by itself, and in one of the ways that the documents name:
 
 - exit status 0, with the result of the plain run, and, recorded, with a record that is whole
 - exit status 4, with the report of a refused request
@@ -31,8 +32,9 @@ import tempfile
 JOB_SECONDS = 60
 FAILURES = ["mmap:refuse", "mmap:refuse+", "mmap:interrupt", "munmap:refuse", "madvise:refuse", "malloc:refuse",
             "malloc:refuse+", "open:refuse", "open:interrupt", "write:refuse", "write:refuse+", "write:interrupt",
-            "write:short"]
-STRESS_FAILURES = ["mmap:refuse", "munmap:refuse", "futex:interrupt", "futex:refuse"]
+            "write:short", "lseek:refuse", "close:refuse", "close:interrupt"]
+STRESS_FAILURES = ["mmap:refuse", "munmap:refuse", "munmap:refuse+", "read:refuse", "read:interrupt", "read:short",
+                   "close:refuse", "futex:interrupt", "futex:refuse"]
 REQUESTS = ("mmap", "malloc")
 BACK_ENDS = [["crt"], ["guarded"], ["aligned"], ["heap"], ["heap", "--tiny-pool"], ["heap", "--cache-pool"]]
 LIBRARY_VARIABLES = ("KXA_", "KXQ_", "KXM_", "MC_RESULT")
@@ -128,8 +130,11 @@ def judge_job(ground, ended, failure, number, back_end, recorded, at_load, right
             read = subprocess.run([ground.bin / "memtrack", "report", "elasticity", "--json"], cwd=ground.folder,
                                   capture_output=True, text=True)
             # A table of phases that cannot be written is missing without a word, by design.
-            if read.returncode != 0 and not (call in ("open", "write") and "phaseStack" in read.stderr):
+            if read.returncode != 0 and not (call in ("open", "write", "lseek") and "phaseStack" in read.stderr):
                 return "a record that is not whole: " + read.stderr
+            table = ground.folder / "elasticity.phaseStack"
+            if call == "lseek" and table.stat().st_size not in (0, 4) and table.stat().st_size % 131076 != 4:
+                return "a table of phases in the wrong place"
         return None
     if ended.returncode == 4 and call in REQUESTS:
         words = ["out of memory", "footprint"]
@@ -180,17 +185,49 @@ def try_stress(ground, most):
         variables = variables | {"KXM_STRESS_REFUSED": "1"}
         stress = ground.tests / "stress"
         runs = 0
-        for failure in ["malloc:refuse"] + (STRESS_FAILURES if name in ("heap", "recorded") else []):
+        for failure in ["malloc:refuse"] + (STRESS_FAILURES if name in ("heap", "tiny", "recorded") else []):
             at_load = ground.run([stress, "0"], variables, failure, 10**9).calls
-            for number in spread(300, most):
+            for number in spread(300, most if "map:" in failure or most < 10 else 10):
                 if number <= at_load and name == "recorded": # judged with the job
                     continue
                 runs += 1
-                ended = ground.run([stress, "0.5", "6", str(runs)], variables, failure, number)
+                ended = ground.run([stress, "0.5" if most > 10 else "0.2", "6", str(runs)], variables, failure, number)
                 may_fault = name == "guarded" and failure == "malloc:refuse"
                 if ended.returncode != 0 and not (may_fault and ended.returncode == -signal.SIGSEGV):
                     ground.blame(ended, f"stress on {name}, {failure} at {number}")
         print(f"stress on {name}: {runs} runs", flush=True)
+
+
+def try_tools(ground):
+    """memtrack reading a recording and kxmrun reading a program, with the n-th read of its file failing."""
+    if not shutil.which("strace") or subprocess.run(["strace", "-o", "/dev/null", "true"], check=False,
+                                                    stderr=subprocess.DEVNULL).returncode != 0:
+        print("tools: not tried, there is no strace or it may not trace")
+        return
+    files = ground.folder / "files"
+    job = [ground.bin / "elasticity", ground.mesh, "--quiet", "--no-check"]
+    ground.run(job, {"KXA_MEM_TRACK": "1", "KXA_MEM_OUTPUTDIR": str(ground.folder)})
+    report = [ground.bin / "memtrack", "report", "elasticity"]
+    sort = shutil.which("sort")
+    launch = [ground.bin / "kxmrun", "--quiet", "--", sort, ground.mesh]
+    ends = {}
+    for command, call, file, status, words in [
+            (report, "read", "elasticity.memT0", 1, "elasticity.memT0, byte"),
+            (report, "read", "elasticity.phaseStack", 1, "elasticity.phaseStack, byte"),
+            (launch, "pread64", os.path.realpath(sort), 2, f"{sort} cannot be read: Input/output error")]:
+        plain = ground.start(command, {})
+        for failure in ("EIO", "EINTR"):
+            for number in (1, 2, 3):
+                ended = ground.start(["strace", "-fqq", "-o", files, "-P", ground.folder / file, "-e",
+                                      f"inject={call}:error={failure}:when={number}", *command], {})
+                met = "INJECTED" in files.read_text()
+                right = (ended.returncode, ended.stdout) == (0, plain.stdout)
+                told_so = ended.returncode == status and words in ended.stderr and "cut off" not in ended.stderr
+                if not met or not (told_so if failure == "EIO" else right):
+                    ground.blame(ended, f"{command[0].name}, {call} {number} of {file}: {failure}"
+                                 f"{'' if met else ' met no call'}")
+                ends[ended.returncode] = ends.get(ended.returncode, 0) + 1
+    told("memtrack and kxmrun, reads failing", ends)
 
 
 def try_storm(ground, most):
@@ -245,6 +282,7 @@ def main():
         for recorded in (False, True):
             try_job(ground, back_end, recorded, arguments.most)
     try_stress(ground, min(arguments.most, 60))
+    try_tools(ground)
     try_storm(ground, min(arguments.most, 6))
     shutil.rmtree(ground.folder)
     for failure in FAILURES + STRESS_FAILURES:

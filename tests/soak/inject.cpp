@@ -1,9 +1,10 @@
 // Preloaded into a program, lets one call that the library makes, of the system or of the C runtime's heap, fail: the
 // n-th of its kind. The calls of others, the C runtime's and the program's own, pass.
 //
-//   KXM_INJECT=CALL:FAILURE:N    CALL is mmap, munmap, madvise, open, write, futex or malloc (and its kin); FAILURE is
-//                                refuse (with what the system gives when it is short of something), interrupt, or, of
-//                                write, short: half of it; a + behind N: and every later one
+//   KXM_INJECT=CALL:FAILURE:N    CALL is mmap, munmap, madvise, open, read (pread, too), write, lseek, close, futex or
+//                                malloc (and its kin); FAILURE is refuse (with what the system gives when it is short of
+//                                something, or cannot get at the disk), interrupt, or, of read and write, short: half of
+//                                it; a + behind N: and every later one
 //   KXM_INJECT_COUNT=FILE        is made with the number of calls of that kind, when the program exits by itself
 //   KXM_INJECT_MAPS=N            takes all the mappings that the system grants a process but about N
 //   KXM_INJECT_STORM=TIMER       signals that interrupt what they find, thousands a second: TIMER is timer, for the
@@ -27,6 +28,8 @@
 #include <sys/mman.h>
 #include <sys/syscall.h>
 #include <unistd.h>
+
+#include "inject.h"
 
 namespace {
 
@@ -81,14 +84,16 @@ void read_plan() {
     }
 }
 
-// True when this call is to fail; `wrote` for a write that is to be cut short.
-bool fails(const char* call, const void* caller) {
+bool of_library(const void* caller, const char* call) {
     read_plan();
     const auto from = reinterpret_cast<std::uintptr_t>(caller);
     // The library hands a request on by a jump, so that it comes from the program, which makes none of its own.
-    const bool of_library =
-        library.holds(from) || (program.holds(from) && std::strcmp(call, "malloc") == 0);
-    if (!of_library || std::strcmp(call, plan.call) != 0) {
+    return library.holds(from) || (program.holds(from) && std::strcmp(call, "malloc") == 0);
+}
+
+// True when this call is to fail.
+bool fails(const char* call, const void* caller) {
+    if (!of_library(caller, call) || std::strcmp(call, plan.call) != 0) {
         return false;
     }
     const long number = ++calls;
@@ -102,6 +107,124 @@ bool is(const char* failure) {
 template <class Result> Result failed(int refusal, Result result) {
     errno = is("interrupt") ? EINTR : refusal;
     return result;
+}
+
+// What the library holds, for inject.h. It places the heap's memory itself, and leaves the place of its own tables to
+// the kernel. The heap asks for whole units; smaller is what a call stack is captured in.
+constexpr std::size_t unit = 65536;
+std::atomic<std::size_t> mapped{0};
+std::atomic<std::uintptr_t> lowest{UINTPTR_MAX}, end{0};
+
+class Spin {
+public:
+    Spin() {
+        while (taken.test_and_set(std::memory_order_acquire)) {
+        }
+    }
+    ~Spin() { taken.clear(std::memory_order_release); }
+    Spin(const Spin&) = delete;
+    Spin& operator=(const Spin&) = delete;
+
+private:
+    static std::atomic_flag taken;
+};
+std::atomic_flag Spin::taken;
+
+InjectedAccount::Kept kept[4096];
+std::size_t kept_count = 0;
+
+void note_kept(const void* base, std::size_t size) {
+    const Spin spin;
+    for (std::size_t i = 0; i < kept_count; ++i) {
+        if (kept[i].base == base) { // tried again
+            kept[i].size = size;
+            return;
+        }
+    }
+    if (kept_count < sizeof kept / sizeof *kept) {
+        kept[kept_count++] = {base, size};
+    }
+}
+
+void note_unmapping(const void* base, std::size_t size) {
+    const Spin spin;
+    mapped -= size;
+    for (std::size_t i = 0; i < kept_count; ++i) {
+        const auto* const from = static_cast<const char*>(kept[i].base);
+        if (from < static_cast<const char*>(base) + size && base < from + kept[i].size) {
+            kept[i].base = nullptr;
+        }
+    }
+}
+
+bool is_heaps(const void* where, std::size_t size) {
+    const auto place = reinterpret_cast<std::uintptr_t>(where);
+    return place >= lowest && place < end && size % unit == 0;
+}
+
+void note_mapping(const void* where, std::size_t size) {
+    const auto from = reinterpret_cast<std::uintptr_t>(where);
+    std::uintptr_t known = lowest;
+    while (from < known && !lowest.compare_exchange_weak(known, from)) {
+    }
+    known = end;
+    while (from + size > known && !end.compare_exchange_weak(known, from + size)) {
+    }
+    mapped += size;
+}
+
+// The addresses of blocks, by open addressing: what removes a block may be the program's own, by a jump as well.
+class Blocks {
+public:
+    void add(const void* block) {
+        const Spin spin;
+        ++count_;
+        *find(block) = block;
+    }
+    void remove(const void* block) {
+        const Spin spin;
+        const void** hole = find(block);
+        count_ -= *hole != nullptr ? 1 : 0;
+        for (const void** at = hole;
+             *hole != nullptr;) { // fetches up who was passed on for the hole
+            at = next_to(at);
+            if (*at == nullptr) {
+                *hole = nullptr;
+            } else if (distance(home(*at), at) >= distance(hole, at)) {
+                *hole = *at;
+                hole = at;
+            }
+        }
+    }
+    long count() const { return count_; }
+
+private:
+    static constexpr std::size_t room = std::size_t{1} << 18; // many times what the programs hold
+    const void** home(const void* block) {
+        return &table_[reinterpret_cast<std::uintptr_t>(block) / 16 * 0x9E3779B97F4A7C15 >> 46];
+    }
+    const void** next_to(const void** at) { return at + 1 == table_ + room ? table_ : at + 1; }
+    static std::size_t distance(const void** from, const void** to) {
+        return static_cast<std::size_t>(to - from) % room;
+    }
+    const void** find(const void* block) {
+        const void** at = home(block);
+        while (*at != nullptr && *at != block) {
+            at = next_to(at);
+        }
+        return at;
+    }
+
+    const void* table_[room];
+    std::atomic<long> count_;
+};
+Blocks blocks;
+
+void* note_block(void* made, const void* caller) {
+    if (made != nullptr && of_library(caller, "malloc")) {
+        blocks.add(made);
+    }
+    return made;
 }
 
 // Neighbours of different protection are mappings of their own.
@@ -187,13 +310,31 @@ extern "C" {
 void* mmap(void* where, std::size_t size, int protection, int flags, int file,
            off_t offset) noexcept {
     static const auto real = next<decltype(&mmap)>("mmap");
-    return fails("mmap", CALLER) ? failed(ENOMEM, MAP_FAILED)
-                                 : real(where, size, protection, flags, file, offset);
+    if (fails("mmap", CALLER)) {
+        return failed(ENOMEM, MAP_FAILED);
+    }
+    void* const made = real(where, size, protection, flags, file, offset);
+    if (made == where && (flags & MAP_FIXED_NOREPLACE) != 0 && size % unit == 0 &&
+        of_library(CALLER, "mmap")) {
+        note_mapping(where, size);
+    }
+    return made;
 }
 
 int munmap(void* where, std::size_t size) noexcept {
     static const auto real = next<decltype(&munmap)>("munmap");
-    return fails("munmap", CALLER) ? failed(ENOMEM, -1) : real(where, size);
+    const bool counted = of_library(CALLER, "munmap") && is_heaps(where, size);
+    if (fails("munmap", CALLER)) {
+        if (counted) {
+            note_kept(where, size);
+        }
+        return failed(ENOMEM, -1);
+    }
+    const int result = real(where, size);
+    if (counted && result == 0) {
+        note_unmapping(where, size);
+    }
+    return result;
 }
 
 int madvise(void* where, std::size_t size, int advice) noexcept {
@@ -218,6 +359,34 @@ ssize_t write(int file, const void* data, std::size_t size) {
     return is("short") && size > 1 ? real(file, data, size / 2) : failed(ENOSPC, ssize_t{-1});
 }
 
+ssize_t read(int file, void* data, std::size_t size) {
+    static const auto real = next<decltype(&read)>("read");
+    if (!fails("read", CALLER)) {
+        return real(file, data, size);
+    }
+    return is("short") && size > 1 ? real(file, data, size / 2) : failed(EIO, ssize_t{-1});
+}
+
+ssize_t pread(int file, void* data, std::size_t size, off_t offset) {
+    static const auto real = next<decltype(&pread)>("pread");
+    if (!fails("read", CALLER)) {
+        return real(file, data, size, offset);
+    }
+    return is("short") && size > 1 ? real(file, data, size / 2, offset) : failed(EIO, ssize_t{-1});
+}
+
+off_t lseek(int file, off_t offset, int from) noexcept {
+    static const auto real = next<decltype(&lseek)>("lseek");
+    return fails("lseek", CALLER) ? failed(EIO, off_t{-1}) : real(file, offset, from);
+}
+
+// The file is closed whatever the system says.
+int close(int file) {
+    static const auto real = next<decltype(&close)>("close");
+    const int result = real(file);
+    return fails("close", CALLER) ? failed(EIO, -1) : result;
+}
+
 long syscall(long number, ...) noexcept {
     static const auto real = next<decltype(&syscall)>("syscall");
     std::va_list more;
@@ -240,25 +409,47 @@ void* __libc_calloc(std::size_t count, std::size_t size);
 void* __libc_realloc(void* block, std::size_t size);
 void* __libc_memalign(std::size_t alignment, std::size_t size);
 
+void __libc_free(void* block);
+
 void* malloc(std::size_t size) noexcept {
-    return fails("malloc", CALLER) ? failed<void*>(ENOMEM, nullptr) : __libc_malloc(size);
+    return fails("malloc", CALLER) ? failed<void*>(ENOMEM, nullptr)
+                                   : note_block(__libc_malloc(size), CALLER);
 }
 
 void* calloc(std::size_t count, std::size_t size) noexcept {
-    return fails("malloc", CALLER) ? failed<void*>(ENOMEM, nullptr) : __libc_calloc(count, size);
+    return fails("malloc", CALLER) ? failed<void*>(ENOMEM, nullptr)
+                                   : note_block(__libc_calloc(count, size), CALLER);
 }
 
 void* realloc(void* block, std::size_t size) noexcept {
-    return fails("malloc", CALLER) ? failed<void*>(ENOMEM, nullptr) : __libc_realloc(block, size);
+    if (fails("malloc", CALLER)) {
+        return failed<void*>(ENOMEM, nullptr);
+    }
+    // Off the list while it moves, for its place may be had by another thread at once.
+    blocks.remove(block);
+    void* const made = __libc_realloc(block, size);
+    return note_block(made != nullptr || size == 0 ? made : block, CALLER), made;
 }
 
 int posix_memalign(void** block, std::size_t alignment, std::size_t size) noexcept {
-    void* const made = fails("malloc", CALLER) ? nullptr : __libc_memalign(alignment, size);
+    void* const made =
+        fails("malloc", CALLER) ? nullptr : note_block(__libc_memalign(alignment, size), CALLER);
     if (made == nullptr) {
         return ENOMEM;
     }
     *block = made;
     return 0;
+}
+
+void free(void* block) noexcept {
+    if (block != nullptr) {
+        blocks.remove(block);
+        __libc_free(block);
+    }
+}
+
+void kxm_injected_account(InjectedAccount* account) {
+    *account = {mapped, kept, kept_count, blocks.count()};
 }
 
 } // extern "C"

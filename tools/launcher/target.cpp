@@ -31,15 +31,21 @@ public:
 
     bool is_open() const { return file_ >= 0; }
     /// Up to `size` bytes from `offset`.
-    std::string read(std::size_t size, std::uint64_t offset) const {
+    std::string read(std::size_t size, std::uint64_t offset) {
         std::string bytes(size, '\0');
-        const ssize_t got = pread(file_, bytes.data(), size, static_cast<off_t>(offset));
+        ssize_t got = 0;
+        do {
+            got = pread(file_, bytes.data(), size, static_cast<off_t>(offset));
+        } while (got < 0 && errno == EINTR);
+        error_ = got < 0 ? errno : error_;
         bytes.resize(got > 0 ? static_cast<std::size_t>(got) : 0);
         return bytes;
     }
+    int error() const { return error_; } ///< of the last read that failed, or 0
 
 private:
     int file_;
+    int error_ = 0;
 };
 
 // The first executable file of that name; errno tells why there is none.
@@ -90,7 +96,7 @@ bool record_at(const std::string& bytes, std::size_t offset, Record& record) {
 }
 
 // The loader that an ELF file of the right kind names; `reason` says what is against it.
-std::string loader_of(const File& file, const std::string& head, std::string& reason) {
+std::string loader_of(File& file, const std::string& head, std::string& reason) {
     Elf64_Ehdr header{};
     if (head.size() > EI_CLASS && head[EI_CLASS] == ELFCLASS32) {
         reason = "is a 32-bit program";
@@ -128,14 +134,20 @@ std::string reason_against(const std::string& path, int depth) {
     if (getxattr(path.c_str(), "security.capability", nullptr, 0) > 0) {
         return "has capabilities of its own, so the system preloads nothing into it";
     }
-    const File file(path);
+    File file(path);
     if (!file.is_open()) {
         return {}; // it may be run and not be read: the system will tell
     }
     const std::string head = file.read(4096, 0);
-    if (head.compare(0, SELFMAG, ELFMAG) == 0) {
-        std::string reason;
-        const std::string loader = loader_of(file, head, reason);
+    std::string reason, loader;
+    const bool elf = head.compare(0, SELFMAG, ELFMAG) == 0;
+    if (elf) {
+        loader = loader_of(file, head, reason);
+    }
+    if (file.error() != 0) {
+        return std::string("cannot be read: ") + std::strerror(file.error());
+    }
+    if (elf) {
         if (reason.empty() && loader.find("ld-linux-x86-64") == std::string::npos) {
             reason = "uses the loader " + loader + ", which is not that of the GNU C library";
         }

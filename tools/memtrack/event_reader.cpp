@@ -132,7 +132,9 @@ void Producer::begin_file(Slot& slot) {
     const std::uint64_t size = file_->size();
     if (file_->read(&claimed_, count_bytes) != count_bytes) {
         claimed_ = 0;
-        note(slot, 0, "too short for its count of records: the run was cut off there");
+        note(slot, 0,
+             size < count_bytes ? "too short for its count of records: the run was cut off there"
+                                : "cannot be read from here on");
     } else if (claimed_ < 1 || claimed_ > full_file) {
         note(slot, 0,
              "begins with the number " + std::to_string(claimed_) +

@@ -1,6 +1,7 @@
 // See input_files.h. Files are read without a buffer of their own: readers take large pieces.
 #include "input_files.h"
 
+#include <cerrno>
 #include <cstdio>
 #include <filesystem>
 #include <system_error>
@@ -22,7 +23,14 @@ public:
     }
     std::uint64_t size() const override { return size_; }
     std::size_t read(void* data, std::size_t bytes) override {
-        return std::fread(data, 1, bytes, file_.get());
+        std::size_t got = 0;
+        bool again = true;
+        while (again && got < bytes) {
+            std::clearerr(file_.get());
+            got += std::fread(static_cast<char*>(data) + got, 1, bytes - got, file_.get());
+            again = std::ferror(file_.get()) != 0 && errno == EINTR;
+        }
+        return got;
     }
     bool go_to(std::uint64_t offset) override {
         return std::fseek(file_.get(), static_cast<long>(offset), SEEK_SET) == 0;

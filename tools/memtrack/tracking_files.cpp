@@ -51,7 +51,9 @@ public:
                          std::size_t record, const std::string& what, Problems& problems) {
         char bytes[count_bytes];
         if (!read(bytes, sizeof bytes)) {
-            problems.push_back({name, 0, "too short for its count of records"});
+            problems.push_back({name, 0,
+                                file_->size() < count_bytes ? "too short for its count of records"
+                                                            : "cannot be read from here on"});
             return -1;
         }
         const std::int32_t count = word_at(bytes);

@@ -129,7 +129,8 @@ float mem_StackHash::HitRate() const {
     return tracking::hit_rate(m_lookups, m_probes);
 }
 
-// No result is checked: what cannot be written is missing.
+// What cannot be written is missing, and nobody is told. But a table in the wrong place would be read as one of other
+// phases.
 void mem_StackHash::WriteToDisk(const char* baseName) {
     char name[largest_base_name + sizeof ".phaseStack"];
     std::snprintf(name, sizeof name, "%s.phaseStack", baseName);
@@ -139,7 +140,10 @@ void mem_StackHash::WriteToDisk(const char* baseName) {
     if (file < 0) {
         return;
     }
-    os::file_seek(file, file_header_bytes);
+    if (os::file_seek(file, file_header_bytes) != file_header_bytes) {
+        os::file_close(file);
+        return;
+    }
     std::int32_t count = 0;
     // Static, since a thread's whole stack may be smaller; trackers end one at a time.
     static char path[path_bytes];
@@ -153,7 +157,8 @@ void mem_StackHash::WriteToDisk(const char* baseName) {
         path[path_bytes - 1] = '\0';
         tracking::test_seam::write(file, path, path_bytes);
     }
-    os::file_seek(file, 0);
-    tracking::test_seam::write(file, &count, sizeof count);
+    if (os::file_seek(file, 0) == 0) {
+        tracking::test_seam::write(file, &count, sizeof count);
+    }
     os::file_close(file);
 }

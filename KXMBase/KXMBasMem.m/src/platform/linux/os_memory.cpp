@@ -301,11 +301,10 @@ std::size_t unmap_run(const Allocation* first, const Allocation* last) {
     }
     const std::uintptr_t base = first->base;
     const std::uintptr_t end = (last - 1)->base + (last - 1)->size;
-    const int saved_errno = errno;
+    const KeptError kept;
     mark(base, end - base, false); // first: the kernel may give the place to another at once
     if (munmap(reinterpret_cast<void*>(base), end - base) != 0) {
         mark(base, end - base, true);
-        errno = saved_errno;
         return 0;
     }
     if (round_up(end, granularity) == next_segment) {
@@ -338,7 +337,8 @@ void* vm_allocate(std::size_t size, Placement placement) {
     const std::size_t bytes = round_up(size, page);
     const std::size_t alignment = bytes >= huge_advice_from ? huge_page : granularity;
 
-    const int saved_errno = errno; // failed attempts at a place are no failure of the request
+    const KeptError
+        kept; // a refusal is told by the result alone, a failed attempt at a place not at all
     std::uintptr_t base = 0;
     {
         const TableGuard guard;
@@ -356,14 +356,15 @@ void* vm_allocate(std::size_t size, Placement placement) {
             return nullptr;
         }
         record(base, bytes);
-        if (placement == Placement::segment) {
+        // Where the kernel chooses, it goes downward, and what lies behind is another's: the next one is tried
+        // where this one was, again.
+        if (placement == Placement::segment && base < direct_top) {
             next_segment = round_up(base + bytes, granularity);
         }
     }
     if (bytes >= huge_advice_from) {
         madvise(reinterpret_cast<void*>(base), bytes, MADV_HUGEPAGE); // advice; refusal is fine
     }
-    errno = saved_errno;
     return reinterpret_cast<void*>(base);
 }
 

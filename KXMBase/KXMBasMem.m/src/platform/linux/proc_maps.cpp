@@ -48,6 +48,7 @@ const char* LineReader::next() {
                 got = read(file_, buffer_, sizeof buffer_);
             } while (got < 0 && errno == EINTR);
             if (got <= 0) {
+                failed_ = got < 0;
                 break;
             }
             at_ = 0;
@@ -99,6 +100,9 @@ bool ProcessMap::query(std::uintptr_t address, Region& region) {
     }
     while (next_.end <= address) {
         const char* const line = reader_.next();
+        if (reader_.has_failed()) {
+            return false; // what would look free is not known
+        }
         next_ = line != nullptr ? parse(line) : Mapping{user_space_end, UINTPTR_MAX, {}, {}, {}};
     }
     if (address >= next_.start) {

@@ -17,9 +17,11 @@ public:
 
     bool is_open() const { return file_ >= 0; }
     const char* next(); // without its newline, NUL-terminated; null at the end
+    bool has_failed() const { return failed_; } // what looked like the end was a read that failed
 
 private:
     int file_;
+    bool failed_ = false;
     std::size_t at_ = 0, filled_ = 0;
     char buffer_[2048];
     char line_[512];
