@@ -89,10 +89,10 @@ Option Command::option(const char* names, unsigned& to, const std::string& help)
     return Option(app_->add_option(names, to, help));
 }
 
-Option Command::option(const char* names, std::function<void(const std::vector<std::string>&)> take,
+Option Command::option(const char* names,
+                       const std::function<void(const std::vector<std::string>&)>& take,
                        const std::string& help) {
-    return Option(
-        app_->add_option_function<std::vector<std::string>>(names, std::move(take), help));
+    return Option(app_->add_option_function<std::vector<std::string>>(names, take, help));
 }
 
 void Command::flag(const char* names, bool& to, const char* help) {

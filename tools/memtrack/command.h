@@ -61,7 +61,8 @@ public:
     Option option(const char* names, std::vector<std::int32_t>& to, const std::string& help);
     Option option(const char* names, std::size_t& to, const std::string& help);
     Option option(const char* names, unsigned& to, const std::string& help);
-    Option option(const char* names, std::function<void(const std::vector<std::string>&)> take,
+    Option option(const char* names,
+                  const std::function<void(const std::vector<std::string>&)>& take,
                   const std::string& help);
     void flag(const char* names, bool& to, const char* help);
     void footer(const char* text);
