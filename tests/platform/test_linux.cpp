@@ -12,6 +12,7 @@
 #include <random>
 #include <string>
 #include <sys/mman.h>
+#include <thread>
 #include <unistd.h>
 #include <vector>
 
@@ -182,6 +183,27 @@ TEST(FailingCalls, LeaveMemoryAsItWasAndItsGranules) {
     EXPECT_TRUE(os::vm_release(first));
     EXPECT_TRUE(os::vm_release(second));
     EXPECT_FALSE(map.holds(first) || map.holds(second));
+}
+
+// A lock that threads meet in needs an event, whether or not there is memory.
+TEST(FailingCalls, KeepNoEventFromALock) {
+    failure = ENOMEM;
+    std::vector<os::Event> events(70);
+    for (os::Event& event : events) {
+        mmap_fails_in = &event == &events[0] ? 1 : 0;
+        event = os::event_create();
+        ASSERT_TRUE(event != nullptr && os::event_set(event));
+    }
+    mmap_fails_in = 0;
+    for (const os::Event event : events) {
+        EXPECT_TRUE(os::event_wait(event)); // its own permission, and not another's
+        os::event_close(event);
+    }
+    const os::Event again = os::event_create(); // with no permission of before
+    std::thread other([&] { os::event_set(again); });
+    EXPECT_TRUE(os::event_wait(again));
+    other.join();
+    os::event_close(again);
 }
 
 // What could not be read is not known: neither is address space told free nor are there figures of a part.

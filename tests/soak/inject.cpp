@@ -331,8 +331,8 @@ int munmap(void* where, std::size_t size) noexcept {
         return failed(ENOMEM, -1);
     }
     const int result = real(where, size);
-    if (counted && result == 0) {
-        note_unmapping(where, size);
+    if (counted) {
+        result == 0 ? note_unmapping(where, size) : note_kept(where, size);
     }
     return result;
 }

@@ -10,7 +10,8 @@
 // The environment chooses the back end, as for any program. On the heap a memory limit comes and goes, so that
 // requests are refused; KXM_STRESS_TINY=1 turns the tiny pool on. A tiny block that grows is not to be refused, so
 // then either (odd seeds) there is no limit or (even ones) none of them grows. With KXA_MEM_TRACK the run is
-// recorded. Exit status 1: something was wrong, and is told.
+// recorded. KXM_STRESS_REFUSED says that somebody else refuses, too: once, or where it is "often" even threads and what
+// the heap begins with. Exit status 1: something was wrong, and is told.
 #include <KXMBasMem.h>
 #include <kxm_cache_pool.h>
 #include <kxm_utf8_names.h>
@@ -26,6 +27,7 @@
 #include <memory>
 #include <new>
 #include <random>
+#include <system_error>
 #include <thread>
 #include <vector>
 
@@ -55,10 +57,12 @@ struct Rules {
     bool tiny = heap && present("KXM_STRESS_TINY");
     bool refuses = heap && !(tiny && odd);
     bool refused_anyhow = present("KXM_STRESS_REFUSED"); // somebody else refuses memory, too
+    bool refused_often =
+        refused_anyhow && std::strcmp(std::getenv("KXM_STRESS_REFUSED"), "often") == 0;
     bool clears = !aligned; // there mem_Free is not for mem_Calloc's blocks
     bool grows(std::size_t size) const {
         return !aligned && // there a copy is as long as the new size
-               !(tiny && refuses && size <= 128);
+               !(tiny && (refuses || refused_often) && size <= 128);
     }
     std::size_t alignment = guarded || tiny ? 8 : heap || aligned ? 64 : 16;
 };
@@ -515,6 +519,10 @@ int main(int argc, char** argv) {
     for (int attempt = 0; attempt < 2; ++attempt) {
         mem_Free(mem_Malloc(1000));
     }
+    if (rules.heap && rules.refused_often && mem_Footprint() == 0) {
+        std::puts("not even a first segment");
+        return 0;
+    }
     pthread_key_create(&last_block, mem_Free);
     static Ground ground;
     ground.account.Activate();
@@ -544,15 +552,24 @@ int main(int argc, char** argv) {
             mem_Mallopt(-5, 0);
         }
         // Only so many threads have phases, in the order of their first contact.
-        thread = std::thread(
-            [&, own_seed = random(), phases = turn + threads.size() + 2 < MEM_MAX_THREADS] {
-                if (recorded) {
-                    mem_ThreadId::Instance();
-                    mem_ThreadId::Instance(); // where somebody else refused the first
-                    numbered.store(true);
-                }
-                Worker(rules, ground, totals, own_seed).run(1000 + own_seed % 20000, phases);
-            });
+        const auto work = [&, own_seed = random(),
+                           phases = turn + threads.size() + 2 < MEM_MAX_THREADS] {
+            if (recorded) {
+                mem_ThreadId::Instance();
+                mem_ThreadId::Instance(); // where somebody else refused the first
+                numbered.store(true);
+            }
+            Worker(rules, ground, totals, own_seed).run(1000 + own_seed % 20000, phases);
+        };
+        try {
+            thread = std::thread(work);
+        } catch (const std::system_error&) {
+            expect(rules.refused_often, "no thread");
+            numbered.store(true);
+        } catch (const std::bad_alloc&) {
+            expect(rules.refused_often, "no memory for a thread");
+            numbered.store(true);
+        }
         while (!numbered.load()) {
             std::this_thread::yield();
         }
@@ -580,7 +597,7 @@ int main(int argc, char** argv) {
         rules.refused_anyhow) { // which may be the one that somebody else refuses
         last = mem_Malloc(8 * mib);
     }
-    expect(last != nullptr, "nothing to be had at the end");
+    expect(last != nullptr || rules.refused_often, "nothing to be had at the end");
     mem_Free(last);
     mem_Trim(0);
     expect_nothing_left(rules, totals, recorded);

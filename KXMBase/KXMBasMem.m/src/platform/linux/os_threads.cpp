@@ -1,10 +1,11 @@
 // Events, critical sections, thread-local slots and thread numbers on Linux. An event is one futex
-// word in a page of its own, so that making one needs no allocator.
+// word, one of some that lie ready or in a page of its own, so that making one needs no allocator.
 #include "platform/os.h"
 
 #include "platform/linux/fork_parts.h"
 
 #include <atomic>
+#include <bit>
 #include <cerrno>
 #include <climits>
 #include <linux/futex.h>
@@ -49,6 +50,14 @@ void futex(EventWord* word, int operation, std::uint32_t value) {
     errno = saved_errno;
 }
 
+// A lock makes its event when threads first meet in it, and can do nothing without one: the first ones are there, each
+// on a cache line of its own, also where no memory is to be had.
+struct alignas(64) OwnEvent {
+    EventWord word;
+};
+OwnEvent own_events[64];
+std::atomic<std::uint64_t> own_events_taken{0};
+
 pthread_mutex_t* mutex_of(CriticalSection& section) {
     static_assert(sizeof(pthread_mutex_t) <= sizeof(CriticalSection));
     return std::launder(reinterpret_cast<pthread_mutex_t*>(section.storage));
@@ -57,6 +66,16 @@ pthread_mutex_t* mutex_of(CriticalSection& section) {
 } // namespace
 
 Event event_create() {
+    std::uint64_t taken = own_events_taken.load(std::memory_order_relaxed);
+    while (~taken != 0) {
+        const std::uint64_t free = ~taken & (taken + 1); // the lowest bit that is clear
+        if (own_events_taken.compare_exchange_weak(taken, taken | free,
+                                                   std::memory_order_acquire)) {
+            EventWord& word = own_events[std::countr_zero(free)].word;
+            word.store(0, std::memory_order_relaxed);
+            return &word;
+        }
+    }
     const KeptError kept; // as above
     void* const place =
         mmap(nullptr, event_bytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
@@ -105,6 +124,13 @@ bool event_set(Event event) {
 }
 
 void event_close(Event event) {
+    const auto offset = reinterpret_cast<std::uintptr_t>(event) -
+                        reinterpret_cast<std::uintptr_t>(own_events); // wraps for what lies below
+    if (offset < sizeof own_events) {
+        own_events_taken.fetch_and(~(std::uint64_t{1} << offset / sizeof *own_events),
+                                   std::memory_order_release);
+        return;
+    }
     munmap(event, event_bytes);
 }
 
