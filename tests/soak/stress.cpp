@@ -59,7 +59,8 @@ struct Rules {
     bool refused_anyhow = present("KXM_STRESS_REFUSED"); // somebody else refuses memory, too
     bool refused_often =
         refused_anyhow && std::strcmp(std::getenv("KXM_STRESS_REFUSED"), "often") == 0;
-    bool clears = !aligned; // there mem_Free is not for mem_Calloc's blocks
+    bool pools = heap || !refused_anyhow; // elsewhere a refused table of theirs is an access fault
+    bool clears = !aligned;               // there mem_Free is not for mem_Calloc's blocks
     bool grows(std::size_t size) const {
         return !aligned && // there a copy is as long as the new size
                !(tiny && (refuses || refused_often) && size <= 128);
@@ -294,7 +295,7 @@ private:
             release(place);
             break;
         case 10:
-            if (below(128) == 0) {
+            if (below(128) == 0 && rules_.pools) {
                 work_on_a_pool();
             }
             release(place);
