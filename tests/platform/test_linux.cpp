@@ -1,6 +1,7 @@
 // What Linux alone has to see to: UTF-16, memory of others where ours should go, calls that the system refuses, and
 // signals that are sent.
 #include "platform/granule_map.h"
+#include "platform/linux/memory_left.h"
 #include "platform/linux/utf16.h"
 #include "platform/os.h"
 
@@ -8,6 +9,8 @@
 #include <cerrno>
 #include <csignal>
 #include <cstring>
+#include <filesystem>
+#include <fstream>
 #include <gtest/gtest.h>
 #include <random>
 #include <string>
@@ -204,6 +207,38 @@ TEST(FailingCalls, KeepNoEventFromALock) {
     EXPECT_TRUE(os::event_wait(again));
     other.join();
     os::event_close(again);
+}
+
+// Both versions, with the group, the one around it and what the machine has; caches can be given up.
+TEST(MemoryLeft, IsThatOfTheTightestControlGroup) {
+    namespace fs = std::filesystem;
+    const fs::path root = fs::path(testing::TempDir()) / ("groups" + std::to_string(getpid()));
+    const auto write = [&](const std::string& file, const std::string& text) {
+        fs::create_directories((root / file).parent_path());
+        std::ofstream(root / file) << text;
+    };
+    const auto left = [&](const std::string& list) {
+        write("list", list);
+        return os::memory_left((root / "list").c_str(), root.c_str());
+    };
+    write("a/b/memory.max", "max\n");
+    write("a/b/memory.current", "400000\n");
+    write("a/memory.max", "1000000\n");
+    write("a/memory.current", "700000\n");
+    write("a/memory.stat",
+          "anon 9\nfile 150000\ninactive_anon 5\ninactive_file 100000\nactive_file 50000\n");
+    write("memory/job/memory.limit_in_bytes", "2000000\n");
+    write("memory/job/memory.usage_in_bytes", "2100000\n");
+    write("memory/memory.limit_in_bytes", "9223372036854771712\n");
+    write("memory/memory.usage_in_bytes", "5000000\n");
+    EXPECT_EQ(left("3:cpu:/\n0::/a/b\n"), 450000U);
+    EXPECT_EQ(left("4:hugetlb,memory:/job\n0::/\n"), 0U);
+    write("memory/job/memory.stat", "cache 3\ntotal_inactive_file 300000\n");
+    EXPECT_EQ(left("4:memory:/job/not/here\n"), 200000U);
+    const std::uint64_t machine = left("no list");
+    EXPECT_GT(machine, 10000000U);
+    EXPECT_LT(machine, std::uint64_t{1} << 50);
+    fs::remove_all(root);
 }
 
 // What could not be read is not known: neither is address space told free nor are there figures of a part.

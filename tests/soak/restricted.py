@@ -2,15 +2,16 @@
 """Runs the example job and the threaded stress where the system gives little: address space, mappings, stacks and a
 control group's memory. Each run must end in time, with exit status 0 or with the orderly report of a refused request.
 
-    restricted.py BIN_FOLDER TEST_FOLDER MESH
+    restricted.py BIN_FOLDER TEST_FOLDER MESH [--short]
 
-What a part cannot be tried for, a control group that may not be made, is said. Exit status 1: something failed, and is
+With --short a few runs of each kind, in some seconds. What a part cannot be tried for, a control group that may not be made, is said. Exit status 1: something failed, and is
 told with the command that repeats it.
 """
 
 import pathlib
 import resource
 import signal
+import subprocess
 import sys
 import tempfile
 
@@ -45,13 +46,13 @@ class Restricted:
         self.ends = {}
 
 
-def address_space(ground):
+def address_space(ground, short):
     """Less than it takes to load the program is for the loader or the runtimes to tell. The guarded back end
     faults where it is refused, by design. Where the job runs on the C runtime it runs on the heap, but for a little."""
     enough = {}
     for back_end in BACK_ENDS:
         runs = Restricted(ground)
-        for kib in range(8 * 1024, 40 * 1024, 768):
+        for kib in range(8 * 1024, 40 * 1024, 12 * 768 if short else 768):
             before = limited(resource.RLIMIT_AS, kib * 1024)
 
             def also_right(ended, before=before, guarded=back_end == ["guarded"]):
@@ -61,63 +62,121 @@ def address_space(ground):
             if ended.returncode == 0:
                 enough.setdefault(back_end[0], (kib, ended))
         runs.told(f"address space of 8 to 40 MiB, job on {' '.join(back_end)}")
-    if enough["heap"][0] > enough["crt"][0] + 4096:
+    if not short and enough["heap"][0] > enough["crt"][0] + 4096:
         ground.blame(enough["heap"][1], "the heap needs much more address space than the C runtime")
 
 
-def mappings(ground):
+def mappings(ground, short):
     variables = {"LD_PRELOAD": str(ground.tests / "libkxm_inject.so")}
     for back_end in BACK_ENDS:
         runs = Restricted(ground)
-        for left in [0, 1, 2, 3, 5, 8, 12, 20, 40, 100]:
+        for left in [2, 20] if short else [0, 1, 2, 3, 5, 8, 12, 20, 40, 100]:
             runs.job(back_end, variables=variables | {"KXM_INJECT_MAPS": str(left)})
         runs.told(f"0 to 100 mappings left, job on {' '.join(back_end)}")
 
 
-def stacks(ground):
+def stress(ground, seconds, seed, variables, stack_kib, most=resource.RLIM_INFINITY):
+    """To be run: the command, its variables and its limits."""
+    def before():
+        resource.setrlimit(resource.RLIMIT_STACK, (stack_kib * 1024, stack_kib * 1024))
+        resource.setrlimit(resource.RLIMIT_AS, (most, most))
+    return [ground.tests / "stress", seconds, 8, seed], variables, before
+
+
+def stacks(ground, short):
     runs = Restricted(ground)
     for variables in [{}, {"KXA_DEADBEEF": "1"}, {"KXQ_USE_ALIGNED_MEMORY": "1"}, {"KXQ_DLALLOCATOR": "1"},
                       {"KXQ_DLALLOCATOR": "1", "KXM_STRESS_TINY": "1"},
                       {"KXQ_DLALLOCATOR": "1", "KXA_MEM_TRACK": "1", "KXA_MEM_OUTPUTDIR": str(ground.folder)}]:
-        runs.run([ground.tests / "stress", "1", "8"], variables, limited(resource.RLIMIT_STACK, 64 * 1024))
+        runs.run(*stress(ground, 0.2 if short else 1, 1, variables, 64))
     runs.told("stacks of 64 KiB, stress")
 
 
-def control_group(ground):
-    """A limit of the library below the group's is met first, so that the job reports and is not killed."""
-    root = pathlib.Path("/sys/fs/cgroup")
-    unified = (root / "cgroup.controllers").exists()
-    group = root / ("" if unified else "memory") / "kxm_restricted"
-    try:
-        if unified: # where its children may have a limit of memory
-            (root / "cgroup.subtree_control").write_text("+memory")
-        group.mkdir()
-    except OSError as error:
-        print(f"control group (version {2 if unified else 1}): not tried, {error}")
-        return
-    try:
-        (group / ("memory.max" if unified else "memory.limit_in_bytes")).write_text(str(60 * MIB))
+def threads(ground, short):
+    """Under a limit of address space and with few mappings left, where memory and threads are refused again and again.
+    Not guarded and not recorded: there a refusal is an access fault or fatal, by design. Nothing is to be lost, and the
+    preloaded library keeps account of it."""
+    preloaded = {"LD_PRELOAD": str(ground.tests / "libkxm_inject.so"), "KXM_STRESS_REFUSED": "often",
+                 "MALLOC_ARENA_MAX": "1"}
+    loading = 4096  # KiB
+    while ground.start([ground.tests / "stress", "0"], preloaded, limited(resource.RLIMIT_AS, loading * 1024)).returncode != 2:
+        loading += 256
+    for variables in [{}, {"KXQ_USE_ALIGNED_MEMORY": "1"}, {"KXQ_DLALLOCATOR": "1"},
+                      {"KXQ_DLALLOCATOR": "1", "KXM_STRESS_TINY": "1"}]:
         runs = Restricted(ground)
-        for limit in ["2", "8", "40"]:
-            runs.job(["heap"], ["--memory-limit", limit],
-                     before=lambda: (group / "cgroup.procs").write_text("0"))
-        runs.told(f"control group (version {2 if unified else 1}) of 60 MiB, job with limits of 2, 8 and 40 MiB")
+        for seed in range(1, 2 if short else 6):
+            for more in [2, 8] if short else [2, 3, 4, 5, 6, 8, 10, 12, 16, 24, 32, 48]:
+                runs.run(*stress(ground, 0.2, seed, preloaded | variables, 256, loading * 1024 + more * MIB))
+            for left in [2, 10] if short else [0, 1, 2, 3, 4, 5, 6, 8, 10, 14, 18, 25, 40, 100]:
+                runs.run(*stress(ground, 0.2, seed, preloaded | variables | {"KXM_INJECT_MAPS": str(left)}, 256))
+        runs.told(f"little address space or few mappings left, stress with {' '.join(variables) or 'nothing'} set")
+
+
+class ControlGroup:
+    """A group of processes that has so much memory; of either version."""
+
+    def __init__(self, size):
+        root = pathlib.Path("/sys/fs/cgroup")
+        self.unified = (root / "cgroup.controllers").exists()
+        self.folder = root / ("" if self.unified else "memory") / "kxm_restricted"
+        if self.unified and "memory" not in (root / "cgroup.subtree_control").read_text().split():
+            (root / "cgroup.subtree_control").write_text("+memory")
+        self.folder.mkdir()
+        try:
+            (self.folder / ("memory.max" if self.unified else "memory.limit_in_bytes")).write_text(str(size))
+            swap = self.folder / ("memory.swap.max" if self.unified else "memory.memsw.limit_in_bytes")
+            if swap.exists():
+                swap.write_text("0" if self.unified else str(size))
+        except OSError:
+            self.folder.rmdir()
+            raise
+
+    def enter(self):
+        (self.folder / "cgroup.procs").write_text("0")
+
+
+def control_group(ground, short):
+    """A job that the group's limit would have killed ends in its report where the library's limit is met first."""
+    mesh = ground.folder / "beam.msh"  # wants 48 MiB
+    subprocess.run([ground.bin / "beam_mesh", "10,1,1", "40,6,6", "2", mesh], check=True)
+    command = [ground.bin / "elasticity", mesh, "--quiet", "--no-check", "--backend", "heap"]
+    try:
+        group = ControlGroup(32 * MIB)
     except OSError as error:
-        print(f"control group (version {2 if unified else 1}): not tried, {error}")
+        print(f"control group: not tried, {error}")
+        return
+    name = f"control group (version {2 if group.unified else 1}) of 32 MiB"
+    try:
+        (group.folder / "cgroup.procs").read_text()
+        killed = ground.start(command, {}, group.enter)
+        if killed.returncode == 0:
+            print(f"{name}: not tried, it does not keep its members from having more")
+            return
+        if killed.returncode != -signal.SIGKILL:
+            ground.blame(killed, f"{name}: neither killed nor done")
+        runs = Restricted(ground)
+        for limit in [30] if short else [2, 8, 16, 24, 28, 30]:
+            ended = runs.run([*command, "--memory-limit", limit], before=group.enter)
+            if ended.returncode != 4:
+                ground.blame(ended, f"{name}: no report")
+        runs.told(f"{name}, job that it kills, with limits below it")
+    except (OSError, subprocess.SubprocessError) as error:
+        print(f"{name}: not tried, {error}")
     finally:
-        group.rmdir()
+        group.folder.rmdir()
 
 
 def main():
-    if len(sys.argv) != 4 or sys.argv[1].startswith("-"):
+    arguments = [argument for argument in sys.argv[1:] if argument != "--short"]
+    if len(arguments) != 3 or arguments[0].startswith("-"):
         sys.exit(__doc__)
-    ground = Ground(*sys.argv[1:])
+    short = "--short" in sys.argv
+    ground = Ground(*arguments)
     with tempfile.TemporaryDirectory(prefix="kxm_restricted_") as folder:
         ground.folder = pathlib.Path(folder)
-        address_space(ground)
-        mappings(ground)
-        stacks(ground)
-        control_group(ground)
+        for part in [address_space, mappings, stacks, threads, control_group]:
+            part(ground, short)
+    print(f"{ground.runs} runs, {ground.faults} failed")
     return 1 if ground.faults else 0
 
 

@@ -59,7 +59,8 @@ struct Rules {
     bool refused_anyhow = present("KXM_STRESS_REFUSED"); // somebody else refuses memory, too
     bool refused_often =
         refused_anyhow && std::strcmp(std::getenv("KXM_STRESS_REFUSED"), "often") == 0;
-    bool clears = !aligned; // there mem_Free is not for mem_Calloc's blocks
+    bool pools = heap || !refused_anyhow; // elsewhere a refused table of theirs is an access fault
+    bool clears = !aligned;               // there mem_Free is not for mem_Calloc's blocks
     bool grows(std::size_t size) const {
         return !aligned && // there a copy is as long as the new size
                !(tiny && (refuses || refused_often) && size <= 128);
@@ -294,7 +295,7 @@ private:
             release(place);
             break;
         case 10:
-            if (below(128) == 0) {
+            if (below(128) == 0 && rules_.pools) {
                 work_on_a_pool();
             }
             release(place);
@@ -373,7 +374,7 @@ std::size_t below(std::mt19937_64& random, std::size_t bound) {
 void disturb(const Rules& rules, std::mt19937_64& random) {
     // Of a stop's blocks the recording keeps a table, whose growth is not to be refused.
     static bool stopped = false;
-    switch (below(random, 14)) {
+    switch (below(random, 16)) {
     case 0:
     case 1:
         mem_Mallopt(-1, below(random, 8) == 0 ? SIZE_MAX : below(random, 4 * mib));
@@ -428,6 +429,16 @@ void disturb(const Rules& rules, std::mt19937_64& random) {
         expect(figures.Resident() > 0 || rules.refused_anyhow, "a process without memory");
         break;
     }
+    case 11: // for the files to come, the same ones here
+        mem_Tracker_Interface::SetOutputName("stress");
+        mem_Tracker_Interface::SetRank(static_cast<int>(below(random, 4)));
+        break;
+    case 12:
+        if (below(random, 256) == 0) {
+            mem_ScanMemory(MEM_SCAN_SUMMARY_ONLY, ~std::uint64_t{0});
+        }
+        expect(mem_Mallinfo().committedBytes > 0 || !rules.heap, "a heap without memory");
+        break;
     default:
         mem_ErrorMemoryLimit();
         mem_FragmentationInfo();

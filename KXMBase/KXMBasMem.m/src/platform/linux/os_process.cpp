@@ -2,6 +2,8 @@
 // allocating.
 #include "platform/os.h"
 
+#include "platform/linux/read_file.h"
+
 #include <algorithm>
 #include <cerrno>
 #include <cstdlib>
@@ -18,27 +20,6 @@ namespace os {
 namespace {
 
 constexpr std::uint64_t user_space_bytes = 0x7fff'ffff'f000;
-
-// The whole of a small file of /proc, NUL-terminated; false, too, where a read fails on the way, for then it is not known
-// what is missing.
-template <std::size_t Capacity> bool read_file(const char* name, char (&text)[Capacity]) {
-    const int file = open(name, O_RDONLY | O_CLOEXEC);
-    if (file < 0) {
-        return false;
-    }
-    std::size_t filled = 0;
-    ssize_t got = 1;
-    while (got != 0 && filled + 1 < Capacity) {
-        got = read(file, text + filled, Capacity - 1 - filled);
-        if (got < 0 && errno != EINTR) {
-            break;
-        }
-        filled += got > 0 ? static_cast<std::size_t>(got) : 0;
-    }
-    close(file);
-    text[filled] = '\0';
-    return filled != 0 && got >= 0;
-}
 
 // Bytes of a line "\nName:   123 kB"; 0 when there is none.
 std::uint64_t kilobytes_of(const char* text, const char* name) {

@@ -5,12 +5,17 @@
 // was loaded later, a new reader is made. A reader cannot be given back, and costs the pages of what it
 // has read, so there are no more than a few; after that such addresses are named by their place.
 //
+// What is read may be many times the memory that a program has left whose request was refused, and the kernel kills
+// rather than refuses it. So before anything is read it is reckoned, and where it would not fit addresses are named by
+// their place, too: a report with such names is better than none.
+//
 // A look-up takes some 10 microseconds once the information is read, a demangling as much. Both repeat
 // for each capture, so what was found is kept by address in a table of pages of our own. Who finds the
 // table in use does without it: a signal handler may be what interrupted the user, and must not wait.
 #include "platform/linux/symbols.h"
 
 #include "platform/linux/fork_parts.h"
+#include "platform/linux/memory_left.h"
 #include "platform/os.h"
 #include "platform/symbol_name.h"
 
@@ -21,6 +26,7 @@
 #include <dlfcn.h>
 #include <link.h>
 #include <sys/mman.h>
+#include <sys/stat.h>
 
 // The runtime's demangler, in the form that calls back instead of allocating.
 extern "C" int __gcclibcxx_demangle_callback(const char* mangled,
@@ -88,9 +94,32 @@ void* pages(std::size_t bytes) {
     return memory != MAP_FAILED ? memory : nullptr;
 }
 
+// Adds up what the files hold beside what is loaded of them: tables of symbols and debug information.
+int add_unloaded(dl_phdr_info* information, std::size_t, void* argument) {
+    const char* const name = information->dlpi_name;
+    struct stat file {};
+    if (stat(name[0] != '\0' ? name : "/proc/self/exe", &file) == 0) {
+        auto unloaded = static_cast<std::uint64_t>(file.st_size);
+        for (int i = 0; i < information->dlpi_phnum; ++i) {
+            const ElfW(Phdr)& part = information->dlpi_phdr[i];
+            unloaded -= part.p_type == PT_LOAD && part.p_filesz < unloaded ? part.p_filesz : 0;
+        }
+        *static_cast<std::uint64_t*>(argument) += unloaded;
+    }
+    return 0;
+}
+
+// A reader keeps about four times what the files hold of debug information.
+bool can_afford_reader() {
+    const KeptError kept;
+    std::uint64_t unloaded = 0;
+    dl_iterate_phdr(add_unloaded, &unloaded);
+    return unloaded + sizeof(Reader) <= memory_left() / 5;
+}
+
 Reader* make_reader() {
     Reader* reader = nullptr;
-    if (readers.fetch_add(1, std::memory_order_relaxed) < most_readers) {
+    if (readers.fetch_add(1, std::memory_order_relaxed) < most_readers && can_afford_reader()) {
         reader = static_cast<Reader*>(pages(sizeof(Reader)));
     }
     if (reader != nullptr) {
@@ -213,7 +242,8 @@ bool is_thread_start(std::uint64_t address) {
     return false;
 }
 
-void resolve(std::uint64_t address, std::uint64_t object, CodeSymbol& symbol) {
+// False where the name is of the place alone, for now.
+bool resolve(std::uint64_t address, std::uint64_t object, CodeSymbol& symbol) {
     symbol = {};
     Reader* reader = newest.load(std::memory_order_acquire);
     if (reader == nullptr || !reader->knows(object)) {
@@ -231,6 +261,7 @@ void resolve(std::uint64_t address, std::uint64_t object, CodeSymbol& symbol) {
     } else {
         name_by_place(address, symbol.name, sizeof symbol.name);
     }
+    return reader != nullptr;
 }
 
 // ---- The table
@@ -324,7 +355,8 @@ void keep(std::uint64_t address, std::uint64_t object, const CodeSymbol& symbol)
 } // namespace
 
 bool symbols_start() {
-    return newest.load(std::memory_order_acquire) != nullptr || make_reader() != nullptr;
+    return newest.load(std::memory_order_acquire) != nullptr || make_reader() != nullptr ||
+           !can_afford_reader();
 }
 
 void symbol_at(std::uint64_t address, CodeSymbol& symbol) {
@@ -335,8 +367,9 @@ void symbol_at(std::uint64_t address, CodeSymbol& symbol) {
     }
     const std::uint64_t object = object_at(address);
     if (!find(address, object, symbol)) {
-        resolve(address, object, symbol);
-        keep(address, object, symbol);
+        if (resolve(address, object, symbol)) {
+            keep(address, object, symbol);
+        }
     }
 }
 
