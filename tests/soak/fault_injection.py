@@ -167,8 +167,10 @@ def try_job(ground, back_end, recorded, most):
             continue
         # The job starts itself anew with the variable of its back end; this is what its loading takes then.
         loading = {"KXQ_DLALLOCATOR": "1"} if back_end[0] == "heap" else {}
-        at_load = ground.run([command[0], "--version"], variables | loading, failure, 10**9).calls
         calls = ground.run(command, variables, failure, 10**9).calls
+        if calls == 0:
+            continue
+        at_load = ground.run([command[0], "--version"], variables | loading, failure, 10**9).calls
         for number in spread(calls, most):
             ended = ground.run(command, variables, failure, number)
             wrong = judge_job(ground, ended, failure, number, back_end, recorded, at_load, right)
@@ -185,9 +187,12 @@ def try_stress(ground, most):
         variables = variables | {"KXM_STRESS_REFUSED": "1"}
         stress = ground.tests / "stress"
         runs = 0
-        for failure in ["malloc:refuse"] + (STRESS_FAILURES if name in ("heap", "tiny", "recorded") else []):
+        of_memory = [failure for failure in STRESS_FAILURES if "map:" in failure]
+        failures = {"heap": STRESS_FAILURES, "recorded": STRESS_FAILURES, "tiny": of_memory}
+        for failure in ["malloc:refuse"] + failures.get(name, []):
             at_load = ground.run([stress, "0"], variables, failure, 10**9).calls
-            for number in spread(300, most if "map:" in failure or most < 10 else 10):
+            every = most if "map" in failure or "malloc" in failure else min(most // 2, 10)
+            for number in spread(300, every):
                 if number <= at_load and name == "recorded": # judged with the job
                     continue
                 runs += 1
