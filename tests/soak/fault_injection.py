@@ -5,9 +5,9 @@
 
 The example job runs on every back end, recorded and not, with the n-th memory request, release, opening or write
 refused, interrupted or cut short, or seek or closing failing, for n from 1 until the job makes no more of them (at most
-N times each, spread over them all). Then the threaded stress program with refused memory, interrupted waits and failing
-reads, which shows by itself that nothing is lost; and memtrack and kxmrun with failing reads. Every run must end in time,
-by itself, and in one of the ways that the documents name:
+N times each, 300 by default, spread over them all). Then the threaded stress program with refused memory, interrupted
+waits and failing reads, which shows by itself that nothing is lost; and memtrack and kxmrun with failing reads. Every
+run must end in time, by itself, and in one of the ways that the documents name:
 
 - exit status 0, with the result of the plain run, and, recorded, with a record that is whole
 - exit status 4, with the report of a refused request
@@ -275,7 +275,7 @@ def arguments_of(description):
     parser.add_argument("bin")
     parser.add_argument("tests")
     parser.add_argument("mesh")
-    parser.add_argument("--most", type=int, default=10**9)
+    parser.add_argument("--most", type=int, default=300) # a job makes tens of thousands of requests
     return parser.parse_args()
 
 
