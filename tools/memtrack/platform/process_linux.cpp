@@ -57,6 +57,7 @@ std::vector<std::string> environment_of(const ProcessRequest& request) {
 
 std::vector<char*> pointers(std::vector<std::string>& texts) {
     std::vector<char*> result;
+    result.reserve(texts.size() + 1);
     for (std::string& text : texts) {
         result.push_back(text.data());
     }
