@@ -6,8 +6,8 @@
 // has read, so there are no more than a few; after that such addresses are named by their place.
 //
 // What is read may be many times the memory that a program has left whose request was refused, and the kernel kills
-// rather than refuses it. So before anything is read it is reckoned, and where it would not fit addresses are named by
-// their place, too: a report with such names is better than none.
+// rather than refuses it. So before anything is read it is reckoned, and the pages that a reader then asks for are
+// refused before they are short: addresses are named by their place, too. A report with such names is better than none.
 //
 // A look-up takes some 10 microseconds once the information is read, a demangling as much. Both repeat
 // for each capture, so what was found is kept by address in a table of pages of our own. Who finds the
@@ -21,8 +21,10 @@
 
 #include <atomic>
 #include <backtrace.h>
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <ctime>
 #include <dlfcn.h>
 #include <link.h>
 #include <sys/mman.h>
@@ -109,12 +111,45 @@ int add_unloaded(dl_phdr_info* information, std::size_t, void* argument) {
     return 0;
 }
 
-// A reader keeps about four times what the files hold of debug information.
+std::int64_t milliseconds() {
+    timespec now{};
+    clock_gettime(CLOCK_MONOTONIC_COARSE, &now);
+    return std::int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1000000;
+}
+
+std::atomic<std::int64_t> refused_until{0};
+
+// A reader keeps about four times what the files hold of debug information; more, where that is compressed or in files
+// of its own, which the allowance below meets. A refusal stands for a while, as each frame of a stack asks.
 bool can_afford_reader() {
     const KeptError kept;
+    const std::int64_t now = milliseconds();
+    if (now < refused_until.load(std::memory_order_relaxed)) {
+        return false;
+    }
     std::uint64_t unloaded = 0;
     dl_iterate_phdr(add_unloaded, &unloaded);
-    return unloaded + sizeof(Reader) <= memory_left() / 5;
+    const bool affordable = unloaded + sizeof(Reader) <= memory_left() / 5;
+    if (!affordable) {
+        refused_until.store(now + 100, std::memory_order_relaxed);
+    }
+    return affordable;
+}
+
+// Bytes that readers may still take before it is asked again what is left.
+std::atomic<std::int64_t> allowance{0};
+
+bool may_take(std::size_t bytes) {
+    constexpr std::int64_t step = std::int64_t{1} << 20;
+    constexpr std::uint64_t for_the_rest = 4 * step; // of a report, and for other threads meanwhile
+    const auto wanted = static_cast<std::int64_t>(bytes);
+    if (allowance.fetch_sub(wanted, std::memory_order_relaxed) >= wanted) {
+        return true;
+    }
+    const std::uint64_t left = memory_left();
+    const bool enough = left > for_the_rest && left - for_the_rest > bytes;
+    allowance.store(enough ? step : 0, std::memory_order_relaxed);
+    return enough;
 }
 
 Reader* make_reader() {
@@ -197,6 +232,19 @@ void append(const char* piece, std::size_t length, void* argument) {
 
 } // namespace
 
+// What libbacktrace calls in place of mmap (KXMBase/CMakeLists.txt renames it there). A reader to which pages are refused
+// stays as it is: it would take as much again, and can give nothing back.
+extern "C" __attribute__((visibility("hidden"))) void* kxm_os_reader_mmap(void* hint,
+                                                                          std::size_t bytes,
+                                                                          int protection, int flags,
+                                                                          int file, off_t offset) {
+    if (file < 0 && !may_take(bytes)) {
+        errno = ENOMEM;
+        return MAP_FAILED;
+    }
+    return mmap(hint, bytes, protection, flags, file, offset);
+}
+
 void make_readable(char* symbol, std::size_t capacity) {
     if (!is_mangled(symbol)) {
         return;
@@ -213,11 +261,11 @@ void make_readable(char* symbol, std::size_t capacity) {
 
 namespace {
 
-// A function without a symbol in a known module is named by its place there.
+// A function without a symbol in a known module is named by its place there, as addr2line takes it.
 void name_by_place(std::uint64_t address, char* name, std::size_t capacity) {
     dl_find_object object;
     if (_dl_find_object(reinterpret_cast<void*>(address), &object) == 0) {
-        const auto base = reinterpret_cast<std::uintptr_t>(object.dlfo_map_start);
+        const std::uint64_t base = object.dlfo_link_map->l_addr;
         std::snprintf(name, capacity, "+0x%llx", static_cast<unsigned long long>(address - base));
     }
 }
