@@ -72,6 +72,9 @@ TEST(CachePool, AnswersNullWithoutASize) {
     EXPECT_TRUE(own->ReAlloc(0U, 100).IsNull());
     const ID id = own->Alloc(100);
     EXPECT_TRUE(own->ReAlloc(id, 0).IsNull());
+    for (const int nowhere : {9, 0x7fff}) {
+        EXPECT_TRUE(own->ReAlloc(mem_CachePoolID(true, nowhere, 0), 100).IsNull());
+    }
     EXPECT_EQ(own.census().slots_used, 1);
     EXPECT_EQ(own->Allocator(), &own.allocator);
 }
@@ -179,6 +182,21 @@ TEST(CachePool, ReportsAPassThroughBlockThatIsReleasedTwice) {
     EXPECT_STREQ(own.census().fault, nullptr);
     EXPECT_EQ(own->Alloc(20000), first);
     EXPECT_EQ(own->Alloc(20000), second);
+}
+
+TEST(CachePool, ReportsAReleaseInAClusterThatIsGone) {
+    for (const std::size_t size : {std::size_t{8}, std::size_t{1000}}) {
+        OwnPool own;
+        const ID id = own->Alloc(size);
+        own->Free(id);
+        const int before = recorded_fatal_errors();
+        own->Free(id);
+        EXPECT_EQ(recorded_fatal_errors(), before + 1);
+        EXPECT_STREQ(recorded_fatal_text(), "AssertionFailed:rgn != 0");
+        EXPECT_STREQ(own.census().fault, nullptr);
+        EXPECT_EQ(own->Alloc(8).bits.cluster, id.bits.cluster) << "it serves again";
+        EXPECT_STREQ(own.census().fault, nullptr);
+    }
 }
 
 TEST(CachePool, GivesAClusterBackWithItsLastAllocationAndUsesItsIndexAgain) {

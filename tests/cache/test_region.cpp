@@ -9,13 +9,16 @@
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
+#include <functional>
 #include <random>
+#include <string>
 #include <vector>
 
 namespace {
 
 using test::OwnRegion;
 using test::RegionModel;
+using test::Word;
 
 std::size_t bytes_for(int words) {
     return static_cast<std::size_t>(words) * 4 - 8;
@@ -204,6 +207,57 @@ TEST(VariableRegion, ReportsWhatIsNoChunkInUse) {
     own.free(a); // again
     EXPECT_STREQ(recorded_fatal_text(), "AssertionFailed:size > 0");
     EXPECT_EQ(recorded_fatal_errors(), before + 2);
+}
+
+// A word that a client wrote over is told where it is met, and not followed.
+TEST(VariableRegion, ReportsDamageThatAnOperationMeets) {
+    struct Case {
+        const char* text; // of the first report
+        std::function<Word(const int (&chunk)[5])> word;
+        std::function<void(OwnRegion&, const int (&chunk)[5])> operation;
+    };
+    static std::string first;
+    on_recorded_fatal_error([] { first = first.empty() ? recorded_fatal_text() : first; });
+    const auto free_second = [](OwnRegion& own, const int(&chunk)[5]) {
+        EXPECT_FALSE(own.free(chunk[1]));
+    };
+    // The tree: the rest, whose right is the first chunk, whose left is the third.
+    const Case cases[] = {{"nextOff <= m_regionSize",
+                           [](auto& c) {
+                               return Word{nullptr, c[1] - 1, 70000};
+                           },
+                           free_second},
+                          {"offset != -1",
+                           [](auto&) {
+                               return Word{nullptr, 11, 200000};
+                           },
+                           [](OwnRegion& own, auto&) { EXPECT_EQ(own.alloc(300000), -1); }},
+                          {"m_parent != -1",
+                           [](auto& c) {
+                               return Word{nullptr, c[2], -1};
+                           },
+                           free_second},
+                          {"child == lastidx && child != -1",
+                           [](auto& c) {
+                               return Word{nullptr, c[4] + 2, -1};
+                           },
+                           free_second}};
+    for (const Case& each : cases) {
+        OwnRegion own;
+        int chunk[5];
+        for (int i = 0; i < 4; ++i) {
+            chunk[i] = own.alloc(200);
+        }
+        chunk[4] = chunk[3] + 52;
+        own.free(chunk[0]);
+        own.free(chunk[2]);
+        const Word word = each.word(chunk);
+        own.block.Ptr(0)[word.at] = word.value;
+        first.clear();
+        each.operation(own, chunk);
+        EXPECT_EQ(first, "AssertionFailed:" + std::string(each.text));
+    }
+    on_recorded_fatal_error(nullptr);
 }
 
 // One step of a history; false when region and model answer differently.

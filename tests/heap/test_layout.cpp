@@ -44,6 +44,7 @@ TEST(HeapLayout, TreeBinsBeginWhereTheyShould) {
             EXPECT_EQ(first << leftshift_for_tree_index(index) >> 63, 0U);
         }
     }
+    EXPECT_EQ(compute_tree_index(255), 0U);
     EXPECT_EQ(compute_tree_index(SIZE_MAX), 31U);
 }
 
