@@ -199,22 +199,6 @@ TEST(CachePool, ReportsAReleaseInAClusterThatIsGone) {
     }
 }
 
-TEST(CachePool, GivesAClusterBackWithItsLastAllocationAndUsesItsIndexAgain) {
-    OwnPool own;
-    std::vector<ID> ids = fill(own, 3);
-    EXPECT_EQ(own.allocator.made["mem_Cluster"], 3);
-    for (const ID id : ids) {
-        if (cluster_of(id) == 2) {
-            own->Free(id);
-        }
-    }
-    EXPECT_EQ(own.census().empty_clusters, 1);
-    own->Free(ids.front()); // a change in cluster 1
-    EXPECT_EQ(own->Alloc(16384), ids.front());
-    EXPECT_EQ(cluster_of(own->Alloc(16384)), 2);
-    EXPECT_EQ(own.census().fault, nullptr);
-}
-
 TEST(CachePool, KeepsItsCurrentClusterWhenThatIsReleased) {
     OwnPool own;
     own->Free(own->Alloc(1000));
@@ -271,23 +255,6 @@ TEST(CachePool, LeavesOtherClustersListedWhenAnEmptiedOneGotNoMemory) {
     own.allocator.refuse_every = 1;
     EXPECT_TRUE(own->Alloc(16384).IsNull());
     EXPECT_STREQ(own.census().fault, nullptr);
-}
-
-TEST(CachePool, PrefersTheCurrentClusterThenTheListsBySize) {
-    OwnPool own;
-    std::vector<ID> ids = fill(own, 3); // each cluster has 4020 words left
-    own->Free(ids[2]);                  // cluster 1 is current, and has 4100 words in one
-    EXPECT_EQ(cluster_of(own->Alloc(16384)), 1);
-    own->Free(ids[20]);
-    own->Free(ids[2]); // now cluster 1, and 2 waits on a list
-    EXPECT_EQ(cluster_of(own->Alloc(16000)), 1);
-    EXPECT_EQ(cluster_of(own->Alloc(8000)), 1);
-    // A class without a cluster goes to list 7, then where its region is; not to a new cluster.
-    own->Free(ids[21]);
-    const ID small = own->Alloc(8);
-    EXPECT_EQ(cluster_of(small), 2);
-    EXPECT_EQ(cluster_of(own->Alloc(8)), 2);
-    EXPECT_EQ(own.census().fault, nullptr);
 }
 
 TEST(CachePool, SpendsTwoSlotsOfAStoreOnEachDescriptorAfterTheFirst) {

@@ -106,44 +106,14 @@ public:
     }
 };
 
-TEST(Table, HoldsTheHeapColumnWhenTheHeapIsBound) {
+TEST(Table, LeadsToTheHeapsLock) {
     const TableKeeper keeper;
     mem_Mallinfo::useDL = true;
     mem_bindFunctions(false);
-    EXPECT_EQ(mem_malloc, dlmalloc);
-    EXPECT_EQ(mem_calloc, dlcalloc);
-    EXPECT_EQ(mem_realloc, dlrealloc);
-    EXPECT_EQ(mem_free, dlfree);
-    EXPECT_EQ(mem_trim, dlmalloc_trim);
-    EXPECT_EQ(mem_mallopt, dlmallopt);
-    EXPECT_EQ(mem_footprint, dlmalloc_footprint);
-    EXPECT_EQ(mem_maxfootprint, dlmalloc_max_footprint);
-    EXPECT_EQ(mem_memorylimit, dlmalloc_memory_limit);
-    EXPECT_EQ(mem_errormemorylimit, error_memory_limit);
-    EXPECT_EQ(mem_fragmentationinfo, dlfragmentationinfo);
-    EXPECT_EQ(mem_dlmallinfo, dlmallinfo);
     mem_Free(mem_Malloc(1));
     mem_ReleaseMemoryLock(); // without need: one too low for good
     EXPECT_EQ(heap::state.mutex.count, -1);
     heap::state.mutex.count = 0;
-}
-
-TEST(Table, TakesTheGuardedColumnOverAnyOther) {
-    const TableKeeper keeper;
-    mem_Mallinfo::useDL = true; // as no start leaves it, but the order of storing shows
-    mem_bindFunctions(true);
-    EXPECT_EQ(mem_malloc, myMalloc);
-    EXPECT_EQ(mem_calloc, myCalloc);
-    EXPECT_EQ(mem_realloc, myRealloc);
-    EXPECT_EQ(mem_free, myFree);
-    EXPECT_EQ(mem_trim, mem_notrim);
-    EXPECT_EQ(mem_mallopt, mem_nomallopt);
-    EXPECT_EQ(mem_footprint, mem_nofootprint);
-    EXPECT_EQ(mem_maxfootprint, mem_nofootprint);
-    EXPECT_EQ(mem_memorylimit, mem_nomemorylimit);
-    EXPECT_EQ(mem_errormemorylimit, mem_noerrormemorylimit);
-    EXPECT_EQ(mem_fragmentationinfo, mem_nofragmentationinfo);
-    EXPECT_EQ(mem_dlmallinfo, mem_nomallinfo);
 }
 
 TEST(Entry, WorksForLoadAndUnloadAlone) {
