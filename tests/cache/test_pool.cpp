@@ -98,6 +98,13 @@ TEST(CachePool, LosesTheIndexOfADescriptorThatWasRefused) {
     own.allocator.refuse_every = 0;
     EXPECT_EQ(own->Alloc(20000).passThru.block, 2U);
     EXPECT_EQ(own.census().lost_blocks, 1);
+    own->Free(own->Alloc(8));
+    EXPECT_EQ(printed(*own.pool, &mem_CachePool::DebugPrint), // and an emptied cluster
+              "Allocated Regions:\nmem_Block: Size = 5000\nmem_Block: Size = 1024\n"
+              "mem_Block: Size = 1024\n");
+    EXPECT_EQ(printed(*own.pool, &mem_CachePool::DebugSummary),
+              "Pool Summary: blockCount=5, clusterCount=1, passthruCount=1\n"
+              "        PassthruSize=5000, ClusterAlloc=0\n");
 }
 
 TEST(CachePool, CutsFixedRegionsFromTheTop) {

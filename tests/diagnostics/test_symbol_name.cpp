@@ -57,6 +57,7 @@ TEST(SymbolOfAnAddress, IsTheSameAfterThousandsOfOthers) {
     }
     const auto look_up = reinterpret_cast<int (*)(void*, std::uint64_t, std::uint64_t*, void*)>(
         os::module_symbol(os::module_load("dbghelp.dll"), "SymGetSymFromAddr64"));
+    EXPECT_EQ(os::module_load("other.dll"), nullptr);
     EXPECT_EQ(os::module_symbol(nullptr, "SymGetSymFromAddr64"), nullptr);
     EXPECT_EQ(os::module_symbol(os::module_load("dbghelp.dll"), "SymNothing"), nullptr);
     const auto name_of = [&](std::uint64_t address) -> std::string {

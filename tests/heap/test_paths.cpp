@@ -431,6 +431,18 @@ TEST_F(Heap, ARangeAboveTheTopJoinsIt) {
             EXPECT_EQ(census.segments, 2U);
         }
     }
+    // Above a segment that the top has left it becomes one of its own.
+    test::reset_heap();
+    const Ranges ranges = neighbours(unit, 2 * unit);
+    ASSERT_NE(ranges.low, nullptr);
+    test::SystemWatch watch;
+    watch.supply = ranges.low;
+    dlmalloc(1000);
+    watch.supply = os::vm_allocate(2 * unit, os::Placement::direct);
+    dlmalloc(unit);
+    watch.supply = ranges.high;
+    EXPECT_EQ(dlmalloc(unit + 1000), ranges.high + 64);
+    EXPECT_EQ(heap::take_census().segments, 3U);
 }
 
 // What is left of the old top, in front of its segment's record, becomes a free chunk.

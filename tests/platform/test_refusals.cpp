@@ -20,6 +20,7 @@
 #include <thread>
 #include <tuple>
 #include <unistd.h>
+#include <utility>
 #include <vector>
 
 namespace {
@@ -33,6 +34,7 @@ struct Play {
     bool occupied = false;         // every place that is asked for exactly
     bool hint_only = false;        // such a place is taken for a hint
     std::size_t off = 0;        // of what the kernel places by itself: bytes behind a unit's start
+    std::uintptr_t place = 0;   // where the next of them is to be
     const char* text = nullptr; // in the next file
     int interruptions = 0;      // of reads to come
     long magic = 0;             // of every file system
@@ -73,6 +75,9 @@ void* mmap(void* place, size_t size, int protection, int flags, int file, off_t 
         }
     } else if (refuses("mmap", ENOMEM)) {
         return MAP_FAILED;
+    } else if (play != nullptr && play->place != 0) {
+        place = reinterpret_cast<void*>(std::exchange(play->place, 0));
+        flags |= MAP_FIXED_NOREPLACE;
     } else if (play != nullptr && play->off != 0) { // a place as this kernel might not choose it
         const long got = really(SYS_mmap, place, size + 2 * unit, protection, flags, file, offset);
         const auto base = static_cast<std::uintptr_t>(got), end = base + size + 2 * unit,
@@ -195,6 +200,25 @@ TEST(Refusals, OfAPlaceAreMadeUpForElsewhereOrLeaveNothing) {
     EXPECT_TRUE(os::vm_release(kept));
 }
 
+// A segment that the kernel placed near the end of the address space, with another's memory behind it: the next
+// one would leap out of it.
+TEST(Refusals, OfEveryPlaceBehindASegmentLeadElsewhere) {
+    void* first = nullptr;
+    {
+        Playing playing;
+        playing.occupied = true;
+        playing.place = 0x7ff0'0000'0000;
+        first = os::vm_allocate(unit, os::Placement::segment);
+    }
+    ASSERT_NE(first, nullptr);
+    void* const behind = mmap(static_cast<char*>(first) + unit, unit, PROT_NONE,
+                              MAP_PRIVATE | MAP_ANONYMOUS | MAP_FIXED_NOREPLACE, -1, 0);
+    void* const next = os::vm_allocate(unit, os::Placement::segment);
+    EXPECT_NE(next, nullptr);
+    EXPECT_TRUE(os::vm_release(next) && os::vm_release(first));
+    munmap(behind, unit);
+}
+
 // The table of allocations is full and cannot grow: all that is in it stays, and it grows later.
 TEST(Refusals, OfALargerTableRefuseTheAllocationAlone) {
     std::vector<void*> blocks;
@@ -236,6 +260,9 @@ TEST(Refusals, OfFilesAndFiguresAreTold) {
         playing.text = nullptr;
         playing.refused = {"open"};
         EXPECT_FALSE(os::vm_query(&region, region));
+        playing.refused = {"read"};
+        EXPECT_TRUE(os::vm_query(&region, region));
+        EXPECT_EQ(region.state, os::state_free) << "nothing is told of it";
         playing.refused = {"sysinfo", "getrlimit", "getcwd"};
         os::older_machine_memory(older);
         EXPECT_EQ(older.total_physical & older.available_physical, ~std::uint64_t{0});
@@ -256,7 +283,8 @@ TEST(Refusals, OfFilesAndFiguresAreTold) {
 TEST(ProcessMap, TellsMappingsByTheirLines) {
     const std::string text = "10000-20000 --xp 0 00:00 0 \n20000-30000 -w-p 0 00:00 0 [heap]\n"
                              "40000-50000 r--s 0 00:00 7 /" +
-                             std::string(3000, 'f') + "\n60000 61000\nab0000-ac0000 ---p 0 00:00 0";
+                             std::string(3000, 'f') +
+                             "\n60000 61000\n70000-71000\nab0000-ac0000 ---p 0 00:00 0";
     Playing playing;
     playing.text = text.c_str();
     os::UpwardQueries queries;
