@@ -264,6 +264,13 @@ TEST_F(Pool, TakesNoOtherPageForItsOwn) {
     EXPECT_FALSE(known(page + 3));
     page->mark = tiny::page_tag;
     EXPECT_TRUE(known(page + 3));
+    static void* released = nullptr;
+    void (*const real_free)(void*) = std::exchange(mem_free, [](void* ptr) { released = ptr; });
+    mem_tinyBlocksUsed = false; // then no page is looked at
+    mem_Free(page + 3);
+    mem_tinyBlocksUsed = true;
+    mem_free = real_free;
+    EXPECT_EQ(released, page + 3);
     EXPECT_FALSE(known(page + 256)) << "the tag is another page's";
     std::memcpy(page + 256, page, sizeof *page);
     EXPECT_FALSE(known(page + 256)) << "a copy of a page's start";
