@@ -89,21 +89,6 @@ TEST_F(Heap, ALimitIsShownAtOnceAndObeyedAtTheNextGrowth) {
     }
 }
 
-TEST_F(Heap, ARefusedMappingIsNotYetARefusedRequest) {
-    dlfree(dlmalloc(1));
-    SystemWatch watch;
-    watch.refuse_from = 0;
-    watch.refuse_count = 1;
-    void* const mem = dlmalloc(mib);
-    ASSERT_NE(mem, nullptr) << "served by a segment";
-    EXPECT_FALSE(test::is_direct(mem));
-    EXPECT_EQ(watch.requests, 2U);
-    dlmallopt(-5, dlmalloc_footprint() + mib);
-    EXPECT_EQ(dlmalloc(2 * mib), nullptr);
-    EXPECT_EQ(watch.requests, 2U) << "the limit refuses both, at no system call";
-    dlfree(mem);
-}
-
 TEST_F(Heap, AllThreeWaysOutOfALimitWorkAtOnce) {
     dlmallopt(-5, 8 * mib);
     std::vector<void*> blocks;
