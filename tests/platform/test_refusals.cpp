@@ -29,10 +29,11 @@ constexpr std::size_t unit = 65536;
 
 // What the calls do while the test plays; nothing is played outside its scope.
 struct Play {
-    std::set<std::string> refused; // names of calls
-    int munmaps_passed = -1;       // how many of them pass before one is refused
-    bool occupied = false;         // every place that is asked for exactly
-    bool hint_only = false;        // such a place is taken for a hint
+    std::set<std::string> refused;      // names of calls
+    std::size_t mmaps_refused_from = 0; // bytes
+    int munmaps_passed = -1;            // how many of them pass before one is refused
+    bool occupied = false;              // every place that is asked for exactly
+    bool hint_only = false;             // such a place is taken for a hint
     std::size_t off = 0;        // of what the kernel places by itself: bytes behind a unit's start
     std::uintptr_t place = 0;   // where the next of them is to be
     const char* text = nullptr; // in the next file
@@ -73,7 +74,7 @@ void* mmap(void* place, size_t size, int protection, int flags, int file, off_t 
             flags &= ~MAP_FIXED_NOREPLACE;
             place = nullptr;
         }
-    } else if (refuses("mmap", ENOMEM)) {
+    } else if ((play == nullptr || size >= play->mmaps_refused_from) && refuses("mmap", ENOMEM)) {
         return MAP_FAILED;
     } else if (play != nullptr && play->place != 0) {
         place = reinterpret_cast<void*>(std::exchange(play->place, 0));
@@ -225,13 +226,15 @@ TEST(Refusals, OfALargerTableRefuseTheAllocationAlone) {
     {
         Playing playing;
         playing.refused = {"mmap"};
-        while (void* const block = os::vm_allocate(4096, os::Placement::segment)) {
+        playing.mmaps_refused_from = unit; // not the pages of the map of what is held
+        while (void* const block = os::vm_allocate(4096, os::Placement::direct)) {
             blocks.push_back(block);
             ASSERT_LT(blocks.size(), 200000U);
         }
     }
+    EXPECT_GE(blocks.size(), 4096U - 100); // which is the table's first size
     for (int i = 0; i < 5000; ++i) {
-        blocks.push_back(os::vm_allocate(4096, os::Placement::segment));
+        blocks.push_back(os::vm_allocate(4096, os::Placement::direct));
         ASSERT_NE(blocks.back(), nullptr);
     }
     for (void* const block : blocks) {
