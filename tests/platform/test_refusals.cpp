@@ -1,4 +1,4 @@
-// What a system seldom does: calls that it refuses or interrupts, files of /proc that tell other things, file systems
+// What a system seldom does: places and calls that it refuses, files of /proc that tell other things, file systems
 // that are not here. Functions of this program stand in front of the C library's for what this room calls.
 #include "platform/os.h"
 
@@ -20,7 +20,6 @@
 #include <thread>
 #include <tuple>
 #include <unistd.h>
-#include <utility>
 #include <vector>
 
 namespace {
@@ -35,9 +34,7 @@ struct Play {
     bool occupied = false;              // every place that is asked for exactly
     bool hint_only = false;             // such a place is taken for a hint
     std::size_t off = 0;        // of what the kernel places by itself: bytes behind a unit's start
-    std::uintptr_t place = 0;   // where the next of them is to be
     const char* text = nullptr; // in the next file
-    int interruptions = 0;      // of reads to come
     long magic = 0;             // of every file system
 };
 Play* play = nullptr;
@@ -76,9 +73,6 @@ void* mmap(void* place, size_t size, int protection, int flags, int file, off_t 
         }
     } else if ((play == nullptr || size >= play->mmaps_refused_from) && refuses("mmap", ENOMEM)) {
         return MAP_FAILED;
-    } else if (play != nullptr && play->place != 0) {
-        place = reinterpret_cast<void*>(std::exchange(play->place, 0));
-        flags |= MAP_FIXED_NOREPLACE;
     } else if (play != nullptr && play->off != 0) { // a place as this kernel might not choose it
         const long got = really(SYS_mmap, place, size + 2 * unit, protection, flags, file, offset);
         const auto base = static_cast<std::uintptr_t>(got), end = base + size + 2 * unit,
@@ -111,18 +105,13 @@ int open(const char* name, int flags, ...) {
 }
 
 ssize_t read(int file, void* to, size_t size) {
-    if (play != nullptr && play->interruptions > 0) {
-        --play->interruptions;
-        errno = EINTR;
-        return -1;
-    }
     if (play != nullptr && play->text != nullptr) {
         const std::size_t length = std::min(size, std::strlen(play->text));
         std::memcpy(to, play->text, length);
         play->text += length;
         return static_cast<ssize_t>(length);
     }
-    return refuses("read", EIO) ? -1 : really(SYS_read, file, to, size);
+    return really(SYS_read, file, to, size);
 }
 
 int statfs(const char* root, struct statfs* figures) noexcept {
@@ -190,7 +179,6 @@ TEST(Refusals, OfAPlaceAreMadeUpForElsewhereOrLeaveNothing) {
         playing.off = 0;
         playing.refused = {"mmap"};
         EXPECT_EQ(os::vm_allocate(3 * unit, placement), nullptr);
-        EXPECT_EQ(os::event_create(), nullptr);
     }
     void* const kept = os::vm_allocate(unit, os::Placement::direct);
     {
@@ -199,25 +187,6 @@ TEST(Refusals, OfAPlaceAreMadeUpForElsewhereOrLeaveNothing) {
         EXPECT_FALSE(os::vm_release(kept)) << "still there";
     }
     EXPECT_TRUE(os::vm_release(kept));
-}
-
-// A segment that the kernel placed near the end of the address space, with another's memory behind it: the next
-// one would leap out of it.
-TEST(Refusals, OfEveryPlaceBehindASegmentLeadElsewhere) {
-    void* first = nullptr;
-    {
-        Playing playing;
-        playing.occupied = true;
-        playing.place = 0x7ff0'0000'0000;
-        first = os::vm_allocate(unit, os::Placement::segment);
-    }
-    ASSERT_NE(first, nullptr);
-    void* const behind = mmap(static_cast<char*>(first) + unit, unit, PROT_NONE,
-                              MAP_PRIVATE | MAP_ANONYMOUS | MAP_FIXED_NOREPLACE, -1, 0);
-    void* const next = os::vm_allocate(unit, os::Placement::segment);
-    EXPECT_NE(next, nullptr);
-    EXPECT_TRUE(os::vm_release(next) && os::vm_release(first));
-    munmap(behind, unit);
 }
 
 // The table of allocations is full and cannot grow: all that is in it stays, and it grows later.
@@ -249,10 +218,8 @@ TEST(Refusals, OfFilesAndFiguresAreTold) {
     os::Region region{};
     {
         Playing playing;
-        for (const char* const call : {"open", "read"}) {
-            playing.refused = {call};
-            EXPECT_FALSE(os::process_memory(process) || os::machine_memory(machine)) << call;
-        }
+        playing.refused = {"open"};
+        EXPECT_FALSE(os::process_memory(process) || os::machine_memory(machine));
         for (const char* const text :
              {"Name: x\n", "Name:\nVmSize: 5 kB\n", "Name:\nVmData: 5 kB\n"}) {
             playing.text = text;
@@ -263,9 +230,6 @@ TEST(Refusals, OfFilesAndFiguresAreTold) {
         playing.text = nullptr;
         playing.refused = {"open"};
         EXPECT_FALSE(os::vm_query(&region, region));
-        playing.refused = {"read"};
-        EXPECT_TRUE(os::vm_query(&region, region));
-        EXPECT_EQ(region.state, os::state_free) << "nothing is told of it";
         playing.refused = {"sysinfo", "getrlimit", "getcwd"};
         os::older_machine_memory(older);
         EXPECT_EQ(older.total_physical & older.available_physical, ~std::uint64_t{0});
@@ -273,11 +237,6 @@ TEST(Refusals, OfFilesAndFiguresAreTold) {
         EXPECT_EQ(machine.total_virtual, 0x7fff'ffff'f000U);
         char folder[10];
         EXPECT_FALSE(os::current_directory(folder, sizeof folder));
-        playing.interruptions = 3; // nobody sees them
-        EXPECT_TRUE(os::process_memory(process));
-        playing.interruptions = 3;
-        EXPECT_TRUE(os::vm_query(&region, region));
-        EXPECT_EQ(region.state, os::state_commit);
     }
     EXPECT_EQ(os::error_text(2, nullptr, 0), 0U);
 }

@@ -94,15 +94,8 @@ void* map(std::uintptr_t hint, std::size_t size, int protection, int extra_flags
     return got == MAP_FAILED ? nullptr : got;
 }
 
-constexpr std::uintptr_t user_space_end = 0x7fff'ffff'f000;
-
-// Maps exactly at `base` or not at all; errno is EEXIST when something else is there, or the end of the address space,
-// for which the kernel has the words that it has for a want of memory.
+// Maps exactly at `base` or not at all; errno is EEXIST when something else is there.
 bool map_at(std::uintptr_t base, std::size_t size, int extra_flags = 0) {
-    if (size > user_space_end || base > user_space_end - size) {
-        errno = EEXIST;
-        return false;
-    }
     void* const got = map(base, size, PROT_READ | PROT_WRITE, MAP_FIXED_NOREPLACE | extra_flags);
     if (reinterpret_cast<std::uintptr_t>(got) == base) {
         return true;
