@@ -103,9 +103,10 @@ class Reasons:
         reason = ""
         for number, line in enumerate(file.read_text().splitlines(), 1):
             if line.startswith(" ") and line.strip():
-                where, what, text = re.fullmatch(r"\s+(\S+?): (never \w+|sometimes never \w+): (.+)", line).groups()
-                if not reason:
-                    sys.exit(f"{file}:{number}: an entry without a reason")
+                entry = re.fullmatch(r"\s+(\S+?): ((?:sometimes )?never \w+): (.+)", line)
+                if not reason or entry is None:
+                    sys.exit(f"{file}:{number}: " + ("no entry" if reason else "an entry without a reason"))
+                where, what, text = entry.groups()
                 parts = [re.escape(part) for part in (where, what.removeprefix("sometimes "), text)]
                 pattern = re.compile(": ".join(parts).replace(r"\.\.\.", ".*"))
                 self.entries.append([f"{file.name}:{number}: {line.strip()}", pattern, what.startswith("sometimes"), 0])
