@@ -179,7 +179,7 @@ Churn churn(std::size_t least, std::size_t most) {
         if (got != -1) {
             chunks.push_back(got);
         }
-        if (got == -1 || random() % 3 == 0) {
+        if (!chunks.empty() && (got == -1 || random() % 3 == 0)) {
             std::swap(chunks[random() % chunks.size()], chunks.back());
             own.free(chunks.back());
             chunks.pop_back();
