@@ -220,6 +220,7 @@ TEST(Refusals, OfFilesAndFiguresAreTold) {
         Playing playing;
         playing.refused = {"open"};
         EXPECT_FALSE(os::process_memory(process) || os::machine_memory(machine));
+        playing.refused.clear();
         for (const char* const text :
              {"Name: x\n", "Name:\nVmSize: 5 kB\n", "Name:\nVmData: 5 kB\n"}) {
             playing.text = text;
