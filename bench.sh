@@ -35,7 +35,7 @@ if [ "$what" = programs ]; then
     on_programs
     exit
 fi
-build linux bench_interface bench_load bench_callstack bench_heap bench_tiny bench_cache bench_client \
+build linux bench_interface bench_load bench_callstack bench_heap bench_tiny bench_cache bench_tree_depth bench_client \
     bench_tracking bench_datachecks bench_memtrack
 unset KXA_CALLSTACK_DEPTH KXA_DEADBEEF KXQ_DLALLOCATOR KXQ_CRTMALLOC KXQ_USE_ALIGNED_MEMORY
 unset KXA_MEM_TRACK KXA_MEM_OUTPUTDIR KXA_MEM_DBTRANS
@@ -51,6 +51,8 @@ echo
 build/linux/bin/bench_tiny
 echo
 build/linux/bin/bench_cache
+echo
+build/linux/bin/bench_tree_depth
 echo
 build/linux/bin/bench_client
 KXQ_DLALLOCATOR=1 build/linux/bin/bench_client

@@ -9,7 +9,8 @@
 #                        plainly, under TSan and under Wine, half of them the fuzzers. Before that, as long as it
 #                        takes, every n-th system call failing, systems that give little and disks that fill up;
 #                        behind it what analyse does. Each part tells how long it took.
-#   ./test.sh coverage   what of the sources runs in the tests on Linux and with what the fuzzers of a soak kept
+#   ./test.sh coverage   what of the sources runs in the tests on Linux and with what the fuzzers of a soak kept;
+#                        fails where a branch of the library never runs for no reason that tests/unreached.txt tells
 #   ./test.sh analyse    cppcheck, clang-tidy and GCC's -fanalyzer over all but the tests, as built for both systems
 #   ./test.sh programs   programs that nobody here wrote under kxmrun (Linux; some minutes)
 #
@@ -156,7 +157,7 @@ coverage() {
         [ ! -d "$findings" ] ||
             TMPDIR=/dev/shm build/linux-coverage/tests/bin/fuzz_$target -runs=0 -verbosity=0 "$findings"
     done
-    python3 -B tests/coverage.py build/linux-coverage "$profiles" build/linux-coverage/unreached.txt
+    python3 -B tests/coverage.py build/linux-coverage "$profiles" build/linux-coverage/unreached.txt tests/unreached.txt
 }
 
 what=${1:-both}

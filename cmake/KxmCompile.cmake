@@ -27,8 +27,11 @@ function(kxm_compile target)
       -fno-omit-frame-pointer>)
     target_link_options(${target} PRIVATE -fsanitize=${KXM_SANITIZE})
   endif()
-  if(KXM_COVERAGE) # counters that can lie in the file itself, so that a process that is killed loses none
+  # Counters that can lie in the file itself, so that a process that is killed loses none; of several threads and
+  # processes at once, so that a lost count does not pass for a branch that was taken.
+  if(KXM_COVERAGE)
     target_compile_options(${target} PRIVATE $<$<COMPILE_LANGUAGE:CXX>:-fprofile-instr-generate
+      -fprofile-update=atomic
       -fcoverage-mapping -mllvm -runtime-counter-relocation>)
     target_link_options(${target} PRIVATE $<$<LINK_LANGUAGE:CXX>:-fprofile-instr-generate>)
   endif()

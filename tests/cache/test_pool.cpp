@@ -72,6 +72,9 @@ TEST(CachePool, AnswersNullWithoutASize) {
     EXPECT_TRUE(own->ReAlloc(0U, 100).IsNull());
     const ID id = own->Alloc(100);
     EXPECT_TRUE(own->ReAlloc(id, 0).IsNull());
+    for (const int nowhere : {9, 0x7fff}) {
+        EXPECT_TRUE(own->ReAlloc(mem_CachePoolID(true, nowhere, 0), 100).IsNull());
+    }
     EXPECT_EQ(own.census().slots_used, 1);
     EXPECT_EQ(own->Allocator(), &own.allocator);
 }
@@ -95,6 +98,13 @@ TEST(CachePool, LosesTheIndexOfADescriptorThatWasRefused) {
     own.allocator.refuse_every = 0;
     EXPECT_EQ(own->Alloc(20000).passThru.block, 2U);
     EXPECT_EQ(own.census().lost_blocks, 1);
+    own->Free(own->Alloc(8));
+    EXPECT_EQ(printed(*own.pool, &mem_CachePool::DebugPrint), // and an emptied cluster
+              "Allocated Regions:\nmem_Block: Size = 5000\nmem_Block: Size = 1024\n"
+              "mem_Block: Size = 1024\n");
+    EXPECT_EQ(printed(*own.pool, &mem_CachePool::DebugSummary),
+              "Pool Summary: blockCount=5, clusterCount=1, passthruCount=1\n"
+              "        PassthruSize=5000, ClusterAlloc=0\n");
 }
 
 TEST(CachePool, CutsFixedRegionsFromTheTop) {
@@ -181,20 +191,19 @@ TEST(CachePool, ReportsAPassThroughBlockThatIsReleasedTwice) {
     EXPECT_EQ(own->Alloc(20000), second);
 }
 
-TEST(CachePool, GivesAClusterBackWithItsLastAllocationAndUsesItsIndexAgain) {
-    OwnPool own;
-    std::vector<ID> ids = fill(own, 3);
-    EXPECT_EQ(own.allocator.made["mem_Cluster"], 3);
-    for (const ID id : ids) {
-        if (cluster_of(id) == 2) {
-            own->Free(id);
-        }
+TEST(CachePool, ReportsAReleaseInAClusterThatIsGone) {
+    for (const std::size_t size : {std::size_t{8}, std::size_t{1000}}) {
+        OwnPool own;
+        const ID id = own->Alloc(size);
+        own->Free(id);
+        const int before = recorded_fatal_errors();
+        own->Free(id);
+        EXPECT_EQ(recorded_fatal_errors(), before + 1);
+        EXPECT_STREQ(recorded_fatal_text(), "AssertionFailed:rgn != 0");
+        EXPECT_STREQ(own.census().fault, nullptr);
+        EXPECT_EQ(own->Alloc(8).bits.cluster, id.bits.cluster) << "it serves again";
+        EXPECT_STREQ(own.census().fault, nullptr);
     }
-    EXPECT_EQ(own.census().empty_clusters, 1);
-    own->Free(ids.front()); // a change in cluster 1
-    EXPECT_EQ(own->Alloc(16384), ids.front());
-    EXPECT_EQ(cluster_of(own->Alloc(16384)), 2);
-    EXPECT_EQ(own.census().fault, nullptr);
 }
 
 TEST(CachePool, KeepsItsCurrentClusterWhenThatIsReleased) {
@@ -253,23 +262,6 @@ TEST(CachePool, LeavesOtherClustersListedWhenAnEmptiedOneGotNoMemory) {
     own.allocator.refuse_every = 1;
     EXPECT_TRUE(own->Alloc(16384).IsNull());
     EXPECT_STREQ(own.census().fault, nullptr);
-}
-
-TEST(CachePool, PrefersTheCurrentClusterThenTheListsBySize) {
-    OwnPool own;
-    std::vector<ID> ids = fill(own, 3); // each cluster has 4020 words left
-    own->Free(ids[2]);                  // cluster 1 is current, and has 4100 words in one
-    EXPECT_EQ(cluster_of(own->Alloc(16384)), 1);
-    own->Free(ids[20]);
-    own->Free(ids[2]); // now cluster 1, and 2 waits on a list
-    EXPECT_EQ(cluster_of(own->Alloc(16000)), 1);
-    EXPECT_EQ(cluster_of(own->Alloc(8000)), 1);
-    // A class without a cluster goes to list 7, then where its region is; not to a new cluster.
-    own->Free(ids[21]);
-    const ID small = own->Alloc(8);
-    EXPECT_EQ(cluster_of(small), 2);
-    EXPECT_EQ(cluster_of(own->Alloc(8)), 2);
-    EXPECT_EQ(own.census().fault, nullptr);
 }
 
 TEST(CachePool, SpendsTwoSlotsOfAStoreOnEachDescriptorAfterTheFirst) {

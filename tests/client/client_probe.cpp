@@ -108,9 +108,12 @@ void lying() {
     block[6] = 0x7ffffffc;
     allocator.deallocate(block, 0);
     // Blocks too small to have a word 5, wherever they lie.
+    std::vector<void*> blocks;
     for (int i = 0; i < 3000; ++i) {
-        void* const tiny = allocator.Alloc(1);
-        allocator.deallocate(tiny, 0);
+        blocks.push_back(allocator.Alloc(i % 2 == 0 ? 1 : 40));
+    }
+    for (void* const each : blocks) {
+        allocator.deallocate(each, 0);
     }
     std::puts("survived");
 }

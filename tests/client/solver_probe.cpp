@@ -91,7 +91,7 @@ void hash_table(const std::string& operation) {
     } else if (operation == "value") {
         table.end().CurrentValue();
     } else if (operation == "offset") {
-        table.Next({table.First().bucket, 2});
+        table.Next({table.First().bucket, 3});
     } else if (operation == "bucket") {
         table.CurrentEntry({3, 1});
     } else {

@@ -117,17 +117,6 @@ TEST(Adaptors, LetNodesMoveBetweenContainers) {
     EXPECT_LE(back_end.live(), 1U);
 }
 
-TEST(Adaptors, KeepAnAllocatorObjectAliveWithItsLastContainer) {
-    Sized_back_end back_end;
-    auto container =
-        std::make_unique<std::vector<int, Handle<int>>>(KXMBasAllocator(new KXMBasMemAllocator));
-    container->resize(100);
-    container = std::make_unique<std::vector<int, Handle<int>>>(*container);
-    EXPECT_EQ(back_end.live(), 2U);
-    container.reset();
-    EXPECT_EQ(back_end.live(), 0U);
-}
-
 static_assert(!std::is_default_constructible_v<Handle<int>>, "a handle of what?");
 static_assert(std::is_same_v<std::allocator_traits<Pool<int>>::rebind_alloc<double>, Pool<double>>);
 static_assert(std::is_nothrow_copy_constructible_v<Handle<int>>);

@@ -194,8 +194,17 @@ TEST(CheckedAllocators, ClearWhatTheyAllocateOrLeaveItAsItComes) {
         allocator->deallocate(block, 1);
         allocator->deallocate(nullptr, 1);
         allocator->Free(nullptr);
+        const KXMBasAllocator handle(nullptr);
+        EXPECT_EQ(&allocator->LargeBlockAllocator(handle), &handle);
     }
     EXPECT_EQ(back_end.live(), 0U);
+    struct Empty final : KXMBasMemAllocator { // a client's own, which answers null
+        using KXMBasMemAllocator::Alloc;
+        void* Alloc(std::size_t) override { return nullptr; }
+    } empty;
+    std::size_t actual = 7;
+    EXPECT_THROW(empty.Alloc(100, actual), std::bad_alloc);
+    EXPECT_EQ(actual, 7U);
 }
 
 TEST(CheckedAllocators, ThrowAndTellTheErrorStackWhenItListens) {

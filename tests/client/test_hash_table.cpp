@@ -148,6 +148,8 @@ TEST(HashTablePosition, CountsAlongChainsFromOne) {
         table.CurrentEntry(pos).value += 100;
         EXPECT_EQ((*iterator).value, values[i] + 100);
         EXPECT_TRUE((HashIterator<NodePair, int>(table, pos) == iterator));
+        EXPECT_FALSE(
+            (HashIterator<NodePair, int>(table, {pos.bucket, pos.offset + 1}) == iterator));
         pos = table.Next(pos);
         iterator.Next();
     }

@@ -44,6 +44,7 @@ TEST(MemPool, CountsFromItsActivationOn) {
     KXMBasMemPool limited(78, "limited", nullptr);
     limited.Activate();
     limited.SetMemoryLimit(1, 1, 0.0); // keeps the values and refuses nothing
+    limited.MemoryReport();
     void* const large = limited.Alloc(5000);
     EXPECT_NE(large, nullptr);
     back_end.refuse(1);
@@ -85,6 +86,10 @@ TEST(TruePool, HasItsFirstBlockInTheSecondEntryAndACopyOneMore) {
         EXPECT_EQ(inside.table()[0], nullptr);
         ASSERT_NE(inside.table()[1], nullptr);
         std::memset(inside.table()[1], 1, 496);
+        EXPECT_EQ(pool.AllocSize(inside.table()[1]), Sized_back_end::chunk(496));
+        EXPECT_EQ(pool.ActualSizeForUse(inside.table()[1]), Sized_back_end::chunk(496) - 16);
+        pool.SetMemoryLimit(1, 1, 0.0); // refuses nothing
+        pool.MemoryReport();
 
         inside.update(true, 100); // not active
         EXPECT_EQ(pool.MemoryCurrent(), 0U);

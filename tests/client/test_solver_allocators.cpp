@@ -89,6 +89,12 @@ TEST(CfdAllocator, EachInstanceHasCallbacksOfItsOwn) {
     expect_callbacks<double>("double");
 }
 
+TEST(TableAllocator, IsAssignedWithoutEffect) {
+    KXMBasOmiTableAllocator one;
+    const KXMBasOmiTableAllocator other;
+    EXPECT_EQ(&(one = other), &one);
+}
+
 TEST(SmallBlocks, ComeFromTheTinyPoolWhetherItIsOnOrOff) {
     KXMBasMemSmallBlockAllocator allocator;
     auto* const first = static_cast<char*>(allocator.allocate(0));

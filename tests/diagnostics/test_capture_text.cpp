@@ -31,6 +31,7 @@ struct Frame {
     std::string module = "solver.exe";
     bool based = true;
     bool framed = true;
+    bool counted = true; // has an instruction's address
 };
 
 std::vector<Frame> frames;
@@ -65,13 +66,13 @@ int walk(std::uint32_t machine, void*, void*, void* record, void*, void* read,
     if (walked - readied > frames.size()) {
         return 0;
     }
-    frame.pc.offset = walked - readied;
+    frame.pc.offset = frames[walked - readied - 1].counted ? walked - readied : 0;
     frame.frame.offset = frames[walked - readied - 1].framed ? 1 : 0;
     return 1;
 }
 
 std::uint64_t module_base(void*, std::uint64_t address) {
-    return at(address).based ? address : 0;
+    return address != 0 && at(address).based ? address : 0;
 }
 
 std::uint32_t module_name(void*, HINSTANCE module, unsigned short* buffer, std::uint32_t size) {
@@ -277,6 +278,14 @@ TEST_F(CaptureText, ReportsAStackThatEndsEarlyAndGivesNoText) {
     const std::string lost = testing::internal::GetCapturedStdout();
     EXPECT_EQ(lost.find("*** Error: Could not obtain StackFrame\n*** StackWalk64() failed"), 0U);
     EXPECT_EQ(std::count(lost.begin(), lost.end(), '\n'), 2) << lost;
+
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(capture({{"a", "/a.cpp", "solver.exe", true, true, false}}), std::nullopt);
+    const std::string nowhere = testing::internal::GetCapturedStdout();
+    EXPECT_EQ(
+        nowhere.find("*** Error: Could not obtain ProgramCounter\n*** StackWalk64() failed with"),
+        0U);
+    EXPECT_TRUE(nowhere.ends_with("*** Could not get the module base address\n")) << nowhere;
 }
 
 TEST_F(CaptureText, IsAbsentAfterAFaultOfTheDebugHelp) {

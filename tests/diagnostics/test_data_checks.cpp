@@ -10,6 +10,7 @@
 #include <cinttypes>
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
 #include <functional>
 #include <gtest/gtest.h>
 #include <random>
@@ -190,6 +191,11 @@ TEST(Message, GoesToAFileOfTheUnitWhereThereIsNoFortran) {
     for (int run = 0; run < 2; ++run) { // the second finds the file of the first
         EXPECT_EQ(test::run_child(request).out, "one li|\n|\n|\nthe end|\n");
     }
+    std::filesystem::remove(folder + "fort.7");
+    std::filesystem::create_directory(folder + "fort.7"); // then they are lost, and nothing else
+    const test::ChildResult lost = test::run_child(request);
+    EXPECT_EQ(lost.exit_code, 0);
+    EXPECT_EQ(lost.out, "");
 }
 
 TEST(Check, PlaceHoldersLeaveTheirArguments) {
@@ -199,6 +205,12 @@ TEST(Check, PlaceHoldersLeaveTheirArguments) {
     KXMBasMemoryCheckArrayR(nullptr);
     KXMBasMemoryCheckArrayD(array);
     std::int64_t value = 7;
+    const float single = 0;
+    const int whole = 3;
+    KXMBasMemoryCheckVarSP(&single);
+    KXMBasMemoryCheckVarINT(&whole);
+    KXMBasMemoryCheckVarINT64(&value);
+    KXMBasMemoryCheckVarDP(array);
     KXMBasMemorySink(value);
     EXPECT_EQ(value, 7);
     EXPECT_EQ(array[0] + array[1], 3);

@@ -58,6 +58,9 @@ TEST_F(PhaseMarkers, LongerThanFortyAreIgnoredOnBothEnds) {
     Tracker::SaveMarker((std::string(36, 'p') + " Start").c_str());
     Tracker::SaveMarker((std::string(36, 'p') + " End").c_str());
     EXPECT_STREQ(Tracker::LastMarker(), "outer");
+    Tracker::Push("in", 40); // shorter than it is said to be
+    EXPECT_STREQ(Tracker::LastMarker(), "in");
+    Tracker::Pop(40);
     Tracker::Pop(41);
     Tracker::Push("given its length", 41);
     EXPECT_EQ(Tracker::Size(), 1);
@@ -86,6 +89,10 @@ TEST_F(PhaseMarkers, TheTwentiethEmptiesTheStack) {
 }
 
 TEST_F(PhaseMarkers, AreReadByPosition) {
+    Tracker one;
+    const Tracker same(one); // objects hold nothing
+    one = same;
+    one = Tracker();
     Tracker::Iterator phase;
     EXPECT_TRUE(phase.Done() && phase.Last());
     for (char const* const marker : {"one Start", "two Start", "three Start"}) {

@@ -141,25 +141,6 @@ TEST(ScanMemory, SeesTheProcessesMap) {
     EXPECT_EQ(testing::internal::GetCapturedStdout().find("Address  End"), 0U);
 }
 
-TEST(ScanMemory, NamesStatesAndTypes) {
-    testing::internal::CaptureStdout();
-    for (int value : {4096, 8192, 65536, 0, -1}) {
-        mem_MemState state(value);
-        EXPECT_EQ(state.getState(), value);
-        writemem_MemState(stdout, state);
-        std::fputc('|', stdout);
-    }
-    for (int value : {131072, 262144, 16777216, 0, -1}) {
-        mem_MemType type(value);
-        EXPECT_EQ(type.getType(), value);
-        writemem_MemType(stdout, type);
-        std::fputc('|', stdout);
-    }
-    EXPECT_EQ(testing::internal::GetCapturedStdout(),
-              "MEM_COMMIT  |MEM_RESERVE |MEM_FREE    |UNKN MEM STA|UNKN MEM STA|"
-              "MEM_PRIVATE|MEM_MAPPED |MEM_IMAGE  |NONE       |NONE       |");
-}
-
 constexpr std::uint64_t mark = 0x5354'4143'4b21'0001;
 constexpr std::size_t words = 65536;
 

@@ -136,9 +136,6 @@ int main(int argc, char** argv) {
         result = damage_size();
     } else if (what == "counting") {
         result = counting();
-    } else if (what == "depth") {
-        std::printf("%d\n", GetCallStackDepth());
-        result = 0;
     } else if (what == "variables") {
         const auto text = [](const char* value) { return value != nullptr ? value : "(null)"; };
         std::printf("%s %s %s\n", text(KXA_PARALLEL_DEBUG), text(MC_RESULT), text(m_registEnv));

@@ -5,6 +5,7 @@
 #include "frame/mem_Binding.h"
 #include "frame/seam_tiny_pool.h"
 #include "heap/dlmalloc.h"
+#include "heap/malloc_state.h"
 #include "platform/seam_library_entry.h"
 #include "recording_KX0CORE.h"
 
@@ -65,6 +66,37 @@ TEST(GuardedBlock, HasTheSameLayoutFromEveryEntry) {
     myFree(nullptr);
 }
 
+// What the runtime is asked for where the sum with the guards would wrap: more than any has.
+TEST(GuardedBlock, IsRefusedWhereItsSizeWouldWrap) {
+    struct Asked {
+        std::size_t size;
+    };
+    const os::RuntimeAllocator real = os::runtime_allocator;
+    os::runtime_allocator.malloc = [](std::size_t size) -> void* { throw Asked{size}; };
+    os::runtime_allocator.realloc = [](void*, std::size_t size) -> void* { throw Asked{size}; };
+    os::runtime_allocator.calloc = [](std::size_t count, std::size_t) -> void* {
+        throw Asked{count};
+    };
+    const auto asked = [](auto request) {
+        try {
+            request();
+        } catch (const Asked& ask) {
+            return ask.size;
+        }
+        return std::size_t{0};
+    };
+    EXPECT_EQ(asked([] { myMalloc(SIZE_MAX - 40); }), SIZE_MAX);
+    EXPECT_EQ(asked([] { myMalloc(SIZE_MAX - 39); }), SIZE_MAX);
+    EXPECT_EQ(asked([] { myMalloc(SIZE_MAX - 41); }), SIZE_MAX - 1);
+    EXPECT_EQ(asked([] { myRealloc(nullptr, SIZE_MAX); }), SIZE_MAX);
+    EXPECT_EQ(asked([] { myCalloc(1, SIZE_MAX - 30); }), SIZE_MAX) << "the rounding alone";
+    EXPECT_EQ(asked([] { myCalloc(1, SIZE_MAX / 2); }), SIZE_MAX) << "with what is rounded";
+    EXPECT_EQ(asked([] { myCalloc(SIZE_MAX - 40, 1); }), SIZE_MAX);
+    EXPECT_EQ(asked([] { myCalloc(SIZE_MAX - 39, 1); }), SIZE_MAX);
+    EXPECT_EQ(asked([] { myCalloc(std::size_t{1} << 62, 8); }), 5U) << "the product has wrapped";
+    os::runtime_allocator = real;
+}
+
 // The table as it was, put back at the end of a test that binds another column.
 class TableKeeper {
 public:
@@ -74,40 +106,14 @@ public:
     }
 };
 
-TEST(Table, HoldsTheHeapColumnWhenTheHeapIsBound) {
+TEST(Table, LeadsToTheHeapsLock) {
     const TableKeeper keeper;
     mem_Mallinfo::useDL = true;
     mem_bindFunctions(false);
-    EXPECT_EQ(mem_malloc, dlmalloc);
-    EXPECT_EQ(mem_calloc, dlcalloc);
-    EXPECT_EQ(mem_realloc, dlrealloc);
-    EXPECT_EQ(mem_free, dlfree);
-    EXPECT_EQ(mem_trim, dlmalloc_trim);
-    EXPECT_EQ(mem_mallopt, dlmallopt);
-    EXPECT_EQ(mem_footprint, dlmalloc_footprint);
-    EXPECT_EQ(mem_maxfootprint, dlmalloc_max_footprint);
-    EXPECT_EQ(mem_memorylimit, dlmalloc_memory_limit);
-    EXPECT_EQ(mem_errormemorylimit, error_memory_limit);
-    EXPECT_EQ(mem_fragmentationinfo, dlfragmentationinfo);
-    EXPECT_EQ(mem_dlmallinfo, dlmallinfo);
-}
-
-TEST(Table, TakesTheGuardedColumnOverAnyOther) {
-    const TableKeeper keeper;
-    mem_Mallinfo::useDL = true; // as no start leaves it, but the order of storing shows
-    mem_bindFunctions(true);
-    EXPECT_EQ(mem_malloc, myMalloc);
-    EXPECT_EQ(mem_calloc, myCalloc);
-    EXPECT_EQ(mem_realloc, myRealloc);
-    EXPECT_EQ(mem_free, myFree);
-    EXPECT_EQ(mem_trim, mem_notrim);
-    EXPECT_EQ(mem_mallopt, mem_nomallopt);
-    EXPECT_EQ(mem_footprint, mem_nofootprint);
-    EXPECT_EQ(mem_maxfootprint, mem_nofootprint);
-    EXPECT_EQ(mem_memorylimit, mem_nomemorylimit);
-    EXPECT_EQ(mem_errormemorylimit, mem_noerrormemorylimit);
-    EXPECT_EQ(mem_fragmentationinfo, mem_nofragmentationinfo);
-    EXPECT_EQ(mem_dlmallinfo, mem_nomallinfo);
+    mem_Free(mem_Malloc(1));
+    mem_ReleaseMemoryLock(); // without need: one too low for good
+    EXPECT_EQ(heap::state.mutex.count, -1);
+    heap::state.mutex.count = 0;
 }
 
 TEST(Entry, WorksForLoadAndUnloadAlone) {
@@ -120,6 +126,9 @@ TEST(Entry, WorksForLoadAndUnloadAlone) {
     KXMBasAlloc_finalize(status);
     EXPECT_EQ(status, 0) << "a thread's coming or going stopped the library";
     EXPECT_EQ(DllMain(nullptr, 0, nullptr), 1);
+    KXMBasAlloc_specific_initialize(status); // loading has done it before
+    KXMBasAlloc_specific_finalize(status);
+    EXPECT_EQ(status, 0);
 }
 
 // The library reports a failed invariant to whichever foundation library was found first, and goes

@@ -17,31 +17,6 @@ namespace {
 // For a size that no system has, which a compiler must not see through.
 volatile std::size_t too_much = SIZE_MAX / 2;
 
-TEST(Interface, AllocatesResizesAndClears) {
-    auto* block = static_cast<char*>(mem_Malloc(1000));
-    ASSERT_NE(block, nullptr);
-    std::memset(block, 7, 1000);
-    block = static_cast<char*>(mem_Realloc(block, 100));
-    ASSERT_NE(block, nullptr);
-    for (int i = 0; i < 100; ++i) {
-        ASSERT_EQ(block[i], 7);
-    }
-    mem_Free(block);
-    mem_Free(nullptr);
-
-    auto* const cleared = static_cast<char*>(mem_Calloc(30, 40));
-    for (int i = 0; i < 1200; ++i) {
-        ASSERT_EQ(cleared[i], 0);
-    }
-    mem_Free(cleared);
-
-    void* const fresh = mem_Realloc(nullptr, 10);
-    ASSERT_NE(fresh, nullptr);
-    mem_Release(fresh);
-    mem_Acquire(fresh);
-    mem_Free(fresh);
-}
-
 TEST(Interface, AnswersRefusalWithNull) {
     EXPECT_EQ(mem_Malloc(too_much), nullptr);
     EXPECT_EQ(mem_Calloc(too_much, 4), nullptr);

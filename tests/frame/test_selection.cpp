@@ -60,16 +60,6 @@ TEST(Environment, IsReadWhenTheLibraryIsLoaded) {
                                                            {"MC_RESULT", std::nullopt},
                                                            {"KXM_SINGLETON_REGISTRY", "2"}});
     EXPECT_EQ(run_child(request).out, "par (null) 2\n");
-
-    const auto depth = [](std::optional<std::string> value) {
-        auto asked = clean_request("frame_probe", {"depth"});
-        asked.environment.emplace_back("KXA_CALLSTACK_DEPTH", std::move(value));
-        return run_child(asked).out;
-    };
-    EXPECT_EQ(depth(std::nullopt), "20\n");
-    EXPECT_EQ(depth("0"), "0\n");
-    EXPECT_EQ(depth("-3"), "-3\n");
-    EXPECT_EQ(depth("many"), "0\n");
 }
 
 } // namespace

@@ -47,6 +47,11 @@ bool first_bytes_kept(const void* block, std::size_t size) {
                        [](unsigned char byte) { return byte == 0x5A; });
 }
 
+// The bytes of a chunk.
+std::size_t chunk_of(std::size_t size) {
+    return std::max<std::size_t>((size + 71) / 64 * 64, 64);
+}
+
 TEST_F(Heap, EverySizeAroundEveryEdge) {
     void* neighbour = dlmalloc(100);
     for (const std::size_t edge : edges()) {
@@ -100,6 +105,9 @@ TEST_F(Heap, EveryAlignmentToAMebibyte) {
                             test::is_aligned(block, std::max<std::size_t>(alignment, 64)))
                     << size << " on " << alignment;
                 ASSERT_GE(dlmalloc_usable_size(block), size);
+                ASSERT_TRUE(test::is_direct(block) ||
+                            dlmalloc_usable_size(block) <= chunk_of(size) + 64 - 8)
+                    << "the tail goes back";
                 write_ends(block, size);
                 blocks.push_back(block);
                 if (blocks.size() % 5 == 0) {
@@ -113,13 +121,11 @@ TEST_F(Heap, EveryAlignmentToAMebibyte) {
             dlfree(block);
         }
         ASSERT_EQ(test::heap_fault(), "") << "on " << alignment;
+        ASSERT_EQ(test::direct_bytes(), 0U) << "a moved block still finds its mapping's start";
     }
 }
 
-// The bytes of a chunk, and what a growth for it asks the system for, in a mapping of its own and in a segment.
-std::size_t chunk_of(std::size_t size) {
-    return std::max<std::size_t>((size + 71) / 64 * 64, 64);
-}
+// What a growth for a chunk asks the system for, in a mapping of its own and in a segment.
 std::size_t mapping_for(std::size_t chunk, std::size_t granule) {
     return (chunk + 255 + granule) / granule * granule;
 }

@@ -43,6 +43,8 @@ TEST_F(Heap, TheGateChecksBeforeItAsks) {
     EXPECT_EQ(error_memory_limit(), -1) << "for the sake of the word";
     EXPECT_EQ(heap::call_check_mem_reallocate(nullptr, unit + 1, 1, 1, &other), heap::all_ones());
     EXPECT_EQ(error_memory_limit(), -1) << "a shrink checks nothing";
+    EXPECT_EQ(heap::call_check_mem_allocate(0, &other, heap::mode_core), heap::all_ones());
+    EXPECT_EQ(error_memory_limit(), -1) << "nothing asks nobody";
     watch.refuse_from = 0;
     watch.refuse_count = 1;
     EXPECT_EQ(heap::call_check_mem_allocate(unit / 2, &other, heap::mode_direct), heap::all_ones());
@@ -85,21 +87,6 @@ TEST_F(Heap, ALimitIsShownAtOnceAndObeyedAtTheNextGrowth) {
     for (void* const mem : {first, second, small, third}) {
         dlfree(mem);
     }
-}
-
-TEST_F(Heap, ARefusedMappingIsNotYetARefusedRequest) {
-    dlfree(dlmalloc(1));
-    SystemWatch watch;
-    watch.refuse_from = 0;
-    watch.refuse_count = 1;
-    void* const mem = dlmalloc(mib);
-    ASSERT_NE(mem, nullptr) << "served by a segment";
-    EXPECT_FALSE(test::is_direct(mem));
-    EXPECT_EQ(watch.requests, 2U);
-    dlmallopt(-5, dlmalloc_footprint() + mib);
-    EXPECT_EQ(dlmalloc(2 * mib), nullptr);
-    EXPECT_EQ(watch.requests, 2U) << "the limit refuses both, at no system call";
-    dlfree(mem);
 }
 
 TEST_F(Heap, AllThreeWaysOutOfALimitWorkAtOnce) {
@@ -184,6 +171,10 @@ TEST_F(Heap, LockingSwitchedInTheMiddleLeavesTheCountOff) {
     EXPECT_EQ(heap::state.mutex.count, 0);
     dlmalloc_ReleaseLock();
     EXPECT_EQ(heap::state.mutex.count, -1) << "it does not ask who holds it";
+    heap::state.use_lock = 0;
+    dlmalloc_ReleaseLock();
+    EXPECT_EQ(heap::state.mutex.count, -1) << "there is none";
+    heap::state.use_lock = 2;
 }
 
 // A history that grows in every way there is. `refused` tells which results may be null.

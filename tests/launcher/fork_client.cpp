@@ -32,11 +32,12 @@ void finish() {
     }
 }
 
-int child() {
+// Of a fork by the first thread, which stays that, or by another, which does not become it.
+int child(int markers) {
     std::thread other([] { mem_Free(mem_Malloc(10)); });
     other.join();
     KXMBasPhaseTracker::SaveMarker("Child Start");
-    if (KXMBasPhaseTracker::Size() != 1) {
+    if (KXMBasPhaseTracker::Size() != markers) {
         return 1; // its first thread is not known any more
     }
     for (std::size_t i = 0; i < 500; ++i) {
@@ -44,6 +45,20 @@ int child() {
     }
     finish();
     return 33;
+}
+
+void make_child(int number, int markers) {
+    const pid_t pid = fork();
+    if (pid == 0) {
+        _exit(child(markers));
+    }
+    int status = 0;
+    waitpid(pid, &status, 0);
+    if (!WIFEXITED(status) || WEXITSTATUS(status) != 33) {
+        std::printf("child %d: status %d\n", number, status);
+        std::fflush(stdout);
+        _exit(1);
+    }
 }
 
 } // namespace
@@ -66,15 +81,10 @@ int main(int argc, char** argv) {
         std::this_thread::yield();
     }
     for (int i = 0; i < 20; ++i) {
-        const pid_t pid = fork();
-        if (pid == 0) {
-            _exit(child());
-        }
-        int status = 0;
-        waitpid(pid, &status, 0);
-        if (!WIFEXITED(status) || WEXITSTATUS(status) != 33) {
-            std::printf("child %d: status %d\n", i, status);
-            _exit(1);
+        if (i % 4 == 3) {
+            std::thread(make_child, i, 0).join();
+        } else {
+            make_child(i, 1);
         }
     }
     stop = true;

@@ -164,6 +164,9 @@ TEST(ErrorStack, KeepsOneTextWithTheRoomThatTheLastOneLeft) {
     EXPECT_EQ(push("j"), "j");
 
     KXMBasErrorStack::PushMessage("");
+    KXMBasErrorStack::PushMessage(nullptr);
+    EXPECT_STREQ(KXMBasErrorStack::ErrorMessages(), "(null)");
+    KXMBasErrorStack::PushMessage("");
     KXMBasErrorStack::PushMessage(text('m', 5000).c_str());
     EXPECT_EQ(KXMBasErrorStack::ErrorMessages(), text('m', 3999));
     EXPECT_STREQ(KXMBasErrorStack::CStr(), "j");

@@ -6,6 +6,7 @@
 #include "platform/os.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <csignal>
 #include <cstring>
@@ -67,6 +68,8 @@ TEST(Utf16, IsCutBetweenCharactersAndKeepsItsBounds) {
     for (const auto& wrong : unpaired) {
         EXPECT_FALSE(os::utf8_of(wrong, back.data(), 8));
     }
+    os::utf16_of("\xff", wide, 8);
+    EXPECT_FALSE(os::utf8_of(wide, back.data(), 1)) << "a single byte has no room either";
 }
 
 constexpr std::size_t unit = 65536;
@@ -276,6 +279,37 @@ TEST(SentSignals, AreNotTheGuardsOwn) {
     std::signal(SIGILL, SIG_DFL);
     EXPECT_EXIT(send(SIGILL), testing::KilledBySignal(SIGILL), "");
     std::signal(SIGILL, before);
+}
+
+// A handler that the guarded code puts up stays; a fault that nobody guards ends the process although it was to be
+// ignored, as it does without a guard elsewhere.
+TEST(GuardedCall, LeavesWhatItsWorkAndOtherThreadsSetUp) {
+    struct sigaction theirs = {}, before, found;
+    theirs.sa_flags = SA_SIGINFO;
+    theirs.sa_sigaction = [](int, siginfo_t*, void*) {};
+    sigaction(SIGILL, nullptr, &before);
+    EXPECT_TRUE(os::guarded_call(
+        [](void* action) { sigaction(SIGILL, static_cast<struct sigaction*>(action), nullptr); },
+        &theirs));
+    sigaction(SIGILL, &before, &found);
+    EXPECT_EQ(found.sa_sigaction, theirs.sa_sigaction);
+    const auto fault_beside_a_guard = [] {
+        static std::atomic<bool> inside{false};
+        std::signal(SIGILL, SIG_IGN);
+        std::thread([] {
+            os::guarded_call(
+                [](void*) {
+                    inside = true;
+                    pause();
+                },
+                nullptr);
+        }).detach();
+        while (!inside) {
+            std::this_thread::yield();
+        }
+        __asm__ volatile("ud2");
+    };
+    EXPECT_EXIT(fault_beside_a_guard(), testing::KilledBySignal(SIGILL), "");
 }
 
 } // namespace

@@ -1,4 +1,4 @@
-// Figures of process, machine and drives; the C runtime beyond the standard; files.
+// Figures of the process (tests/diagnostics has the machine's and the drives'); the C runtime beyond the standard; files.
 #include "platform/os.h"
 
 #include "child.h"
@@ -29,29 +29,6 @@ TEST(Process, PrivateBytesFollowAnAllocationAndThePeakStays) {
     EXPECT_GE(during.resident_bytes, before.resident_bytes + 200 * mib);
     EXPECT_LE(after.private_bytes, during.private_bytes - 250 * mib);
     EXPECT_GE(after.peak_private_bytes, during.private_bytes);
-}
-
-TEST(Machine, FiguresArePlausible) {
-    os::MachineMemory figures{};
-    ASSERT_TRUE(os::machine_memory(figures));
-    EXPECT_GT(figures.total_physical, 64 * mib);
-    EXPECT_LE(figures.available_physical, figures.total_physical);
-    EXPECT_GE(figures.total_virtual, figures.available_virtual);
-    EXPECT_LE(figures.load_percent, 100U);
-    EXPECT_NE(os::process_id(), 0U);
-}
-
-TEST(Drive, AnswersForTheRootAndRefusesWhatIsNot) {
-    const char separator = os::properties().directory_separator;
-    const std::string root = separator == '/' ? "/" : "C:\\";
-    const std::string none = separator == '/' ? "/no such folder/" : "Q:\\";
-    os::DriveSpace space{};
-    ASSERT_TRUE(os::drive_space(root.c_str(), space));
-    EXPECT_GT(space.total_clusters, 0U);
-    EXPECT_GE(space.total_clusters, space.free_clusters);
-    EXPECT_GE(os::drive_type(root.c_str()), 2U);
-    EXPECT_FALSE(os::drive_space(none.c_str(), space));
-    EXPECT_EQ(os::drive_type(none.c_str()), 1U);
 }
 
 TEST(ErrorText, IsCutToItsBufferAndEmptyForUnknownCodes) {

@@ -133,6 +133,20 @@ TEST(ThreadLocalSlot, IsNeverZeroAndReadsNullInEveryNewThread) {
     ASSERT_GT(again, 0);
     EXPECT_EQ(os::tls_get(again), nullptr) << "a reused slot kept its old value";
     os::tls_free(again);
+
+    std::vector<int> all; // there are so many and no more
+    for (int next = os::tls_alloc(); next != -1; next = os::tls_alloc()) {
+        all.push_back(next);
+        ASSERT_LT(all.size(), 5000U);
+    }
+    for (const int none : {-1, 0, 100000}) {
+        os::tls_set(none, &value);
+        EXPECT_EQ(os::tls_get(none), nullptr);
+        os::tls_free(none);
+    }
+    for (const int each : all) {
+        os::tls_free(each);
+    }
 }
 
 // Others' destructors may allocate then, and are to meet the thread's number.

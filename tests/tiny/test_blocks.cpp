@@ -10,8 +10,6 @@
 #include <array>
 #include <cstdio>
 #include <optional>
-#include <random>
-#include <vector>
 
 namespace {
 
@@ -168,27 +166,6 @@ TEST(FixedRegion, FillsToTheLastWordAndNoFurther) {
     EXPECT_EQ(region.AllocCount(), 1012);
     EXPECT_EQ(printed([&] { region.DebugPrint(place.block); }), "FixedRegion: AllocCount = 1012\n");
     EXPECT_EQ(printed([&] { place.block->DebugPrint(); }), "mem_Block: Size = 1032\n");
-}
-
-TEST(FixedRegion, HandsOutWhatCameBackLast) {
-    Place place(9, 1010, 32);
-    mem_FixedRegion& region = *place.block->Region();
-    std::vector<int> slots;
-    for (int slot = region.Alloc(place.block, 1); slot != -1; slot = region.Alloc(place.block, 1)) {
-        slots.push_back(slot);
-    }
-    EXPECT_EQ(slots.size(), 31U);
-    std::shuffle(slots.begin(), slots.end(), std::mt19937(1));
-    for (const int slot : slots) {
-        EXPECT_EQ(region.Free(place.block, slot), slot == slots.back());
-    }
-    const blocks::Chain chain = blocks::walk_region(*place.block);
-    EXPECT_EQ(chain.fault, nullptr);
-    EXPECT_EQ(chain.touched, 31);
-    for (auto slot = slots.rbegin(); slot != slots.rend(); ++slot) {
-        EXPECT_EQ(region.AllocQuick(), place.block->Ptr(*slot)); // agrees with the long form
-    }
-    EXPECT_EQ(region.AllocQuick(), nullptr);
 }
 
 TEST(FixedRegion, ReportsWhatCannotBe) {

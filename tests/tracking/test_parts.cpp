@@ -144,6 +144,7 @@ TEST_F(PathTable, TakesItsStateWordsAsPaths) {
                             "e"),
               3);
     EXPECT_EQ(table->LookUp("unknown"), absent);
+    EXPECT_GT(table->HitRate(), 0.0F);
     const std::string longer(100000, 'x'); // several steps of the pool at once
     table->Add(longer.c_str(), 4);
     EXPECT_EQ(table->LookUp(longer.c_str()), 4);
@@ -157,6 +158,9 @@ TEST_F(PathTable, TakesItsStateWordsAsPaths) {
     const auto fitting = std::make_unique<mem_StackHash>(),
                larger = std::make_unique<mem_StackHash>();
     EXPECT_EQ(told(*fitting, 32767), "");
+    fitting->Add("twice", 1); // the later one counts
+    fitting->Add("twice", 2);
+    EXPECT_EQ(fitting->LookUp("twice"), 2);
     EXPECT_EQ(told(*larger, 32768).find("\n\nWARNING: Memory tracking. Forced"), 0U);
 
     const std::string base = test::scratch_folder("paths") + "gr\xc3\xb6\xc3\x9f"
@@ -270,7 +274,19 @@ TEST_F(Phases, TellWhatABufferRefuses) {
     }
     buffer.ExitPhase(1, 50);
     refused("outFd > -1");
+    EXPECT_EQ(buffer.EnterPhase("full", 1, 50), 0);
+    refused("outFd > -1");
+    struct Speechless final : KXMToOsBase {
+        unsigned short const* ToUTF16(char const*, unsigned short*, int) override {
+            return nullptr;
+        }
+        char const* ToLocale(char const*, char*, int) override { return nullptr; }
+    } speechless;
+    mem_ToOs::Register(&speechless);
     buffer.SetOutputName(base.c_str());
+    buffer.ExitPhase(1, 50);
+    refused("outFd > -1");
+    kxm::register_utf8_names();
     const std::pair<std::int64_t, const char*> disks[] = {
         {3, "numBytesWritten == sizeof(int)"},
         {4 + 50 * 128 - 1, "numBytesWritten == m_currEntry * sizeof(mem_PhaseDescription)"}};

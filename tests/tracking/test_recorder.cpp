@@ -120,28 +120,6 @@ TEST_F(Recorder, TellsEveryEventInItsOrder) {
         "look  --  Monitored TransId = 10\n"))
         << run.err;
     EXPECT_EQ(size(".phaseStack"), 4 + 3 * 131076U);
-
-    const auto memtrack = [this](const char* command) {
-        const test::ChildResult shown =
-            test::run_child({MEMTRACK_PROGRAM, {command, base() + ".phaseStack"}, {}});
-        // The probe takes an address a second time that was not released.
-        EXPECT_EQ(shown.exit_code, 1);
-        EXPECT_NE(shown.err.find(".memT0, byte 484: event 12 is given"), std::string::npos)
-            << shown.err;
-        return shown.out;
-    };
-    const std::string report = memtrack("report");
-    for (const char* const words :
-         {"14 events in 1 file, 1 thread, 2 phases\n", "Failed: 2 requests\n",
-          "Peak: 97.79 KiB (100 141 bytes) in 3 blocks, at event 7\n",
-          "(malloc of 64 bytes, thread 0, ROOT->first->second)\n",
-          "Not released: 9 bytes in 1 block\n"}) {
-        EXPECT_NE(report.find(words), std::string::npos) << words << report;
-    }
-    EXPECT_NE(memtrack("leaks").find("made by event 12, thread 0, ROOT->first\n"),
-              std::string::npos);
-    const std::string events = memtrack("events");
-    EXPECT_EQ(std::count(events.begin(), events.end(), '\n'), 14);
 }
 
 TEST_F(Recorder, WritesTheFormatsToTheByte) {

@@ -229,7 +229,10 @@ mem_RegionTypeEnm mem_Cluster::AllocType(mem_CachePoolID id) const {
 }
 
 bool mem_Cluster::Free(mem_CachePoolID id) {
-    os::prefetch(Ptr(static_cast<int>(id.bits.offset) - 1)); // a chunk's record, a slot's link
+    // A chunk's record, a slot's link; as a number, since a cluster that was emptied has no memory.
+    const auto memory = reinterpret_cast<std::uintptr_t>(Ptr(0));
+    os::prefetch(
+        reinterpret_cast<const void*>(memory + id.bits.offset * sizeof(int) - sizeof(int)));
     const int region_idx = RegionIndex(id);
     const mem_RegionTypeEnm type = m_clusterRegions[region_idx];
     require(type != mem_RGN_EMPTY, "AssertionFailed:m_clusterRegions[region_idx] != mem_RGN_EMPTY",
