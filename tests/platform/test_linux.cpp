@@ -2,6 +2,7 @@
 // signals that are sent.
 #include "platform/granule_map.h"
 #include "platform/linux/memory_left.h"
+#include "platform/linux/symbols.h"
 #include "platform/linux/utf16.h"
 #include "platform/os.h"
 
@@ -9,6 +10,7 @@
 #include <atomic>
 #include <cerrno>
 #include <csignal>
+#include <cstdio>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -16,6 +18,7 @@
 #include <random>
 #include <string>
 #include <sys/mman.h>
+#include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
 #include <vector>
@@ -139,6 +142,8 @@ TEST(ForeignMemory, IsPassedByAndSegmentsGoOnBehindIt) {
 
 // Stand between the library and the system: each lets the call fail that is to come after so many others.
 static int mmap_fails_in = 0, munmap_fails_in = 0, read_fails_in = 0, failure = ENOMEM;
+// MiB that the machine has available from then on; -1: what is true.
+static int tells_in = 0, available = -1;
 static bool fails(int& in) {
     errno = in == 1 ? failure : errno;
     return in > 0 && --in == 0;
@@ -157,7 +162,15 @@ int __wrap_munmap(void* where, std::size_t size) {
     return fails(munmap_fails_in) ? -1 : __real_munmap(where, size);
 }
 ssize_t __wrap_read(int file, void* data, std::size_t size) {
-    return fails(read_fails_in) ? -1 : __real_read(file, data, std::min<std::size_t>(size, 700));
+    const ssize_t got =
+        fails(read_fails_in) ? -1 : __real_read(file, data, std::min<std::size_t>(size, 700));
+    constexpr char memory[] = "MemTotal:";
+    if (available < 0 || got < 700 || std::memcmp(data, memory, sizeof memory - 1) != 0 ||
+        tells_in-- > 0) {
+        return got;
+    }
+    return std::snprintf(static_cast<char*>(data), 700, "MemTotal: 9 kB\nMemAvailable: %d kB\n",
+                         available * 1024);
 }
 } // extern "C"
 
@@ -265,6 +278,35 @@ TEST(FailingCalls, MakeNoAnswersOfPartsOfFiles) {
 }
 
 // As by kill(): no fault of the guarded code, which goes on; whoever stood there before gets the signal.
+bool is_place(const os::CodeSymbol& symbol) {
+    return std::strncmp(symbol.name, "+0x", 3) == 0 && symbol.file == nullptr;
+}
+
+// Debug information is left unread, or left where it stands, before the kernel would kill for it. In a process of its
+// own, as what was read stays.
+TEST(MemoryLeft, BoundsWhatCallStacksRead) {
+    for (const bool on_the_way : {false, true}) {
+        const pid_t child = fork();
+        ASSERT_GE(child, 0);
+        if (child == 0) {
+            const auto here = reinterpret_cast<std::uintptr_t>(&there_and_back) + 1;
+            os::CodeSymbol symbol;
+            tells_in = on_the_way ? 1 : 0;
+            available = on_the_way ? 4 : 1;
+            os::symbol_at(here, symbol);
+            bool good = is_place(symbol) && tells_in < 0;
+            available = -1;
+            usleep(150000); // a refusal stands for a while
+            os::symbol_at(here, symbol);
+            good = good && (on_the_way || (symbol.file != nullptr && symbol.name[0] != '+'));
+            _exit(good ? 0 : 1);
+        }
+        int status = 0;
+        ASSERT_EQ(waitpid(child, &status, 0), child);
+        EXPECT_EQ(status, 0) << on_the_way;
+    }
+}
+
 TEST(SentSignals, AreNotTheGuardsOwn) {
     static volatile int handled = 0;
     const auto send = [](int signal) {
