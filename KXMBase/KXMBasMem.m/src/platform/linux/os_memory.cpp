@@ -337,8 +337,8 @@ void* vm_allocate(std::size_t size, Placement placement) {
     const std::size_t bytes = round_up(size, page);
     const std::size_t alignment = bytes >= huge_advice_from ? huge_page : granularity;
 
-    const KeptError
-        kept; // a refusal is told by the result alone, a failed attempt at a place not at all
+    // A refusal is told by the result alone, a failed attempt at a place not at all.
+    const KeptError kept;
     std::uintptr_t base = 0;
     {
         const TableGuard guard;
