@@ -114,6 +114,13 @@ TEST_F(Damaged, IsToldAndReadAsFarAsItGoes) {
         {"a cut table of phases",
          [&] { write_bytes(base_ + ".phaseStack", test::word(1) + test::word(0) + "ROOT"); },
          2 * full + 10, ".phaseStack, byte 4: the file ends here, after 0 whole records of the 1"},
+        {"a table of phases that begins a word too early",
+         [&] {
+             std::string path = "ROOT";
+             path.resize(131072);
+             write_bytes(base_ + ".phaseStack", test::word(2) + path + test::word(1) + path);
+         },
+         2 * full + 10, ".phaseStack, byte 4: no path of phases stands here"},
         {"a foreign table of phases",
          [&] { write_bytes(base_ + ".phaseStack", test::word(0x7fffffff)); }, 2 * full + 10,
          ".phaseStack, byte 0: begins with the number 2147483647"},

@@ -6,8 +6,10 @@
 The example job runs on every back end, recorded and not, with the n-th memory request, release, opening or write
 refused, interrupted or cut short, or seek or closing failing, for n from 1 until the job makes no more of them (at most
 N times each, 300 by default, spread over them all). Then the threaded stress program with refused memory, interrupted
-waits and failing reads, which shows by itself that nothing is lost; and memtrack and kxmrun with failing reads. Every
-run must end in time, by itself, and in one of the ways that the documents name:
+waits and failing reads, which shows by itself that nothing is lost, and, recorded, with files that cannot be made or
+written while others wait for the recorder; and memtrack and kxmrun with failing reads, for which it takes strace:
+without --most it is a failure if that may not trace. Every run must end in time, by itself, and in one of the ways that
+the documents name:
 
 - exit status 0, with the result of the plain run, and, recorded, with a record that is whole
 - exit status 4, with the report of a refused request
@@ -32,9 +34,11 @@ import tempfile
 JOB_SECONDS = 60
 FAILURES = ["mmap:refuse", "mmap:refuse+", "mmap:interrupt", "munmap:refuse", "madvise:refuse", "malloc:refuse",
             "malloc:refuse+", "open:refuse", "open:interrupt", "write:refuse", "write:refuse+", "write:interrupt",
-            "write:short", "lseek:refuse", "close:refuse", "close:interrupt"]
+            "write:short", "lseek:refuse", "lseek:refuse+", "close:refuse", "close:interrupt"]
 STRESS_FAILURES = ["mmap:refuse", "munmap:refuse", "munmap:refuse+", "read:refuse", "read:interrupt", "read:short",
                    "close:refuse", "futex:interrupt", "futex:refuse"]
+RECORD_FAILURES = ["create:refuse", "create:interrupt", "write:refuse", "write:refuse+", "write:interrupt",
+                   "write:short", "lseek:refuse", "lseek:refuse+"]
 REQUESTS = ("mmap", "malloc")
 BACK_ENDS = [["crt"], ["guarded"], ["aligned"], ["heap"], ["heap", "--tiny-pool"], ["heap", "--cache-pool"]]
 LIBRARY_VARIABLES = ("KXA_", "KXQ_", "KXM_", "MC_RESULT")
@@ -112,10 +116,41 @@ def deflection(ground):
     return json.loads((ground.folder / "figures.json").read_text())["deflection_m"]
 
 
-def whole_files(ground, base):
-    """True where each .memT file but the last can be read to its end."""
-    files = sorted(ground.folder.glob(base + ".memT*"), key=lambda file: int(file.name.rpartition("memT")[2]))
-    return all(file.stat().st_size == 4 + 40 * 131072 for file in files[:-1])
+def whole_files(record):
+    """True where the .memT files are numbered without a gap and each but the last is one full buffer."""
+    files = sorted(record.parent.glob(record.name + ".memT*"), key=lambda file: int(file.name.rpartition("memT")[2]))
+    return (all(file.name == f"{record.name}.memT{number}" for number, file in enumerate(files)) and
+            all(file.stat().st_size == 4 + 40 * 131072 and file.open("rb").read(4) == b"\0\0\2\0" for file in files[:-1]))
+
+
+def whole_table(record):
+    """True where the table of phases holds each number below its count once, with a path."""
+    bytes_of = pathlib.Path(f"{record}.phaseStack").read_bytes()
+    count, places = int.from_bytes(bytes_of[:4], "little"), range(4, len(bytes_of), 131076)
+    return (len(bytes_of) == 4 + 131076 * count and all(bytes_of[at + 4:at + 8] == b"ROOT" for at in places) and
+            sorted(int.from_bytes(bytes_of[at:at + 4], "little") for at in places) == list(range(count)))
+
+
+def judge_record(ground, ended, failure, record):
+    """None, or what was wrong with the record of a run that ended well or by the recorder's fatal error. Opening and
+    writing go on where they were interrupted or cut short."""
+    call, _, kind = failure.partition(":")
+    refused = kind.startswith("refuse") and call in ("open", "create", "write", "lseek")
+    if ended.returncode == 0:
+        read = subprocess.run([ground.bin / "memtrack", "report", record, "--json"], cwd=ground.folder,
+                              capture_output=True, text=True)
+        if read.returncode == 0:
+            return None if whole_files(record) and whole_table(record) else "damage that memtrack does not tell"
+        # A table of phases that cannot be written is missing or damaged without a word, by design; memtrack tells.
+        problems = [line for line in read.stderr.splitlines() if ".memT" in line or ".phaseStack" in line]
+        only_table = problems and all(f"{record.name}.phaseStack, byte" in line for line in problems)
+        return None if refused and read.returncode == 1 and only_table else "a record that is not whole: " + read.stderr
+    told_so = ("AssertionFailed:numBytesWritten" if call == "write" else
+               "Unable to open memory tracking file." if call in ("open", "create") else None)
+    if ended.returncode != -signal.SIGABRT or not refused or told_so is None:
+        return "no way to end"
+    # Everything later is refused as well, the opening among it.
+    return None if told_so in ended.stderr and whole_files(record) else "no words, or files before it that are not whole"
 
 
 def judge_job(ground, ended, failure, number, back_end, recorded, at_load, right):
@@ -127,23 +162,14 @@ def judge_job(ground, ended, failure, number, back_end, recorded, at_load, right
         if deflection(ground) != right:
             return "another result"
         if recorded:
-            read = subprocess.run([ground.bin / "memtrack", "report", "elasticity", "--json"], cwd=ground.folder,
-                                  capture_output=True, text=True)
-            # A table of phases that cannot be written is missing without a word, by design.
-            if read.returncode != 0 and not (call in ("open", "write", "lseek") and "phaseStack" in read.stderr):
-                return "a record that is not whole: " + read.stderr
-            table = ground.folder / "elasticity.phaseStack"
-            if call == "lseek" and table.stat().st_size not in (0, 4) and table.stat().st_size % 131076 != 4:
-                return "a table of phases in the wrong place"
+            return judge_record(ground, ended, failure, ground.folder / "elasticity")
         return None
     if ended.returncode == 4 and call in REQUESTS:
         words = ["out of memory", "footprint"]
         missing = [word for word in words if word not in ended.stderr.lower()]
         return f"a report without '{missing[0]}'" if missing else None
-    if ended.returncode == -signal.SIGABRT and recorded and call in ("open", "write"):
-        told = ("Unable to open memory tracking file." if call == "open" else "AssertionFailed:numBytesWritten")
-        # Everything later is refused as well, the opening among it.
-        return None if told in ended.stderr and whole_files(ground, "elasticity") else "a fatal error without its words"
+    if ended.returncode == -signal.SIGABRT and recorded:
+        return judge_record(ground, ended, failure, ground.folder / "elasticity")
     if ended.returncode == -signal.SIGSEGV and recorded and number <= at_load and call in REQUESTS:
         return None
     if ended.returncode == -signal.SIGSEGV and back_end == ["guarded"] and call == "malloc":
@@ -203,11 +229,29 @@ def try_stress(ground, most):
         print(f"stress on {name}: {runs} runs", flush=True)
 
 
-def try_tools(ground):
+def try_recorded_stress(ground, most):
+    """One thread finds out that a file cannot be made or written, while it holds up all others."""
+    variables = ground.stress_environments()["recorded"] | {"KXM_STRESS_REFUSED": "1"}
+    command = [ground.tests / "stress", "0.3", "6"]
+    ends = {}
+    for failure in RECORD_FAILURES:
+        calls = ground.run(command, variables, failure, 10**9).calls or 1
+        for number in spread(calls, most):
+            ended = ground.run([*command, number], variables, failure, number)
+            wrong = ("did not end" if ended.returncode is None
+                     else judge_record(ground, ended, failure, ground.folder / "stress"))
+            if wrong:
+                ground.blame(ended, f"recorded stress, {failure} at {number}: {wrong}")
+            ends[ended.returncode] = ends.get(ended.returncode, 0) + 1
+    told("recorded stress, files failing", ends)
+
+
+def try_tools(ground, demanded):
     """memtrack reading a recording and kxmrun reading a program, with the n-th read of its file failing."""
     if not shutil.which("strace") or subprocess.run(["strace", "-o", "/dev/null", "true"], check=False,
                                                     stderr=subprocess.DEVNULL).returncode != 0:
-        print("tools: not tried, there is no strace or it may not trace")
+        print(f"{'FAILED: ' if demanded else ''}tools: not tried, there is no strace or it may not trace")
+        ground.faults += demanded
         return
     files = ground.folder / "files"
     job = [ground.bin / "elasticity", ground.mesh, "--quiet", "--no-check"]
@@ -275,7 +319,7 @@ def arguments_of(description):
     parser.add_argument("bin")
     parser.add_argument("tests")
     parser.add_argument("mesh")
-    parser.add_argument("--most", type=int, default=300) # a job makes tens of thousands of requests
+    parser.add_argument("--most", type=int)
     return parser.parse_args()
 
 
@@ -283,14 +327,16 @@ def main():
     arguments = arguments_of(__doc__)
     ground = Ground(arguments.bin, arguments.tests, arguments.mesh)
     ground.folder = pathlib.Path(tempfile.mkdtemp(prefix="kxm_fault_injection_"))
+    most = arguments.most or 300  # a job makes tens of thousands of requests
     for back_end in BACK_ENDS:
         for recorded in (False, True):
-            try_job(ground, back_end, recorded, arguments.most)
-    try_stress(ground, min(arguments.most, 60))
-    try_tools(ground)
-    try_storm(ground, min(arguments.most, 6))
+            try_job(ground, back_end, recorded, most)
+    try_stress(ground, min(most, 60))
+    try_recorded_stress(ground, min(most, 30) // 2)
+    try_tools(ground, arguments.most is None)
+    try_storm(ground, min(most, 6))
     shutil.rmtree(ground.folder)
-    for failure in FAILURES + STRESS_FAILURES:
+    for failure in FAILURES + STRESS_FAILURES + RECORD_FAILURES:
         if failure not in ground.met:
             ground.faults += 1
             print(f"FAILED: {failure} met no call")

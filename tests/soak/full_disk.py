@@ -4,8 +4,8 @@ none up to what the run needs (at most N of these numbers, spread).
 
     full_disk.py BIN_FOLDER TEST_FOLDER MESH [--most N]
 
-- the example job, recorded: ends with its result and a whole record, or with the fatal error of the recorder and
-  the files before the last whole; a missing table of phases is no error, by design
+- the example job, and threads under stress, recorded: end with their result and a whole record, or with the fatal
+  error of the recorder and the files before the last whole; a missing table of phases is no error, by design
 - the example job's own outputs, memtrack's reports, pages and exports over older files: whole, or the old file as it
   was, with the words and the exit status for it
 - kxmrun recording: the program's own output and status, and a word where the recording is not whole
@@ -16,12 +16,11 @@ told with the command that repeats it.
 
 import os
 import pathlib
-import signal
 import subprocess
 import sys
 import tempfile
 
-from fault_injection import Ground, arguments_of, deflection, spread, told, whole_files
+from fault_injection import Ground, arguments_of, deflection, judge_record, spread, told
 
 PAGE = 4096
 OLD = "an older file\n"
@@ -87,30 +86,25 @@ class FullDisk:
             return None if ended.returncode == 0 or words in ended.stderr else f"no word of '{words}'"
         self.try_each(name, command, judge, old=old)
 
-    def report(self, base):
-        return subprocess.run([self.ground.bin / "memtrack", "report", "--json", self.disk / base],
-                              capture_output=True, text=True, check=False)
-
     def recorded_job(self, back_end):
         figures = self.ground.folder / "figures.json"
         command = [self.ground.bin / "elasticity", self.ground.mesh, "--quiet", "--no-check", "--json", figures,
                    "--backend", back_end]
 
         def judge(ended, plain, files):
-            ground = self.ground
-            if ended.returncode == 0:
-                read = self.report("elasticity")
-                if read.returncode != 0 and "phaseStack" not in read.stderr:
-                    return "a record that is not whole: " + read.stderr
-                return None if deflection(ground) == self.right else "another result"
-            if ended.returncode != -signal.SIGABRT or "AssertionFailed:numBytesWritten" not in ended.stderr:
-                return "no way to end"
-            folder, ground.folder = ground.folder, self.disk
-            whole = whole_files(ground, "elasticity")
-            ground.folder = folder
-            return None if whole else "a file before the last is not whole"
+            if ended.returncode == 0 and deflection(self.ground) != self.right:
+                return "another result"
+            return judge_record(self.ground, ended, "write:refuse", self.disk / "elasticity")
         self.try_each(f"recorded job on {back_end}", command, judge,
                       {"KXA_MEM_TRACK": "1", "KXA_MEM_OUTPUTDIR": str(self.disk)})
+
+    def recorded_stress(self):
+        """Its threads wait for the one that writes. No two runs leave as much."""
+        def judge(ended, plain, files):
+            return judge_record(self.ground, ended, "write:refuse", self.disk / "stress")
+        self.try_each("recorded stress", [self.ground.tests / "stress", "0.3", "6"], judge,
+                      {"KXQ_DLALLOCATOR": "1", "KXM_STRESS_REFUSED": "1", "KXA_MEM_TRACK": "1",
+                       "KXA_MEM_OUTPUTDIR": str(self.disk)})
 
     def launched(self):
         def judge(ended, plain, files):
@@ -119,8 +113,8 @@ class FullDisk:
             if self.whole.keys() == files.keys() and all(len(files[name]) == len(self.whole[name]) for name in files):
                 return None
             return None if "could not be written" in ended.stderr else "no word of a recording that is not whole"
-        self.try_each("sort under kxmrun", [self.ground.bin / "kxmrun", "--track-dir", self.disk, "--track-name", "s", "--",
-                                            "sort", "--parallel=1", self.ground.mesh], judge)
+        self.try_each("sort under kxmrun", [self.ground.bin / "kxmrun", "--track-dir", self.disk, "--track-name", "s",
+                                            "--", "sort", "--parallel=1", self.ground.mesh], judge)
 
 
 def main():
@@ -135,21 +129,22 @@ def main():
         ground.folder = pathlib.Path(folder)
         disk = ground.folder / "disk"
         disk.mkdir()
-        trial = FullDisk(ground, disk, arguments.most)
+        trial = FullDisk(ground, disk, arguments.most or 300)
         try:
             for back_end in ["crt", "heap"]:
                 trial.recorded_job(back_end)
+            trial.recorded_stress()
             trial.launched()
             trial.over_old_files("the job's outputs",
                                  [ground.bin / "elasticity", ground.mesh, "--quiet", "--no-check", "--output",
                                   disk / "result.vtu", "--json", disk / "figures.json"],
                                  ["figures.json", "result.vtu"], 2, "No space left on device")
-            subprocess.run([ground.bin / "kxmrun", "-q", "--track-dir", ground.folder, "--track-name", "read", "--", "sort",
-                            "--parallel=1", ground.mesh], stdout=subprocess.DEVNULL, check=True)
+            subprocess.run([ground.bin / "kxmrun", "-q", "--track-dir", ground.folder, "--track-name", "read", "--",
+                            "sort", "--parallel=1", ground.mesh], stdout=subprocess.DEVNULL, check=True)
             for command in [["report"], ["report", "--json"], ["html"]] + [["export", "--format", f] for f in EXPORTS]:
                 trial.over_old_files("memtrack " + " ".join(command),
-                                     [ground.bin / "memtrack", *command, "-f", "-o", disk / "out", ground.folder / "read"],
-                                     ["out"], 1, "cannot be written")
+                                     [ground.bin / "memtrack", *command, "-f", "-o", disk / "out",
+                                      ground.folder / "read"], ["out"], 1, "cannot be written")
         finally:
             subprocess.run(["umount", disk], stderr=subprocess.DEVNULL, check=False)
     print(f"{ground.runs} runs, {ground.faults} failed")

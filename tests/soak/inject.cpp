@@ -1,10 +1,10 @@
 // Preloaded into a program, lets one call that the library makes, of the system or of the C runtime's heap, fail: the
 // n-th of its kind. The calls of others, the C runtime's and the program's own, pass.
 //
-//   KXM_INJECT=CALL:FAILURE:N    CALL is mmap, munmap, madvise, open, read (pread, too), write, lseek, close, futex or
-//                                malloc (and its kin); FAILURE is refuse (with what the system gives when it is short of
-//                                something, or cannot get at the disk), interrupt, or, of read and write, short: half of
-//                                it; a + behind N: and every later one
+//   KXM_INJECT=CALL:FAILURE:N    CALL is mmap, munmap, madvise, open, create (an opening that makes a file), read (pread,
+//                                too), write, lseek, close, futex or malloc (and its kin); FAILURE is refuse (with what
+//                                the system gives when it is short of something, or cannot get at the disk), interrupt,
+//                                or, of read and write, short: half of it; a + behind N: and every later one
 //   KXM_INJECT_COUNT=FILE        is made with the number of calls of that kind, when the program exits by itself
 //   KXM_INJECT_MAPS=N            takes all the mappings that the system grants a process but about N
 //   KXM_INJECT_STORM=TIMER       signals that interrupt what they find, thousands a second: TIMER is timer, for the
@@ -348,7 +348,8 @@ int open(const char* name, int flags, ...) {
     va_start(more, flags);
     const mode_t mode = (flags & O_CREAT) != 0 ? va_arg(more, mode_t) : 0;
     va_end(more);
-    return fails("open", CALLER) ? failed(ENOSPC, -1) : real(name, flags, mode);
+    const bool made = (flags & O_CREAT) != 0 && fails("create", CALLER);
+    return made || fails("open", CALLER) ? failed(ENOSPC, -1) : real(name, flags, mode);
 }
 
 ssize_t write(int file, const void* data, std::size_t size) {

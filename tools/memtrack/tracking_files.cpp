@@ -154,8 +154,12 @@ PhaseTable::PhaseTable(const std::string& base, Problems& problems) {
             good = file.read(bytes.data() + 4 + piece, path_bytes - piece);
             path = text_in(bytes.data() + 4, path_bytes);
         }
-        if (!good) {
-            problems.push_back({name, offset, "cannot be read from here on"});
+        // All begin with it. Where a write or seek of the recorder failed, others stand elsewhere.
+        if (!good || !path.starts_with("ROOT")) {
+            problems.push_back({name, offset,
+                                good ? "no path of phases stands here: the records are not in "
+                                       "their places, and are not read from here on"
+                                     : "cannot be read from here on"});
             return;
         }
         paths_[word_at(bytes.data())] = path;
