@@ -64,10 +64,13 @@ class Ground:
                 "tiny": heap | {"KXM_STRESS_TINY": "1"},
                 "recorded": heap | {"KXA_MEM_TRACK": "1", "KXA_MEM_OUTPUTDIR": str(self.folder)}}
 
-    def run(self, command, variables, failure=None, number=0):
-        """The ended process, with `calls`: how many calls of the kind it made, or None where it was ended."""
+    def empty_folder(self):
         for file in self.folder.iterdir():
             file.unlink()
+
+    def run(self, command, variables, failure=None, number=0):
+        """The ended process, with `calls`: how many calls of the kind it made, or None where it was ended."""
+        self.empty_folder()
         count = self.folder / "count"
         if failure:
             kind, _, _ = failure.partition("+")
@@ -120,7 +123,8 @@ def whole_files(record):
     """True where the .memT files are numbered without a gap and each but the last is one full buffer."""
     files = sorted(record.parent.glob(record.name + ".memT*"), key=lambda file: int(file.name.rpartition("memT")[2]))
     return (all(file.name == f"{record.name}.memT{number}" for number, file in enumerate(files)) and
-            all(file.stat().st_size == 4 + 40 * 131072 and file.open("rb").read(4) == b"\0\0\2\0" for file in files[:-1]))
+            all(file.stat().st_size == 4 + 40 * 131072 and file.open("rb").read(4) == b"\0\0\2\0"
+                for file in files[:-1]))
 
 
 def whole_table(record):
@@ -150,7 +154,8 @@ def judge_record(ground, ended, failure, record):
     if ended.returncode != -signal.SIGABRT or not refused or told_so is None:
         return "no way to end"
     # Everything later is refused as well, the opening among it.
-    return None if told_so in ended.stderr and whole_files(record) else "no words, or files before it that are not whole"
+    return (None if told_so in ended.stderr and whole_files(record)
+            else "no words for it, or files before it that are not whole")
 
 
 def judge_job(ground, ended, failure, number, back_end, recorded, at_load, right):

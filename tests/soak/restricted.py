@@ -4,10 +4,13 @@ control group's memory. Each run must end in time, with exit status 0 or with th
 
     restricted.py BIN_FOLDER TEST_FOLDER MESH [--short]
 
-With --short a few runs of each kind, in some seconds. What a part cannot be tried for, a control group that may not be made, is said. Exit status 1: something failed, and is
-told with the command that repeats it.
+With --short a few runs of each kind, in some seconds. Where the system grants no control group, that is said. Exit
+status 1: something failed, and is told with the command that repeats it.
 """
 
+import contextlib
+import errno
+import os
 import pathlib
 import resource
 import signal
@@ -15,7 +18,7 @@ import subprocess
 import sys
 import tempfile
 
-from fault_injection import BACK_ENDS, Ground, told
+from fault_injection import BACK_ENDS, Ground, judge_record, told
 
 MIB = 1 << 20
 
@@ -85,31 +88,52 @@ def stress(ground, seconds, seed, variables, stack_kib, most=resource.RLIM_INFIN
 
 def stacks(ground, short):
     runs = Restricted(ground)
-    for variables in [{}, {"KXA_DEADBEEF": "1"}, {"KXQ_USE_ALIGNED_MEMORY": "1"}, {"KXQ_DLALLOCATOR": "1"},
-                      {"KXQ_DLALLOCATOR": "1", "KXM_STRESS_TINY": "1"},
-                      {"KXQ_DLALLOCATOR": "1", "KXA_MEM_TRACK": "1", "KXA_MEM_OUTPUTDIR": str(ground.folder)}]:
+    for variables in ground.stress_environments().values():
         runs.run(*stress(ground, 0.2 if short else 1, 1, variables, 64))
     runs.told("stacks of 64 KiB, stress")
 
 
+def address_space_to_load(ground, command, variables):
+    """In bytes; None, told, where no reasonable size is enough."""
+    for size in range(4 * MIB, 128 * MIB, MIB // 4):
+        ended = ground.start(command, variables, limited(resource.RLIMIT_AS, size))
+        if ended.returncode == 2:  # the words on how to call it
+            return size
+    ground.blame(ended, "not loaded in 128 MiB of address space")
+    return None
+
+
 def threads(ground, short):
     """Under a limit of address space and with few mappings left, where memory and threads are refused again and again.
-    Not guarded and not recorded: there a refusal is an access fault or fatal, by design. Nothing is to be lost, and the
-    preloaded library keeps account of it."""
-    preloaded = {"LD_PRELOAD": str(ground.tests / "libkxm_inject.so"), "KXM_STRESS_REFUSED": "often",
-                 "MALLOC_ARENA_MAX": "1"}
-    loading = 4096  # KiB
-    while ground.start([ground.tests / "stress", "0"], preloaded, limited(resource.RLIMIT_AS, loading * 1024)).returncode != 2:
-        loading += 256
-    for variables in [{}, {"KXQ_USE_ALIGNED_MEMORY": "1"}, {"KXQ_DLALLOCATOR": "1"},
-                      {"KXQ_DLALLOCATOR": "1", "KXM_STRESS_TINY": "1"}]:
+    The guarded back end faults where it is refused, by design. Elsewhere nothing is to be lost, of which the preloaded
+    library keeps account, and the record is whole."""
+    refused = {"LD_PRELOAD": str(ground.tests / "libkxm_inject.so"), "KXM_STRESS_REFUSED": "often",
+               "MALLOC_ARENA_MAX": "1"}
+    for name, variables in ground.stress_environments().items():
+        loading = address_space_to_load(ground, [ground.tests / "stress", "0"], refused | variables)
+        if loading is None:
+            continue
+        trials = [({}, loading + more * MIB) for more in ([3] if short else [2, 3, 4, 5, 6, 8, 10, 12, 16, 24, 32, 48])]
+        trials += [({"KXM_INJECT_MAPS": str(left)}, resource.RLIM_INFINITY)
+                   for left in ([5] if short else [0, 1, 2, 3, 4, 5, 6, 8, 10, 14, 18, 25, 40, 100])]
         runs = Restricted(ground)
+
+        def also_right(ended, guarded=name == "guarded"):
+            return guarded and ended.returncode == -signal.SIGSEGV
         for seed in range(1, 2 if short else 6):
-            for more in [3] if short else [2, 3, 4, 5, 6, 8, 10, 12, 16, 24, 32, 48]:
-                runs.run(*stress(ground, 0.2, seed, preloaded | variables, 256, loading * 1024 + more * MIB))
-            for left in [5] if short else [0, 1, 2, 3, 4, 5, 6, 8, 10, 14, 18, 25, 40, 100]:
-                runs.run(*stress(ground, 0.2, seed, preloaded | variables | {"KXM_INJECT_MAPS": str(left)}, 256))
-        runs.told(f"little address space or few mappings left, stress with {' '.join(variables) or 'nothing'} set")
+            for more, most in trials:
+                ground.empty_folder()
+                ended = runs.run(*stress(ground, 0.2, seed, refused | variables | more, 256, most),
+                                 also_right=also_right)
+                wrong = (judge_record(ground, ended, "none:", ground.folder / "stress")
+                         if name == "recorded" and ended.returncode == 0 else None)
+                if wrong:
+                    ground.blame(ended, f"restricted: {wrong}")
+        runs.told(f"little address space or few mappings left, stress on {name}")
+
+
+class NotGranted(Exception):
+    """The system has no control of memory, or none for this process."""
 
 
 class ControlGroup:
@@ -118,18 +142,43 @@ class ControlGroup:
     def __init__(self, size):
         root = pathlib.Path("/sys/fs/cgroup")
         self.unified = (root / "cgroup.controllers").exists()
-        self.folder = root / ("" if self.unified else "memory") / "kxm_restricted"
-        if self.unified and "memory" not in (root / "cgroup.subtree_control").read_text().split():
-            (root / "cgroup.subtree_control").write_text("+memory")
-        self.folder.mkdir()
+        if "memory" not in (root / "cgroup.controllers").read_text().split() if self.unified else (
+                not (root / "memory" / "memory.limit_in_bytes").exists()):
+            raise NotGranted("no memory controller")
+        root = root if self.unified else root / "memory"
+        self.folder = root / f"kxm_restricted_{os.getpid()}"
+        for left in root.glob("kxm_restricted_*"):  # by a run that was killed, maybe with processes still in it
+            if left == self.folder or not pathlib.Path("/proc", left.name.rpartition("_")[2]).exists():
+                with contextlib.suppress(OSError):
+                    left.rmdir()
+        try:
+            # Busy: a group inside a container whose processes are not in groups of their own.
+            if self.unified and "memory" not in (root / "cgroup.subtree_control").read_text().split():
+                (root / "cgroup.subtree_control").write_text("+memory")
+            self.folder.mkdir()
+        except OSError as error:
+            if error.errno in (errno.EACCES, errno.EPERM, errno.EROFS, errno.EBUSY):
+                raise NotGranted(error) from error
+            raise
         try:
             (self.folder / ("memory.max" if self.unified else "memory.limit_in_bytes")).write_text(str(size))
             swap = self.folder / ("memory.swap.max" if self.unified else "memory.memsw.limit_in_bytes")
             if swap.exists():
                 swap.write_text("0" if self.unified else str(size))
-        except OSError:
+            self.try_entering()
+        except BaseException:
             self.folder.rmdir()
             raise
+
+    def try_entering(self):
+        """What refuses it is not told of a child that is about to become another program."""
+        with subprocess.Popen(["cat"], stdin=subprocess.PIPE) as child:
+            try:
+                (self.folder / "cgroup.procs").write_text(str(child.pid))
+            except PermissionError as error:
+                raise NotGranted(error) from error
+            finally:
+                child.stdin.close()
 
     def enter(self):
         (self.folder / "cgroup.procs").write_text("0")
@@ -142,12 +191,11 @@ def control_group(ground, short):
     command = [ground.bin / "elasticity", mesh, "--quiet", "--no-check", "--backend", "heap"]
     try:
         group = ControlGroup(32 * MIB)
-    except OSError as error:
+    except NotGranted as error:
         print(f"control group: not tried, {error}")
         return
     name = f"control group (version {2 if group.unified else 1}) of 32 MiB"
     try:
-        (group.folder / "cgroup.procs").read_text()
         killed = ground.start(command, {}, group.enter)
         if killed.returncode == 0:
             print(f"{name}: not tried, it does not keep its members from having more")
@@ -160,8 +208,6 @@ def control_group(ground, short):
             if ended.returncode != 4:
                 ground.blame(ended, f"{name}: no report")
         runs.told(f"{name}, job that it kills, with limits below it")
-    except (OSError, subprocess.SubprocessError) as error:
-        print(f"{name}: not tried, {error}")
     finally:
         group.folder.rmdir()
 
