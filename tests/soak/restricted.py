@@ -212,6 +212,25 @@ def control_group(ground, short):
         group.folder.rmdir()
 
 
+def reports_in_control_groups(ground, short):
+    """A small program's report of a refusal ends whatever the group has: what there is to read of the program and of the
+    system's libraries for its call stack takes less, or would take more."""
+    runs = Restricted(ground)
+    for mib in range(8, 40, 5 if short else 1):
+        try:
+            group = ControlGroup(mib * MIB)
+        except NotGranted as error:
+            print(f"reports in control groups: not tried, {error}")
+            return
+        try:
+            ended = runs.run([ground.tests / "new_probe", "throw", 10**14], {"KXQ_DLALLOCATOR": "1"}, group.enter)
+            if "bad_alloc" not in ended.stdout or "1)" not in ended.stdout:
+                ground.blame(ended, f"no call stack, {mib} MiB")
+        finally:
+            group.folder.rmdir()
+    runs.told("reports in control groups of 8 to 40 MiB")
+
+
 def main():
     arguments = [argument for argument in sys.argv[1:] if argument != "--short"]
     if len(arguments) != 3 or arguments[0].startswith("-"):
@@ -220,7 +239,7 @@ def main():
     ground = Ground(*arguments)
     with tempfile.TemporaryDirectory(prefix="kxm_restricted_") as folder:
         ground.folder = pathlib.Path(folder)
-        for part in [address_space, mappings, stacks, threads, control_group]:
+        for part in [address_space, mappings, stacks, threads, control_group, reports_in_control_groups]:
             part(ground, short)
     print(f"{ground.runs} runs, {ground.faults} failed")
     return 1 if ground.faults else 0
