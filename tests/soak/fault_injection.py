@@ -237,7 +237,7 @@ def try_stress(ground, most):
 def try_recorded_stress(ground, most):
     """One thread finds out that a file cannot be made or written, while it holds up all others."""
     variables = ground.stress_environments()["recorded"] | {"KXM_STRESS_REFUSED": "1"}
-    command = [ground.tests / "stress", "0.3", "6"]
+    command = [ground.tests / "stress", "0.6", "6"]
     ends = {}
     for failure in RECORD_FAILURES:
         calls = ground.run(command, variables, failure, 10**9).calls or 1

@@ -102,7 +102,7 @@ class FullDisk:
         """Its threads wait for the one that writes. No two runs leave as much."""
         def judge(ended, plain, files):
             return judge_record(self.ground, ended, "write:refuse", self.disk / "stress")
-        self.try_each("recorded stress", [self.ground.tests / "stress", "0.3", "6"], judge,
+        self.try_each("recorded stress", [self.ground.tests / "stress", "1", "6"], judge,
                       {"KXQ_DLALLOCATOR": "1", "KXM_STRESS_REFUSED": "1", "KXA_MEM_TRACK": "1",
                        "KXA_MEM_OUTPUTDIR": str(self.disk)})
 
