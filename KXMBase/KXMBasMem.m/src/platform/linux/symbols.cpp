@@ -146,8 +146,7 @@ bool may_take(std::size_t bytes) {
     if (allowance.fetch_sub(wanted, std::memory_order_relaxed) >= wanted) {
         return true;
     }
-    const std::uint64_t left = memory_left();
-    const bool enough = left > for_the_rest && left - for_the_rest > bytes;
+    const bool enough = memory_left() > for_the_rest + bytes;
     allowance.store(enough ? step : 0, std::memory_order_relaxed);
     return enough;
 }
