@@ -7,8 +7,8 @@
 #   ./test.sh check      on both, and further: clang, ASan+UBSan, TSan, cppcheck, the formatting of the sources
 #   ./test.sh soak [N]   what takes longer: N minutes (60), half of them threads under stress on every back end,
 #                        plainly, under TSan and under Wine, half of them the fuzzers. Before that, as long as it
-#                        takes, every n-th system call failing, systems that give little and disks that fill up;
-#                        behind it what analyse does. Each part tells how long it took.
+#                        takes, every n-th system call failing (5 N of each kind), systems that give little and disks
+#                        that fill up; behind it what analyse does. Each part tells how long it took.
 #   ./test.sh coverage   what of the sources runs in the tests on Linux and with what the fuzzers of a soak kept;
 #                        fails where a branch of the library never runs for no reason that tests/unreached.txt tells
 #   ./test.sh analyse    cppcheck, clang-tidy and GCC's -fanalyzer over all but the tests, as built for both systems
@@ -112,7 +112,7 @@ soak() {
     tests=build/linux/tests/bin
     mesh=examples/meshes/cantilever-22.msh
     part "every n-th system call fails"
-    python3 -B tests/soak/fault_injection.py "$programs" "$tests" "$mesh"
+    python3 -B tests/soak/fault_injection.py "$programs" "$tests" "$mesh" --most $((minutes < 3 ? 15 : 5 * minutes))
     part "systems that give little"
     python3 -B tests/soak/restricted.py "$programs" "$tests" "$mesh"
     part "disks that fill up"

@@ -8,7 +8,7 @@ refused, interrupted or cut short, or seek or closing failing, for n from 1 unti
 N times each, 300 by default, spread over them all). Then the threaded stress program with refused memory, interrupted
 waits and failing reads, which shows by itself that nothing is lost, and, recorded, with files that cannot be made or
 written while others wait for the recorder; and memtrack and kxmrun with failing reads, for which it takes strace:
-without --most it is a failure if that may not trace. Every run must end in time, by itself, and in one of the ways that
+with N above 10 it is a failure if that may not trace. Every run must end in time, by itself, and in one of the ways that
 the documents name:
 
 - exit status 0, with the result of the plain run, and, recorded, with a record that is whole
@@ -338,7 +338,7 @@ def main():
             try_job(ground, back_end, recorded, most)
     try_stress(ground, min(most, 60))
     try_recorded_stress(ground, min(most, 30) // 2)
-    try_tools(ground, arguments.most is None)
+    try_tools(ground, most > 10)
     try_storm(ground, min(most, 6))
     shutil.rmtree(ground.folder)
     for failure in FAILURES + STRESS_FAILURES + RECORD_FAILURES:
