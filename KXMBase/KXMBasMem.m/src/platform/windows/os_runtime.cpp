@@ -48,9 +48,28 @@ bool current_directory(char* buffer, std::size_t capacity) {
     return true;
 }
 
+namespace {
+
+// Between two steps of a walk another thread may give back to the system what the next one reads.
+class RuntimeHeapStandsStill {
+public:
+    RuntimeHeapStandsStill() : heap_(reinterpret_cast<HANDLE>(_get_heap_handle())) {
+        HeapLock(heap_);
+    }
+    ~RuntimeHeapStandsStill() { HeapUnlock(heap_); }
+    RuntimeHeapStandsStill(const RuntimeHeapStandsStill&) = delete;
+    RuntimeHeapStandsStill& operator=(const RuntimeHeapStandsStill&) = delete;
+
+private:
+    HANDLE heap_;
+};
+
+} // namespace
+
 // Walks the runtime's heap. Each system allocation is counted once, when the walk first enters it.
 bool runtime_heap(RuntimeHeap& figures) {
     figures = {};
+    const RuntimeHeapStandsStill still;
     std::uintptr_t low = 0, high = 0;
     _HEAPINFO entry{};
     while (_heapwalk(&entry) == _HEAPOK) {
