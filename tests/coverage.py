@@ -5,7 +5,8 @@
 
 PROFILES is the folder that the programs of the build wrote to (LLVM_PROFILE_FILE=PROFILES/%m%c.profraw: counters lie in
 the file itself, so that a process that is killed loses none; what ran before they were laid there is lost: the start
-of a library that is loaded, but for programs that are run once more with PROFILES/exit-%m.profraw, which is written as they exit).
+of a library that is loaded, but for programs that are run once more with PROFILES/exit-%m.profraw, which is written as
+they exit).
 
 UNREACHED is written: a line for each function, condition or direction of a condition that never ran, as
 "file:line: what: condition | source line". REASONS says which of them are settled, and why (unreached.txt tells how). What

@@ -324,7 +324,7 @@ def arguments_of(description):
     parser.add_argument("bin")
     parser.add_argument("tests")
     parser.add_argument("mesh")
-    parser.add_argument("--most", type=int)
+    parser.add_argument("--most", type=int, default=300)  # a job makes tens of thousands of requests
     return parser.parse_args()
 
 
@@ -332,7 +332,7 @@ def main():
     arguments = arguments_of(__doc__)
     ground = Ground(arguments.bin, arguments.tests, arguments.mesh)
     ground.folder = pathlib.Path(tempfile.mkdtemp(prefix="kxm_fault_injection_"))
-    most = arguments.most or 300  # a job makes tens of thousands of requests
+    most = arguments.most
     for back_end in BACK_ENDS:
         for recorded in (False, True):
             try_job(ground, back_end, recorded, most)

@@ -129,7 +129,7 @@ def main():
         ground.folder = pathlib.Path(folder)
         disk = ground.folder / "disk"
         disk.mkdir()
-        trial = FullDisk(ground, disk, arguments.most or 300)
+        trial = FullDisk(ground, disk, arguments.most)
         try:
             for back_end in ["crt", "heap"]:
                 trial.recorded_job(back_end)
