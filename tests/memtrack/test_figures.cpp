@@ -280,6 +280,18 @@ TEST_F(Replay, FollowsAResizeThatIsRecordedLate) {
     const Figures figures = take_figures(base_, problems_);
     EXPECT_EQ(figures.left.bytes, 307U);
     EXPECT_TRUE(figures.complete) << problems_[0].sentence();
+    // Thread 2 moves it on before either is recorded, and thread 3 is given it.
+    for (const int first : {1, 2}) {
+        const Transaction late[] = {event(Type::realloc_, 64, 300, 1, 16),
+                                    event(Type::realloc_, 80, 20, 2, 16)};
+        test::write_recording(base_,
+                              {event(Type::malloc_, 16, 100, 1), event(Type::malloc_, 16, 7, 2),
+                               event(Type::malloc_, 16, 9, 3), late[first - 1], late[2 - first],
+                               event(Type::free_, 16, no_size, 3)});
+        const Figures twice = take_figures(base_, problems_);
+        EXPECT_EQ(twice.left.bytes, 320U);
+        EXPECT_TRUE(twice.complete) << problems_[0].sentence();
+    }
 }
 
 // More of them than are remembered, each told once.

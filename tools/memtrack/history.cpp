@@ -35,35 +35,33 @@ History::Place History::place_of(const Event& event, std::uint64_t address) cons
 
 // The address of a block is given out again: its release is lost, or a resize's record is late.
 void History::note_moved(const Event& event) {
-    const std::uint64_t address = event.record.pointer;
     if (moved_.size() == most_moved) {
-        for (const auto& [unused, moved] : moved_) {
-            give_up_moved(moved);
-        }
+        give_up_moved(lost_);
         moved_.clear();
     }
-    const auto [place, fresh] = moved_.try_emplace(address);
-    if (!fresh) {
-        give_up_moved(place->second);
-    }
-    place->second = {place_of(event, address), events_, event.thread};
+    const std::uint64_t address = event.record.pointer;
+    moved_.insert({MovedFrom{address, events_}, {place_of(event, address), event.thread}});
 }
 
-void History::give_up_moved(const Moved& moved) {
-    if (lost_.count++ == 0 || moved.place.number < lost_.first.number) {
-        lost_.first = moved.place;
+void History::give_up_moved(Oddity& lost) const {
+    for (const auto& [unused, moved] : moved_) {
+        if (lost.count++ == 0 || moved.place.number < lost.first.number) {
+            lost.first = moved.place;
+        }
     }
 }
 
 // Whether this resize left its old address before another thread was given it, which was recorded
-// first: then nothing of the resizing thread was recorded in between.
+// first: then nothing of the resizing thread was recorded in between. Of several such the oldest, since
+// a later one can also be that of a thread that has recorded something since the oldest.
 bool History::was_moved_before(const Event& resize) {
-    const auto found = moved_.find(resize.record.old_pointer);
-    if (found == moved_.end()) {
-        return false;
+    const std::uint64_t address = resize.record.old_pointer;
+    auto found = moved_.lower_bound({address, last_event_[resize.thread]});
+    while (found != moved_.end() && found->first.first == address &&
+           found->second.by_thread == resize.thread) {
+        ++found;
     }
-    const Moved& moved = found->second;
-    if (resize.thread == moved.by_thread || last_event_[resize.thread] > moved.at) {
+    if (found == moved_.end() || found->first.first != address) {
         return false;
     }
     moved_.erase(found); // this is its record
@@ -72,11 +70,7 @@ bool History::was_moved_before(const Event& resize) {
 
 void History::tell(const EventReader& reader, Problems& problems) const {
     Oddity lost = lost_;
-    for (const auto& [unused, moved] : moved_) {
-        if (lost.count++ == 0 || moved.place.number < lost.first.number) {
-            lost.first = moved.place;
-        }
-    }
+    give_up_moved(lost);
     const auto add = [&](const Oddity& oddity, const std::string& text) {
         if (oddity.count != 0) {
             const Place& at = oddity.first;

@@ -20,8 +20,9 @@
 
 #include <algorithm>
 #include <array>
+#include <map>
 #include <string>
-#include <unordered_map>
+#include <utility>
 #include <vector>
 
 namespace memtrack {
@@ -109,9 +110,11 @@ private:
             }
         }
     };
-    struct Moved { // a block whose address was given out again
+    // Blocks whose address was given out again, by address and by when that was, in events: several
+    // resizes can have left one address before the first of them is recorded.
+    using MovedFrom = std::pair<std::uint64_t, std::uint64_t>;
+    struct Moved {
         Place place;
-        std::uint64_t at; // in events
         std::uint32_t by_thread;
     };
     static constexpr std::size_t most_moved = 65536;
@@ -124,7 +127,7 @@ private:
     template <class W> void resize(const Event& event, W& watcher);
     bool was_moved_before(const Event& resize);
     void note_moved(const Event& event);
-    void give_up_moved(const Moved& moved);
+    void give_up_moved(Oddity& lost) const;
     Place place_of(const Event& event, std::uint64_t address) const;
     Block block_of(const Event& event) {
         std::uint64_t size = event.record.size;
@@ -140,7 +143,7 @@ private:
     Peak peak_;
     DenseIds threads_, phases_;
     std::vector<std::uint64_t> last_event_; // by thread; counted from 1
-    std::unordered_map<std::uint64_t, Moved> moved_;
+    std::map<MovedFrom, Moved> moved_;
     const Batch* batch_ = nullptr; // that is being replayed
     std::uint64_t events_ = 0, refused_ = 0;
     Oddity unknown_, lost_, impossible_;
