@@ -406,8 +406,10 @@ Ranges neighbours(std::size_t low, std::size_t high) {
     return {};
 }
 
+// Above a segment that is not the heap's own, or that the top has left, it becomes one of its own.
 TEST_F(Heap, ARangeAboveTheTopJoinsIt) {
-    for (const bool own : {true, false}) {
+    enum class Low { own, external, left };
+    for (const Low low : {Low::own, Low::external, Low::left}) {
         test::reset_heap();
         const Ranges ranges = neighbours(unit, 2 * unit);
         if (ranges.low == nullptr) {
@@ -416,35 +418,25 @@ TEST_F(Heap, ARangeAboveTheTopJoinsIt) {
         test::SystemWatch watch;
         watch.supply = ranges.low;
         dlmalloc(1000);
-        heap::state.seg.sflags |= own ? 0 : heap::EXTERN_BIT;
+        heap::state.seg.sflags |= low == Low::external ? heap::EXTERN_BIT : 0;
+        if (low == Low::left) {
+            watch.supply = os::vm_allocate(2 * unit, os::Placement::direct);
+            dlmalloc(unit);
+        }
         const std::size_t topsize = heap::state.topsize;
         watch.supply = ranges.high;
-        void* const mem = dlmalloc(unit);
+        void* const mem = dlmalloc(low == Low::left ? unit + 1000 : unit);
         const heap::Census census = heap::take_census();
-        if (own) {
+        if (low == Low::own) {
             EXPECT_EQ(mem, ranges.low + 64 + 1024) << "in both";
             EXPECT_EQ(heap::state.topsize, topsize + 2 * unit - unit - 64);
             EXPECT_EQ(census.segments, 1U);
             EXPECT_EQ(census.free_chunks, 0U);
         } else {
             EXPECT_EQ(mem, ranges.high + 64);
-            EXPECT_EQ(census.segments, 2U);
+            EXPECT_EQ(census.segments, low == Low::left ? 3U : 2U);
         }
     }
-    // Above a segment that the top has left it becomes one of its own.
-    test::reset_heap();
-    const Ranges ranges = neighbours(unit, 2 * unit);
-    if (ranges.low == nullptr) {
-        GTEST_SKIP() << "the system places them apart";
-    }
-    test::SystemWatch watch;
-    watch.supply = ranges.low;
-    dlmalloc(1000);
-    watch.supply = os::vm_allocate(2 * unit, os::Placement::direct);
-    dlmalloc(unit);
-    watch.supply = ranges.high;
-    EXPECT_EQ(dlmalloc(unit + 1000), ranges.high + 64);
-    EXPECT_EQ(heap::take_census().segments, 3U);
 }
 
 // What is left of the old top, in front of its segment's record, becomes a free chunk.
