@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <cstring>
 #include <map>
+#include <new>
 #include <string>
 
 #include "cache/cache_walk.h"
@@ -17,8 +18,12 @@ using ID = mem_CachePoolIDTyp<void*>;
 class CountingAllocator : public mem_Allocator {
 public:
     void* Malloc(const char* tag, std::size_t size) override {
-        // The tables of blocks cannot be refused: that is not survived, as their owner says.
-        if (std::strcmp(tag, "mem_Block") != 0) {
+        // The tables of blocks cannot be refused by a null: that is not survived, as their owner says.
+        if (std::strcmp(tag, "mem_Block") == 0) {
+            if (--throw_at_table == 0) {
+                throw std::bad_alloc();
+            }
+        } else {
             ++requests;
             if (refuse_every != 0 && requests % refuse_every == 0) {
                 ++refused;
@@ -46,6 +51,7 @@ public:
     }
 
     int requests = 0, refused = 0, refuse_every = 0;
+    int throw_at_table = 0;             ///< the n-th request for one from here on
     int unknown = 0;                    ///< releases of what was not given
     std::map<void*, std::size_t> sizes; ///< what is out
     std::map<std::string, int> made;

@@ -58,6 +58,34 @@ TEST(CacheHistories, SurviveARefusalOfEveryNthRequest) {
     EXPECT_GT(nulls, 1000);
 }
 
+// An allocator that throws has room for a cluster, or for a store of descriptors, but not for the table that it is to
+// be entered in: the 64th cluster's, the 1024th block's.
+TEST(CacheHistories, LoseNothingWhereATableIsRefused) {
+    for (unsigned last = 1021; last < 1025; ++last) { // one of them has a store next
+        test::OwnPool own;
+        int refused = 0;
+        const auto allocate = [&](std::size_t size) {
+            own.allocator.throw_at_table = 1;
+            try {
+                return own->Alloc(size);
+            } catch (const std::bad_alloc&) {
+                ++refused;
+                own.allocator.throw_at_table = 0;
+                return own->Alloc(size);
+            }
+        };
+        while (allocate(20000).passThru.block < last) {
+        }
+        for (int i = 0; i < 15 * 70; ++i) {
+            EXPECT_TRUE(allocate(16384).HasValue());
+        }
+        EXPECT_EQ(refused, 2);
+        EXPECT_STREQ(own.census().fault, nullptr);
+        own.end();
+        EXPECT_TRUE(own.allocator.sizes.empty()) << own.allocator.sizes.size() << ", " << last;
+    }
+}
+
 // On the heap itself, with hundreds of clusters.
 TEST(CacheHistories, HoldWithHundredsOfClusters) {
     mem_DLAllocator allocator;

@@ -94,6 +94,17 @@ int file_list(int words) {
 }
 static_assert(blocks::variable_words(mem_Cluster::MAX_CLUSTER_ALLOC_BYTES) == 4100);
 
+// Enters what has memory of its own. Where the table cannot grow, by an allocator that throws, nobody would find
+// that memory again.
+void enter(mem_BlockContainer& table, int index, mem_Block* block, mem_Allocator* allocator) {
+    try {
+        table.SetBlockPtr(index, block);
+    } catch (...) {
+        block->Delete(allocator);
+        throw;
+    }
+}
+
 } // namespace
 
 struct mem_CachePool::Found {
@@ -504,7 +515,7 @@ mem_Cluster* mem_CachePool::NewCluster() {
     }
     mem_Cluster* const cluster = mem_Cluster::CreateCluster(m_clusterCount, slot, m_allocator);
     if (cluster != nullptr) {
-        m_clusters.SetBlockPtr(m_clusterCount, cluster);
+        enter(m_clusters, m_clusterCount, cluster, m_allocator);
         ++m_clusterCount;
     }
     return cluster;
@@ -552,7 +563,7 @@ mem_FixedBlock* mem_CachePool::CreateFixedBlock(bool cluster) {
     if (block == nullptr) {
         return nullptr;
     }
-    m_blocks.SetBlockPtr(index, block);
+    enter(m_blocks, index, block, m_allocator);
     ++m_blockCount;
     mem_FixedBlock* const store = cluster ? m_clusterStore : m_blockStore;
     if (store == nullptr) {
