@@ -85,4 +85,33 @@ TEST_F(Pool, ServesSeveralThreadsUnderItsLock) {
     EXPECT_EQ(std::accumulate(used.begin(), used.end(), std::size_t{0}), 0U);
 }
 
+// A pool that was refused its memory when the lock went on is made by whoever asks next, which may be all at once.
+TEST_F(Pool, IsMadeOnceByThreadsThatWereRefusedBefore) {
+    for (int round = 0; round < 300; ++round) {
+        mem_TBAllocator(1);
+        mem_TBThreadLock(true);
+        tiny::TestAccess::end();
+        std::atomic<int> ready = 0, nulls = 0;
+        const auto work = [&] {
+            for (++ready; ready < 4;) {
+            }
+            for (int i = 0; i < 20; ++i) {
+                void* const block = mem_Malloc(8);
+                nulls += block == nullptr ? 1 : 0;
+                mem_Free(block);
+            }
+        };
+        std::array<std::thread, 4> threads{std::thread(work), std::thread(work), std::thread(work),
+                                           std::thread(work)};
+        for (std::thread& thread : threads) {
+            thread.join();
+        }
+        ASSERT_EQ(tiny::TestAccess::lock().count, 0) << round;
+        ASSERT_EQ(nulls, 0);
+        ASSERT_EQ(test::pool_fault(), "");
+        ASSERT_EQ(tiny::take_census().slots_used[1], 0U);
+        test::reset_pool();
+    }
+}
+
 } // namespace

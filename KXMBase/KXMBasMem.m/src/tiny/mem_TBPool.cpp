@@ -18,6 +18,7 @@
 
 mem_TBPool* mem_TBPool::theInstance = nullptr;
 mem_mlock mem_TBPool::theLock{};
+mem_mlock mem_TBPool::m_making{};
 bool mem_TBPool::m_useThreadLock = false;
 bool mem_TBPool::m_lockedForFork = false;
 std::int64_t mem_TBPool::m_allocatedCurrent = 0;
@@ -144,15 +145,22 @@ void mem_TBPool::operator delete(void* ptr) {
     }
 }
 
-KXM_NEVER_INLINE void mem_TBPool::Initialize() {
-    if (theInstance == nullptr) {
+// In turns: a pool that was refused its memory when the lock went on is made by threads, maybe several at once. Until
+// there is one, nobody is in the lock that is cleared here.
+KXM_NEVER_INLINE mem_TBPool* mem_TBPool::Initialize() {
+    mem_mlock_acquire(m_making);
+    mem_TBPool* pool = theInstance;
+    if (pool == nullptr) {
         void* const memory = operator new(sizeof(mem_TBPool));
-        theInstance = memory != nullptr ? ::new (memory) mem_TBPool : nullptr;
+        pool = memory != nullptr ? ::new (memory) mem_TBPool : nullptr;
+        theLock.count = 0;
+        theLock.event = nullptr;
+        m_allocatedCurrent = 0;
+        m_allocatedPeak = 0;
+        std::atomic_ref(theInstance).store(pool, std::memory_order_release);
     }
-    theLock.count = 0;
-    theLock.event = nullptr;
-    m_allocatedCurrent = 0;
-    m_allocatedPeak = 0;
+    mem_mlock_release(m_making);
+    return pool;
 }
 
 // cppcheck-suppress uninitMemberVarPrivate ; its elements are, in the body
@@ -195,7 +203,11 @@ void mem_TBPool::ThreadLock(bool on) {
     }
 }
 
+// Whoever makes the pool out of the C runtime's memory may want the tracker's lock, which a fork holds already.
 void mem_TBPool::LockForFork() {
+    if (mem_Mallinfo::useDL) {
+        mem_mlock_acquire(m_making);
+    }
     m_lockedForFork = m_useThreadLock;
     if (m_lockedForFork) {
         acquire(theLock);
@@ -203,13 +215,18 @@ void mem_TBPool::LockForFork() {
 }
 
 void mem_TBPool::UnlockAfterFork(bool in_child) {
-    if (!m_lockedForFork) {
+    if (in_child) {
+        if (m_lockedForFork) {
+            mem_mlock_renew(theLock);
+        }
+        mem_mlock_renew(m_making);
         return;
     }
-    if (in_child) {
-        mem_mlock_renew(theLock);
-    } else {
+    if (m_lockedForFork) {
         release(theLock);
+    }
+    if (mem_Mallinfo::useDL) {
+        mem_mlock_release(m_making);
     }
 }
 

@@ -26,6 +26,7 @@
 // thread, or a lock of its own, goes without.
 #pragma once
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 
@@ -63,21 +64,16 @@ struct TestAccess; // of tests that begin with a fresh pool
 
 class mem_TBPool {
 public:
-    /// The one pool, made at the first call, which must not race with another. pre: it is there or can be
-    /// had; whoever gives a slot back has seen it.
+    /// The one pool, made at the first call; where it cannot be had, the next call tries again. pre: it is
+    /// there or can be had; whoever gives a slot back has seen it.
     static mem_TBPool& Instance() {
-        if (theInstance == nullptr) [[unlikely]] {
-            Initialize();
-        }
         // NOLINTNEXTLINE(clang-analyzer-core.uninitialized.UndefReturn): that it can be had is the caller's word
-        return *theInstance;
+        return *InstanceOrNull();
     }
     /// The same for callers who can say no: null when the pool itself cannot be had.
     static mem_TBPool* InstanceOrNull() {
-        if (theInstance == nullptr) [[unlikely]] {
-            Initialize();
-        }
-        return theInstance;
+        mem_TBPool* const present = std::atomic_ref(theInstance).load(std::memory_order_acquire);
+        return present != nullptr ? present : Initialize();
     }
     mem_TBPool(const mem_TBPool&) = delete;
     mem_TBPool& operator=(const mem_TBPool&) = delete;
@@ -119,7 +115,7 @@ private:
     static void* operator new(std::size_t size) noexcept;
     static void operator delete(void* ptr);
 
-    static void Initialize();
+    static mem_TBPool* Initialize();
 
     mem_FixedBlock* CreateBlock(mem_RegionTypeEnm type, int& index);
     void FreeFromBlock(mem_FixedBlock* block, int offset);
@@ -146,6 +142,7 @@ private:
 
     static mem_TBPool* theInstance;
     static mem_mlock theLock;
+    static mem_mlock m_making; ///< whose turn it is to make the pool
     static bool m_useThreadLock;
     static bool m_lockedForFork;
     static std::int64_t m_allocatedCurrent;
