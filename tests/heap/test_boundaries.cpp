@@ -76,6 +76,9 @@ TEST_F(Heap, EverySizeAroundEveryEdge) {
                     ASSERT_NE(moved, nullptr);
                     ASSERT_TRUE(first_bytes_kept(moved, std::min(previous_size, wanted)));
                     ASSERT_GE(dlmalloc_usable_size(moved), wanted);
+                    ASSERT_TRUE(test::is_direct(moved) ||
+                                dlmalloc_usable_size(moved) == chunk_of(wanted) - 8)
+                        << "what it does not need goes back, if it is but one chunk";
                     previous = moved;
                     write_ends(previous, std::max<std::size_t>(wanted, 1));
                 }

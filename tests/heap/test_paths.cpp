@@ -576,7 +576,22 @@ TEST_F(Heap, ARangeBelowASegmentJoinsItsFirstChunk) {
     }
 }
 
-// The same below a segment that begins with the stale head of a block that was moved up.
+TEST_F(Heap, AMappingOfItsOwnMayLieBelowAllSegments) {
+    const Ranges ranges = neighbours(5 * unit, unit);
+    if (ranges.low == nullptr) {
+        GTEST_SKIP() << "the system places them apart";
+    }
+    test::SystemWatch watch;
+    watch.supply = ranges.high;
+    dlfree(dlmalloc(1));
+    watch.supply = ranges.low;
+    void* const mem = dlrealloc(dlmalloc(256 * kib), 257 * kib);
+    EXPECT_TRUE(is_direct(mem) && mem == ranges.low + 64);
+    dlfree(mem);
+    EXPECT_EQ(dlmalloc_footprint(), unit);
+}
+
+// A range below a segment that begins with the stale head of a block that was moved up.
 TEST_F(Heap, ARangeBelowAStaleHeadLeavesTheHeapSound) {
     dlfree(dlmalloc(1));
     const Ranges ranges = neighbours(4 * unit, 4 * mib + unit);
