@@ -57,30 +57,6 @@ TEST(HeapLock, MakesItsEventAtTheFirstCollisionAndKeepsAWakeUp) {
     os::event_close(lock.event);
 }
 
-// Of two that make the event at once one gives its own back: the system hands the same one out again after it.
-TEST(HeapLock, KeepsOneEventOfTwo) {
-    const auto next_event = [] {
-        const os::Event made = os::event_create();
-        os::event_close(made);
-        return made;
-    };
-    const os::Event before = next_event();
-    for (int round = 0; round < 300; ++round) {
-        mem_mlock lock{};
-        std::atomic<int> ready = 0;
-        const auto make = [&] {
-            for (++ready; ready < 2;) {
-            }
-            mem_mlock_event(lock);
-        };
-        std::thread other(make);
-        make();
-        other.join();
-        os::event_close(lock.event);
-    }
-    EXPECT_EQ(next_event(), before);
-}
-
 TEST_F(Heap, ReleaseLockLetsAWaiterIn) {
     dlfree(dlmalloc(1));
     mem_mlock_acquire(heap::state.mutex); // as by a thread that was ended inside the heap
