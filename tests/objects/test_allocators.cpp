@@ -52,6 +52,7 @@ TEST_F(Board, GetsWhatAnAllocatorObjectWasRefusedTwice) {
     void* const zeros = allocator.Calloc(tag, 10, 10);
     EXPECT_EQ(std::memcmp(zeros, std::string(100, '\0').data(), 100), 0);
     EXPECT_EQ(back_end.requests(), 2);
+    EXPECT_EQ(back_end.last_size(), 10U);
     back_end.refuse(1);
     allocator.Free(tag, allocator.Realloc(tag, zeros, 200));
     allocator.Free(tag, block);
@@ -59,6 +60,26 @@ TEST_F(Board, GetsWhatAnAllocatorObjectWasRefusedTwice) {
     mem_MalignFree(allocator.Malign(tag, 100, 4096));
     EXPECT_EQ(allocator.Purge(1000), 0U);
 }
+
+#if !defined(KXM_NO_RUNTIME_HEAP)
+// A program that goes on after refusals does not lose memory by the notes of them.
+TEST_F(Board, KeepsNoCallStackOfARefusal) {
+    const auto refuse = [](int times) {
+        for (mem_Allocator allocator; times > 0; --times) {
+            EXPECT_THROW(allocator.Malloc(tag, too_much), std::bad_alloc);
+            testing::internal::CaptureStdout();
+            testing::internal::CaptureStderr();
+            EXPECT_THROW(mem_OperatorNewThrow(too_much), std::bad_alloc);
+            testing::internal::GetCapturedStdout();
+            testing::internal::GetCapturedStderr();
+        }
+    };
+    refuse(5); // what is read once for all stacks
+    const std::uint64_t used = mem_Mallinfo().usedBytes;
+    refuse(40);
+    EXPECT_LT(mem_Mallinfo().usedBytes, used + 4000);
+}
+#endif
 
 TEST_F(Board, IsNoObstacleWhenThreadsFailAtOnce) {
     const auto fail = [] {

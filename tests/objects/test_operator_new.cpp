@@ -96,6 +96,8 @@ TEST_F(OperatorNew, ReportsOnBothStreamsAndThrowsWithoutAHandler) {
         EXPECT_EQ(streams.err.rfind(front, 0), 0U) << streams.err;
         EXPECT_EQ(streams.err.substr(streams.err.find_first_not_of("0123456789", front.size())),
                   " MB\n");
+        EXPECT_NEAR(std::strtod(streams.err.c_str() + front.size(), nullptr),
+                    static_cast<double>(mem_FootprintFromResources() / 1024), 2);
         // The capture itself may have written something before that.
         EXPECT_EQ(count(streams.out, "Current callstack:\n  1) "), 1) << streams.out;
         EXPECT_GE(count(streams.out, entry.name), 1) << streams.out;

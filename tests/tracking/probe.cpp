@@ -69,7 +69,15 @@ void plain(const std::vector<std::string>&) {
     void* const aligned = mem_Malign(64, 4096);
     say("aligned", number(aligned));
     mem_Free(nullptr);
+    static int next_at_release = 0;
+    static const auto bound = mem_free;
+    mem_free = [](void* released) {
+        next_at_release = Interface::CurrTransactionId();
+        bound(released);
+    };
     mem_Free(moved);
+    mem_free = bound;
+    say("next at the release", static_cast<std::uint64_t>(next_at_release));
     Interface::SetRank(3);
     Interface::ExitPhase(1);
     Interface::PrintTransaction("look");

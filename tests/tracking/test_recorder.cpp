@@ -109,6 +109,7 @@ TEST_F(Recorder, TellsEveryEventInItsOrder) {
     };
     EXPECT_EQ(found, expected);
     EXPECT_EQ(at["next"], expected.size());
+    EXPECT_EQ(at["next at the release"], 10U) << "told while nobody else can have the address";
     EXPECT_TRUE(problems_.empty()) << problems_[0].sentence();
     EXPECT_NE(run.out.find("active 0 flag 3\ncached 3 1 1 1\n"), std::string::npos) << run.out;
     // At the end: a checked build tells of the refusals before.
@@ -285,6 +286,7 @@ TEST_F(Recorder, SaysWhenAFolderIsMissingOrVanishes) {
               0U)
         << run.err;
     EXPECT_NE(run.out.find("AssertionFailed:0"), std::string::npos);
+    EXPECT_EQ(run.out.find("the thread's own error is lost"), std::string::npos) << run.out;
     run = track({"names", "no/such/base", "end"}, {{"KXA_MEM_OUTPUTDIR", std::nullopt}});
     EXPECT_EQ(run.err, "\nUnable to open memory tracking file.\n  FileName: no/such/base.memT0");
 
