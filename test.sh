@@ -93,6 +93,25 @@ stress() {
     rm -r "$scratch"
 }
 
+# refused_under_wine: the stress program with every n-th call of one kind failing.
+refused_under_wine() {
+    scratch=$(mktemp -d)
+    for each in 2 3 5 9; do
+        for variables in "KXQ_DLALLOCATOR=1 KXM_INJECT=VirtualAlloc:$each" \
+            "KXQ_DLALLOCATOR=1 KXM_STRESS_TINY=1 KXM_INJECT=VirtualAlloc:$each" \
+            "KXQ_DLALLOCATOR=1 KXM_INJECT=CreateEventW:$each" "KXM_INJECT=malloc:$each" \
+            "KXQ_USE_ALIGNED_MEMORY=1 KXM_INJECT=malloc:$each" \
+            "KXQ_DLALLOCATOR=1 KXA_MEM_TRACK=1 KXA_MEM_OUTPUTDIR=$scratch KXM_INJECT=_write:$each"; do
+            echo "$variables"
+            # shellcheck disable=SC2086  # words are meant to split
+            env WINEPATH="$PWD/build/windows/bin" KXM_STRESS_REFUSED=often $variables \
+                cmake/run-wine.sh build/windows/tests/bin/stress.exe 1 6 "$each"
+            rm -f "$scratch"/*
+        done
+    done
+    rm -r "$scratch"
+}
+
 part() {
     now=$(date +%s)
     [ -z "${part_began:-}" ] || echo "== took $((now - part_began)) s"
@@ -127,6 +146,8 @@ soak() {
     trap stop_wine_server EXIT
     trap 'exit 130' INT TERM
     WINEPATH="$PWD/build/windows/bin" stress $((minutes * 10)) cmake/run-wine.sh build/windows/tests/bin/stress.exe
+    part "calls fail under Wine"
+    refused_under_wine
     part "fuzzers"
     for target in heap tiny cache recorder memtrack; do
         findings=build/linux-fuzz/findings-$target

@@ -2,6 +2,7 @@
 // often as a test wants.
 #include "refusing_back_end.h"
 
+#include <cstdlib>
 #include <cstring>
 #include <gtest/gtest.h>
 #include <new>

@@ -450,7 +450,7 @@ void free(void* block) noexcept {
 }
 
 void kxm_injected_account(InjectedAccount* account) {
-    *account = {mapped, kept, kept_count, blocks.count()};
+    *account = {mapped, kept, kept_count, blocks.count(), true}; // who starts it counts them
 }
 
 } // extern "C"

@@ -1,4 +1,4 @@
-// What inject.cpp, preloaded into a program, knows of the memory that the library holds.
+// What inject.cpp, preloaded into a program, or inject_windows.cpp knows of the memory that the library holds.
 #pragma once
 
 #include <cstddef>
@@ -12,19 +12,20 @@ struct InjectedAccount {
     const Kept* kept;   ///< what of them a refused munmap left
     std::size_t kept_count;
     long blocks; ///< had of the C runtime's heap, and not given back
+    bool met;    ///< there were calls of the kind that is to fail
 };
 
+/// False where nothing is injected.
 #ifdef __ELF__
 extern "C" __attribute__((weak)) void kxm_injected_account(InjectedAccount* account);
-#endif
 
-/// False where it is not preloaded.
-inline bool injected_account([[maybe_unused]] InjectedAccount& account) {
-#ifdef __ELF__
+inline bool injected_account(InjectedAccount& account) {
     if (kxm_injected_account != nullptr) {
         kxm_injected_account(&account);
         return true;
     }
-#endif
     return false;
 }
+#else
+bool injected_account(InjectedAccount& account);
+#endif

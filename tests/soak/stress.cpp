@@ -27,6 +27,7 @@
 #include <memory>
 #include <new>
 #include <random>
+#include <string>
 #include <system_error>
 #include <thread>
 #include <vector>
@@ -502,6 +503,37 @@ void expect_nothing_left(const Rules& rules, const Totals& totals, bool recorded
     }
 }
 
+// Each event is in the files once, in the order of the identifiers, and nothing else.
+void expect_whole_record(std::int32_t events) {
+    constexpr std::size_t record_words = 10, id_word = 5, whole_file = 131072;
+    const char* const folder = std::getenv("KXA_MEM_OUTPUTDIR");
+    std::vector<std::int32_t> words;
+    std::int32_t next = 0;
+    for (int number = 0; next < events; ++number) {
+        const std::string name = (folder != nullptr ? std::string(folder) + "/" : std::string()) +
+                                 "stress.memT" + std::to_string(number);
+        std::FILE* const file = std::fopen(name.c_str(), "rb");
+        std::int32_t count = 0;
+        bool sound = file != nullptr && std::fread(&count, sizeof count, 1, file) == 1 &&
+                     count > 0 && static_cast<std::size_t>(count) <= whole_file;
+        words.resize(sound ? static_cast<std::size_t>(count) * record_words : 0);
+        sound = sound &&
+                std::fread(words.data(), sizeof words[0], words.size(), file) == words.size() &&
+                std::fgetc(file) == EOF;
+        for (std::size_t at = id_word; sound && at < words.size(); at += record_words) {
+            sound = words[at] == next++;
+        }
+        if (file != nullptr) {
+            std::fclose(file);
+        }
+        if (!sound || (next < events && words.size() != whole_file * record_words)) {
+            expect(false, "a record with a gap");
+            return;
+        }
+    }
+    expect(next == events, "more in the record than there was");
+}
+
 } // namespace
 
 int main(int argc, char** argv) {
@@ -619,8 +651,12 @@ int main(int argc, char** argv) {
     if (recorded) {
         kxm::register_utf8_names();
         mem_ThreadId::Finalize();
+        const int events = mem_Tracker_Interface::CurrTransactionId();
         mem_Tracker::Finalize();
+        expect_whole_record(events);
     }
+    InjectedAccount account{};
+    expect(!injected_account(account) || account.met, "no call that was to fail");
     if (const char* const what = fault.load()) {
         std::printf("stress: %s (seed %llu)\n", what, static_cast<unsigned long long>(seed));
         return 1;
