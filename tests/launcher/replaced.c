@@ -1,9 +1,17 @@
-/* Goes on as itself by each call that replaces a program, and ends by a call that runs no handlers. Usage:
- * replaced HOW... x, where each letter of HOW is a call, the last one the end. */
+/* Goes on as itself by each call that replaces a program, after one that fails, and ends by a call that runs no
+ * handlers. Usage: replaced HOW... x, where each letter of HOW is a call, the last one the end. */
 #include <fcntl.h>
+#include <pthread.h>
 #include <stdlib.h>
 #include <string.h>
 #include <unistd.h>
+
+/* Nothing is left locked for others by what fails. */
+static void* other(void* block) {
+    memset(malloc(2000), 1, 2000);
+    free(block);
+    return NULL;
+}
 
 int main(int argc, char** argv) {
     if (argc != 3 || strcmp(argv[2], "x") != 0) {
@@ -13,6 +21,10 @@ int main(int argc, char** argv) {
     char* const rest = argv[1] + 1;
     char* const arguments[] = {self, rest, argv[2], NULL};
     memset(malloc(1000), 1, 1000);
+    execl("/no/such/program", "program", (char*)NULL);
+    pthread_t thread;
+    pthread_create(&thread, NULL, other, malloc(500));
+    pthread_join(thread, NULL);
     switch (argv[1][0]) {
     case 'v':
         execv(self, arguments);
