@@ -99,7 +99,7 @@ refused_under_wine() {
     for each in 2 3 5 9; do
         for variables in "KXQ_DLALLOCATOR=1 KXM_INJECT=VirtualAlloc:$each" \
             "KXQ_DLALLOCATOR=1 KXM_STRESS_TINY=1 KXM_INJECT=VirtualAlloc:$each" \
-            "KXQ_DLALLOCATOR=1 KXM_INJECT=CreateEventW:${each}000" "KXM_INJECT=malloc:$each" \
+            "KXQ_DLALLOCATOR=1 KXM_INJECT=CreateEventW:${each}0000" "KXM_INJECT=malloc:$each" \
             "KXQ_USE_ALIGNED_MEMORY=1 KXM_INJECT=malloc:$each" \
             "KXQ_DLALLOCATOR=1 KXA_MEM_TRACK=1 KXA_MEM_OUTPUTDIR=$scratch KXM_INJECT=_write:$each"; do
             echo "$variables"

@@ -6,7 +6,8 @@
 //                                the system gives when it is short of something, or cannot get at the disk), interrupt,
 //                                or, of read and write, short: half of it; a + behind N: and every later one
 //   KXM_INJECT_COUNT=FILE        is made with the number of calls of that kind, when the program exits by itself
-//   KXM_INJECT_MAPS=N            takes all the mappings that the system grants a process but about N
+//   KXM_INJECT_MAPS=N            takes all the mappings that the system grants a process but about N, and the room for
+//                                those that are there to grow
 //   KXM_INJECT_STORM=TIMER       signals that interrupt what they find, thousands a second: TIMER is timer, for the
 //                                process, or threads, for each of its threads in turn
 #include <cerrno>
@@ -245,6 +246,8 @@ __attribute__((constructor)) void take_mappings() {
         for (long page = 0; page < pages; page += 2) {
             mprotect(at + page * 4096, 4096, PROT_NONE);
         }
+        // The C runtime's heap does not grow on in one that it has.
+        mmap(sbrk(0), 4096, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_FIXED_NOREPLACE, -1, 0);
     }
     std::fclose(file);
 }

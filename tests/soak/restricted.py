@@ -44,6 +44,9 @@ class Restricted:
         self.ends[ended.returncode] = self.ends.get(ended.returncode, 0) + 1
         return ended
 
+    def refused(self):
+        return 4 in self.ends or -signal.SIGSEGV in self.ends
+
     def told(self, what):
         told(what, self.ends)
         self.ends = {}
@@ -53,9 +56,10 @@ def address_space(ground, short):
     """Less than it takes to load the program is for the loader or the runtimes to tell. The guarded back end
     faults where it is refused, by design. Where the job runs on the C runtime it runs on the heap, but for a little."""
     enough = {}
+    loading = (address_space_to_load(ground, [ground.bin / "elasticity"], {}) or 0) // 1024
     for back_end in BACK_ENDS:
         runs = Restricted(ground)
-        for kib in range(8 * 1024, 40 * 1024, 12 * 768 if short else 768):
+        for kib in [loading + 512, loading + 2048] if short else range(8 * 1024, 40 * 1024, 768):
             before = limited(resource.RLIMIT_AS, kib * 1024)
 
             def also_right(ended, before=before, guarded=back_end == ["guarded"]):
@@ -64,17 +68,25 @@ def address_space(ground, short):
             ended = runs.job(back_end, before=before, also_right=also_right)
             if ended.returncode == 0:
                 enough.setdefault(back_end[0], (kib, ended))
+        if not runs.refused():
+            ground.blame(ended, "with little address space nothing was refused")
         runs.told(f"address space of 8 to 40 MiB, job on {' '.join(back_end)}")
     if not short and enough["heap"][0] > enough["crt"][0] + 4096:
         ground.blame(enough["heap"][1], "the heap needs much more address space than the C runtime")
 
 
 def mappings(ground, short):
+    """The guarded back end faults where it is refused, by design."""
     variables = {"LD_PRELOAD": str(ground.tests / "libkxm_inject.so")}
     for back_end in BACK_ENDS:
         runs = Restricted(ground)
-        for left in [5] if short else [0, 1, 2, 3, 5, 8, 12, 20, 40, 100]:
-            runs.job(back_end, variables=variables | {"KXM_INJECT_MAPS": str(left)})
+
+        def also_right(ended, guarded=back_end == ["guarded"]):
+            return guarded and ended.returncode == -signal.SIGSEGV
+        for left in [0] if short else [0, 1, 2, 3, 5, 8, 12, 20, 40, 100]:
+            ended = runs.job(back_end, variables=variables | {"KXM_INJECT_MAPS": str(left)}, also_right=also_right)
+        if not runs.refused():
+            ground.blame(ended, "with no mapping left nothing was refused")
         runs.told(f"0 to 100 mappings left, job on {' '.join(back_end)}")
 
 
@@ -117,6 +129,7 @@ def threads(ground, short):
         trials += [({"KXM_INJECT_MAPS": str(left)}, resource.RLIM_INFINITY)
                    for left in ([5] if short else [0, 1, 2, 3, 4, 5, 6, 8, 10, 14, 18, 25, 40, 100])]
         runs = Restricted(ground)
+        refusals = 0
 
         def also_right(ended, guarded=name == "guarded"):
             return guarded and ended.returncode == -signal.SIGSEGV
@@ -125,10 +138,13 @@ def threads(ground, short):
                 ground.empty_folder()
                 ended = runs.run(*stress(ground, 0.2, seed, refused | variables | more, 256, most),
                                  also_right=also_right)
+                refusals += ended.returncode != 0 or " 0 refusals" not in ended.stdout
                 wrong = (judge_record(ground, ended, "none:", ground.folder / "stress")
                          if name == "recorded" and ended.returncode == 0 else None)
                 if wrong:
                     ground.blame(ended, f"restricted: {wrong}")
+        if refusals == 0:
+            ground.blame(ended, "nothing was refused")
         runs.told(f"little address space or few mappings left, stress on {name}")
 
 
