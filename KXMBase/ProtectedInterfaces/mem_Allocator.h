@@ -24,6 +24,8 @@ public:
     /// `count` zeroed elements. A failure reports the size of one element: deliberately.
     virtual void* Calloc(const char* tag, std::size_t count, std::size_t size);
     virtual void* Malloc(const char* tag, std::size_t size);
+    /// Size 0 releases the block and gives an empty one; on the aligned back end, which keeps the block
+    /// then, it is refused.
     virtual void* Realloc(const char* tag, void* ptr, std::size_t size);
     /// Given back by mem_MalignFree, not by Free.
     virtual void* Malign(const char* tag, std::size_t size, std::size_t alignment);

@@ -56,6 +56,10 @@ TEST_F(Board, GetsWhatAnAllocatorObjectWasRefusedTwice) {
     back_end.refuse(1);
     allocator.Free(tag, allocator.Realloc(tag, zeros, 200));
     allocator.Free(tag, block);
+    // To nothing: released once, and null is no answer.
+    void* const empty = allocator.Realloc(tag, allocator.Malloc(tag, 50), 0);
+    EXPECT_NE(empty, nullptr);
+    allocator.Free(tag, empty);
     allocator.Free(tag, nullptr);
     mem_MalignFree(allocator.Malign(tag, 100, 4096));
     EXPECT_EQ(allocator.Purge(1000), 0U);
@@ -118,6 +122,7 @@ TEST(AllocatorObjects, OfTheHeapPassTheTableBy) {
     block = object.Realloc(tag, block, 5000);
     ASSERT_NE(block, nullptr);
     object.Free(tag, block);
+    EXPECT_EQ(object.Realloc(tag, object.Malloc(tag, 100), 0), nullptr) << "released once";
     void* const page = heap.Memalign(tag, 4096, 4096);
     EXPECT_EQ(reinterpret_cast<std::uintptr_t>(page) % 4096, 0U);
     EXPECT_EQ(object.Malloc(tag, too_much), nullptr);

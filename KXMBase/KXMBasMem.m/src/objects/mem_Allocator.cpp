@@ -44,7 +44,11 @@ void* mem_Allocator::Malloc(const char*, std::size_t size) {
 }
 
 void* mem_Allocator::Realloc(const char*, void* ptr, std::size_t size) {
-    return allocate(*this, Asked::reallocation, size, [=] { return mem_Realloc(ptr, size); });
+    return allocate(*this, Asked::reallocation, size, [ptr, size]() mutable {
+        void* const result = mem_Realloc(ptr, size);
+        ptr = size != 0 ? ptr : nullptr; // which released it: not to be released again
+        return result;
+    });
 }
 
 void* mem_Allocator::Malign(const char*, std::size_t size, std::size_t alignment) {

@@ -25,6 +25,11 @@ void* mem_DLAllocator::Malloc(const char*, std::size_t size) {
 }
 
 void* mem_DLAllocator::Realloc(const char*, void* ptr, std::size_t size) {
+    if (size == 0 && ptr != nullptr) {
+        return dlrealloc(
+            ptr,
+            0); // a release, whose null is no refusal: again it would be of a block that is gone
+    }
     return twice(*this, size, [=] { return dlrealloc(ptr, size); });
 }
 
