@@ -202,6 +202,11 @@ TEST(FailingCalls, LeaveMemoryAsItWasAndItsGranules) {
     EXPECT_TRUE(os::vm_release(first));
     EXPECT_TRUE(os::vm_release(second));
     EXPECT_FALSE(map.holds(first) || map.holds(second));
+    if (second == first + 3 * unit) {
+        void* const again = os::vm_allocate(unit, os::Placement::segment);
+        EXPECT_EQ(again, second) << "what grows behind it joins it again";
+        os::vm_release(again);
+    }
 }
 
 // A lock that threads meet in needs an event, whether or not there is memory.

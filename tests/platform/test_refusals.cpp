@@ -185,6 +185,10 @@ TEST(Refusals, OfAPlaceAreMadeUpForElsewhereOrLeaveNothing) {
         Playing playing;
         playing.munmaps_passed = 0;
         EXPECT_FALSE(os::vm_release(kept)) << "still there";
+        playing.refused = {"mmap"}; // a page of the map of what is held, which that many bytes want
+        const std::uint64_t used = address_space_used();
+        EXPECT_EQ(os::vm_allocate(std::size_t{3} << 30, os::Placement::direct), nullptr);
+        EXPECT_EQ(address_space_used(), used);
     }
     EXPECT_TRUE(os::vm_release(kept));
 }
