@@ -25,10 +25,9 @@ void* mem_DLAllocator::Malloc(const char*, std::size_t size) {
 }
 
 void* mem_DLAllocator::Realloc(const char*, void* ptr, std::size_t size) {
+    // A release, whose null is no refusal: again it would be of a block that is gone.
     if (size == 0 && ptr != nullptr) {
-        return dlrealloc(
-            ptr,
-            0); // a release, whose null is no refusal: again it would be of a block that is gone
+        return dlrealloc(ptr, 0);
     }
     return twice(*this, size, [=] { return dlrealloc(ptr, size); });
 }
