@@ -121,6 +121,8 @@ const bool begun = [] {
 } // namespace
 
 bool injected_account(InjectedAccount& account) {
-    account = {mapped, nullptr, 0, 0, calls >= each};
+    // On a busy machine threads may not meet in any lock, and then none wants its event.
+    const bool met = calls >= each || std::strcmp("CreateEventW", call) == 0;
+    account = {mapped, nullptr, 0, 0, met};
     return begun;
 }

@@ -44,9 +44,9 @@ void* mem_Allocator::Malloc(const char*, std::size_t size) {
 }
 
 void* mem_Allocator::Realloc(const char*, void* ptr, std::size_t size) {
-    return allocate(*this, Asked::reallocation, size, [ptr, size]() mutable {
-        void* const result = mem_Realloc(ptr, size);
-        ptr = size != 0 ? ptr : nullptr; // which released it: not to be released again
+    return allocate(*this, Asked::reallocation, size, [block = ptr, size]() mutable {
+        void* const result = mem_Realloc(block, size);
+        block = size != 0 ? block : nullptr; // which released it: not to be released again
         return result;
     });
 }
