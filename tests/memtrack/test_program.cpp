@@ -189,7 +189,7 @@ TEST_F(Program, ComparesRunsAndKeepsAGate) {
     EXPECT_EQ(status(base_, other, "peak+1KiB"), 0);
     EXPECT_EQ(status(base_, other, "speed+1%"), 2);
     EXPECT_EQ(status(base_, other, "peak+x%"), 2);
-    EXPECT_EQ(json({"diff", base_, other, "--fail-if", "peak+50%", "--fail-if", "leaks"},
+    EXPECT_EQ(json({"diff", "--fail-if", "peak+50%", "--fail-if", "leaks", base_, other},
                    3)["failed_gates"][0]
                   .text,
               "leaks");
@@ -200,7 +200,7 @@ TEST_F(Program, ComparesRunsAndKeepsAGate) {
     EXPECT_EQ(jobs["figures"]["left_bytes"]["b"].text, "2148");
     EXPECT_TRUE(jobs["b"][0].text.ends_with("other")) << jobs["b"][0].text;
     EXPECT_EQ(call({"diff", base_, base_, "--to", other, base_, "--fail-if", "peak"}).exit_code, 3);
-    EXPECT_EQ(call({"diff", base_, "--to", other, base_, "--fail-if", "leaks+1KiB"}).exit_code, 3);
+    EXPECT_EQ(call({"diff", "--fail-if", "leaks+1KiB", base_, "--to", other, base_}).exit_code, 3);
 }
 
 TEST_F(Program, MergesRanks) {

@@ -46,7 +46,7 @@ const Option& Option::between(unsigned low, unsigned high) const {
 }
 
 const Option& Option::repeated() const {
-    option_->take_all()->expected(1);
+    option_->take_all()->expected(1)->allow_extra_args(false); // or it would take BASEs behind it
     return *this;
 }
 
@@ -82,7 +82,12 @@ Option Command::option(const char* names, std::vector<std::int32_t>& to, const s
 
 Option Command::option(const char* names, std::size_t& to, const std::string& help) {
     // Or -1 would be the highest there is.
-    return Option(app_->add_option(names, to, help)->check(CLI::NonNegativeNumber));
+    const auto digits = [](const std::string& text) {
+        return !text.empty() && text.find_first_not_of("0123456789") == std::string::npos
+                   ? std::string()
+                   : "'" + text + "' is no whole number from 0 on";
+    };
+    return Option(app_->add_option(names, to, help)->check(digits));
 }
 
 Option Command::option(const char* names, unsigned& to, const std::string& help) {
