@@ -275,6 +275,9 @@ TEST_F(Recorder, SaysWhenTheDiskIsFull) {
         EXPECT_NE(run.out.find("fatal 1 AssertionFailed:numBytesWritten == sizeof(int)\n"),
                   std::string::npos)
             << run.out;
+        EXPECT_NE(run.err.find("FileName: " + folder_ + "full.memT0  Is there room"),
+                  std::string::npos)
+            << run.err;
     }
 }
 

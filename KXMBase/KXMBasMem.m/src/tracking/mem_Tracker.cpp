@@ -464,7 +464,17 @@ int mem_Tracker::WriteRecords(int file) const {
 }
 
 bool mem_Tracker::WriteBuffer(int file) {
-    switch (static_cast<tracking::Written>(WriteRecords(file))) {
+    const auto result = static_cast<tracking::Written>(WriteRecords(file));
+    if (result != tracking::Written::whole) {
+        char name[e_baseNameSize + 32];
+        NameFile(name, sizeof name);
+        std::fprintf(stderr,
+                     "\nUnable to write memory tracking file to its end.\n"
+                     "  FileName: %s  Is there room on its disk?\n",
+                     name);
+        std::fflush(stderr);
+    }
+    switch (result) {
     case tracking::Written::count_short:
         Tell("AssertionFailed:numBytesWritten == sizeof(int)", __LINE__);
         return false;
