@@ -327,7 +327,7 @@ TEST_F(Program, MergesRanks) {
 TEST_F(Program, WritesFilesAndRefusesToWriteOver) {
     const std::string file = folder_ + "out.json";
     test::write_bytes(file + ".part", "of somebody else");
-    test::ChildResult run = call({"report", base_, "--json", "-o", file});
+    test::ChildResult run = call({"events", base_, "--json", "-o", file});
     EXPECT_EQ(run.exit_code, 0);
     EXPECT_EQ(run.out, "");
     EXPECT_EQ(run.err, "Wrote " + file + "\n");
@@ -336,7 +336,7 @@ TEST_F(Program, WritesFilesAndRefusesToWriteOver) {
     EXPECT_EQ(run.exit_code, 2);
     EXPECT_NE(run.err.find(file + " is there already"), std::string::npos) << run.err;
     EXPECT_EQ(std::filesystem::file_size(file), size);
-    run = call({"events", base_, "-q", "-o", file, "--force"});
+    run = call({"leaks", base_, "-q", "-o", file, "--force"});
     EXPECT_EQ(run.exit_code, 0);
     EXPECT_EQ(run.err, "");
     EXPECT_NE(std::filesystem::file_size(file), size);
