@@ -10,7 +10,8 @@
 #                        takes, every n-th system call failing (5 N of each kind), systems that give little and disks
 #                        that fill up; behind it what analyse does. Each part tells how long it took.
 #   ./test.sh coverage   what of the sources runs in the tests on Linux and with what the fuzzers of a soak kept;
-#                        fails where a branch of the library never runs for no reason that tests/unreached.txt tells
+#                        fails where a branch of the library or of memtrack never runs for no reason that
+#                        tests/unreached.txt tells
 #   ./test.sh analyse    cppcheck, clang-tidy and GCC's -fanalyzer over all but the tests, as built for both systems
 #   ./test.sh programs   programs that nobody here wrote under kxmrun (Linux; some minutes)
 #

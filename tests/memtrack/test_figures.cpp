@@ -306,34 +306,6 @@ TEST_F(Replay, CountsAddressesGivenOutAgain) {
     EXPECT_NE(problems_[0].text.find("event 70000 is given 0x10"), std::string::npos);
 }
 
-TEST_F(Replay, SumsOverRanks) {
-    std::vector<Figures> ranks;
-    for (const std::uint64_t size : {100U, 400U, 250U}) {
-        test::write_recording(base_,
-                              {event(Type::malloc_, 16, size, 0, 0, size == 400 ? 1 : 0),
-                               event(Type::malloc_, 32, 10, 1), event(Type::free_, 32, no_size)},
-                              {"ROOT", "ROOT->only"});
-        ranks.push_back(take_figures(base_, problems_));
-    }
-    ranks[1].lost_releases = 7;
-    ranks[2].unknown_releases = 5;
-    const Figures all = merge(ranks);
-    EXPECT_EQ(all.lost_releases + 10 * all.unknown_releases, 57U);
-    EXPECT_EQ(all.peak, (Amount{780, 6}));
-    EXPECT_EQ(all.left, (Amount{750, 3}));
-    EXPECT_EQ(all.temporary, 3U);
-    ASSERT_EQ(all.phases.size(), 2U);
-    EXPECT_EQ(all.phases[1].path, "ROOT->only");
-    EXPECT_EQ(all.phases[1].left, (Amount{400, 1}));
-    ASSERT_EQ(all.threads.size(), 2U);
-    EXPECT_EQ(all.threads[0].released_foreign, 3U);
-    const Spread left = spread(ranks, [](const Figures& f) { return f.left.bytes; });
-    EXPECT_EQ(left.low, 100U);
-    EXPECT_EQ(left.high, 400U);
-    EXPECT_EQ(left.high_rank, 1U);
-    EXPECT_DOUBLE_EQ(left.mean, 250);
-}
-
 // heaptrack's file numbers sizes by phase, and forgets them when there are very many.
 TEST_F(Replay, IsExportedWithMoreSizesThanAreRemembered) {
     constexpr std::uint64_t sizes = 262'144 + 5;

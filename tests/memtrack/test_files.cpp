@@ -88,8 +88,30 @@ TEST_F(Damaged, IsToldAndReadAsFarAsItGoes) {
          2 * full + 10, ".memT2, byte 364: event 262159 releases 0x8"},
         {"a single id that is wrong", change([](Events& e) { e[4].id = 1 << 30; }), 2 * full + 10,
          ".memT2, byte 164: event 262148 has the wrong id 1073741824"},
-        {"an unknown type", change([](Events& e) { e[4].type = Type{9}; }), 2 * full + 9,
-         ".memT2, byte 164: event 262148 has the unknown type 9"},
+        {"single ids that are wrong where no other is read with them",
+         [&] {
+             Events all = events(full, full);
+             all[16383].id = all[full - 1].id = 1 << 30;
+             write_transactions(memT(1), full, all);
+         },
+         2 * full + 10, ".memT1, byte 5242844: event 262143 has the wrong id 1073741824"},
+        {"unknown types, more than are told",
+         [&] {
+             Events all = events(full, full);
+             for (std::size_t i = 5; i < 16; ++i) {
+                 all[i].type = Type{9};
+             }
+             write_transactions(memT(1), full, all);
+         },
+         2 * full - 1,
+         ".memT1, byte 564: event 131086 has the unknown type 9 and is left out; further ones are "
+         "not told"},
+        {"a folder in a file's place",
+         [&] {
+             std::filesystem::remove(memT(1));
+             std::filesystem::create_directory(memT(1));
+         },
+         full + 10, ".memT1, byte 0: cannot be opened"},
         {"a missing middle file", [&] { std::filesystem::remove(memT(1)); }, full + 10,
          ".memT1, byte 0: the file is missing; what follows it is read"},
         {"missing first files",
@@ -114,6 +136,15 @@ TEST_F(Damaged, IsToldAndReadAsFarAsItGoes) {
         {"a cut table of phases",
          [&] { write_bytes(base_ + ".phaseStack", test::word(1) + test::word(0) + "ROOT"); },
          2 * full + 10, ".phaseStack, byte 4: the file ends here, after 0 whole records of the 1"},
+        {"a table of phases that ends in its count",
+         [&] { write_bytes(base_ + ".phaseStack", "ab"); }, 2 * full + 10,
+         ".phaseStack, byte 0: too short for its count"},
+        {"a table of less than no phases",
+         [&] { write_bytes(base_ + ".phaseStack", test::word(-1)); }, 2 * full + 10,
+         ".phaseStack, byte 0: begins with the number -1"},
+        {"a table of phases with more behind it",
+         [&] { write_bytes(base_ + ".phaseStack", test::word(0) + "more"); }, 2 * full + 10,
+         ".phaseStack, byte 4: the file goes on behind the 0 records"},
         {"a table of phases that begins a word too early",
          [&] {
              std::string path = "ROOT";
@@ -213,19 +244,39 @@ TEST_F(Damaged, PhaseEventsAreToldToo) {
     for (int i = 0; i < 50; ++i) {
         whole += event;
     }
-    const auto name = [this](int number) {
-        return base_ + ".phase_thr3_" + std::to_string(number);
+    const auto name = [this](const char* thread_and_number) {
+        return base_ + ".phase_thr" + thread_and_number;
     };
-    write_bytes(name(0), test::word(50) + whole);
-    write_bytes(name(2), test::word(2) + event + "cut");
+    for (const char* none : {"3", "3_", "x_1", "3_x"}) { // of a recorder's
+        write_bytes(name(none), "");
+    }
+    write_bytes(name("3_0"), test::word(50) + whole);
+    write_bytes(name("3_2"), test::word(2) + event + "cut");
+    write_bytes(name("4_0"), "#include <stdio.h>\n");
+    write_bytes(name("4_1"), test::word(50) + whole);
+    std::filesystem::create_directory(name("4_2"));
+    write_bytes(name("5_0"), test::word(1) + event);
+    write_bytes(name("5_1"), test::word(1) + event);
     const test::ChildResult run =
-        test::run_child({MEMTRACK_PROGRAM, {"phases", "--events", name(0)}, {}});
+        test::run_child({MEMTRACK_PROGRAM, {"phases", "--events", name("3_0")}, {}});
     EXPECT_EQ(run.exit_code, 1);
-    EXPECT_EQ(std::count(run.out.begin(), run.out.end(), '\n'), 51);
-    for (const char* told :
-         {".phase_thr3_1, byte 0: the file is missing",
-          ".phase_thr3_2, byte 132: the file ends here, after 1 whole records"}) {
-        EXPECT_NE(run.err.find(base_ + told), std::string::npos) << run.err;
+    EXPECT_EQ(std::count(run.out.begin(), run.out.end(), '\n'), 50 + 1 + 50 + 1 + 2);
+    EXPECT_NE(run.out.find("\nINCOMPLETE: 5 problems with the files"), std::string::npos);
+    for (const char* told : {"3_1, byte 0: the file is missing",
+                             "3_2, byte 132: the file ends here, after 1 whole records",
+                             "4_0, byte 0: begins with the number", "4_2, byte 0: cannot be opened",
+                             "5_1, byte 0: not read, nor are others behind it"}) {
+        EXPECT_NE(run.err.find(name(told)), std::string::npos) << run.err;
+    }
+}
+
+TEST(Names, TellTheRun) {
+    for (const char* file : {"a.memT0", "a.memT12", "a.phase_thr3_1", "a.phaseStack"}) {
+        EXPECT_EQ(memtrack::base_name(file), "a");
+    }
+    for (const char* none : {"a", "a.memT", "a.memT1x", "a.memT01", "a.memT99999999999",
+                             "a.phase_thr3", "a.phase_thr3_", "a.phase_thrx_1", ".phaseStack"}) {
+        EXPECT_EQ(memtrack::base_name(none), none);
     }
 }
 

@@ -62,6 +62,13 @@ TEST(Page, short_spans_are_taken_together_under_the_phase_above_them) {
                ac = node("ROOT->a->c");
     const auto other = node("phase 7");
     using Spans = std::vector<PhaseSpan>;
+    std::string deep = "ROOT";
+    while (deep.size() < 20'000) {
+        deep += "->a";
+    }
+    PhaseTree high; // as high as a run's can be; what is deeper stays together
+    EXPECT_EQ(high.path(high.place(deep)), deep);
+    EXPECT_EQ(high.nodes().size(), 1025U);
 
     const Spans spans = {{0, root}, {100, ab},   {102, ac}, {104, ab},
                          {106, ac}, {108, root}, {200, a}};
@@ -70,6 +77,8 @@ TEST(Page, short_spans_are_taken_together_under_the_phase_above_them) {
     EXPECT_EQ(coarser(spans, 300, 16, tree), (Spans{{0, root}, {200, a}}));
     // A short one at the beginning belongs to what follows; phases with nothing above them are several.
     EXPECT_EQ(coarser({{0, a}, {3, root}, {100, a}, {106, other}}, 112, 10, tree),
+              (Spans{{0, root}, {100, PhaseSpan::several}}));
+    EXPECT_EQ(coarser({{0, root}, {100, PhaseSpan::several}, {105, a}}, 112, 10, tree),
               (Spans{{0, root}, {100, PhaseSpan::several}}));
     EXPECT_EQ(coarser({{5, a}}, 6, 1000, tree), (Spans{{5, a}}));
 
@@ -99,6 +108,11 @@ PageRun worst_run(std::size_t ranks, unsigned seed) {
         phase.path =
             "ROOT->" + std::to_string(i) + "</script>" + std::string(i < 3 ? long_name : 20, 'x');
         static_cast<ShareFigures&>(phase) = share;
+        if (i == limits.phases + 30) { // below one that is not shown, and beside the root
+            phase.path = run.figures.phases[i - 1].path + "->below";
+        } else if (i > limits.phases + 40) {
+            phase.path = "phase " + std::to_string(i);
+        }
         run.tree.place(phase.path);
         run.over_time.tree.place(phase.path);
     }
@@ -112,6 +126,8 @@ PageRun worst_run(std::size_t ranks, unsigned seed) {
             of.spans.push_back({i, static_cast<std::uint32_t>(random() % limits.phases)});
         }
     }
+    run.over_time.threads[0].spans[1].node = PhaseSpan::several;
+    run.over_time.threads[1].spans.clear(); // it only released
     return run;
 }
 
@@ -133,12 +149,14 @@ TEST(Page, a_run_is_read_with_its_refusals_and_spans) {
     const std::string base = test::scratch_folder("page") + "run";
     test::Events events;
     for (int i = 0; i < 100; ++i) {
-        events.push_back({i == 60 ? 0 : 64U * (static_cast<unsigned>(i) + 1), 0, Type::malloc_, 0,
-                          10, 0, i / 40});
+        events.push_back({i == 60 || i == 70 ? 0 : 64U * (static_cast<unsigned>(i) + 1), 0,
+                          Type::malloc_, 0, 10, 0, i / 40});
     }
     test::write_recording(base, events, {"ROOT", "ROOT->a", "ROOT->b"});
     Problems problems;
-    const OverTime run = take_over_time(base, {}, problems);
+    OverTime::Limits limits;
+    limits.refusals = 1;
+    const OverTime run = take_over_time(base, limits, problems);
     EXPECT_TRUE(problems.empty());
     ASSERT_EQ(run.threads.size(), 1U);
     ASSERT_EQ(run.threads[0].spans.size(), 3U);
@@ -146,7 +164,10 @@ TEST(Page, a_run_is_read_with_its_refusals_and_spans) {
     EXPECT_EQ(run.tree.path(run.threads[0].spans[2].node), "ROOT->b");
     ASSERT_EQ(run.refusals.size(), 1U);
     EXPECT_EQ(run.refusals[0].number, 60U);
-    EXPECT_EQ(run.curve.stretches().back().bytes.high, 990U);
+    EXPECT_EQ(run.curve.stretches().back().bytes.high, 980U);
+    limits.spans = 1;
+    EXPECT_EQ(take_over_time(base, limits, problems).threads[0].spans,
+              (std::vector<PhaseSpan>{{0, 0}}));
 }
 
 } // namespace

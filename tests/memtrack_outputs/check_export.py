@@ -17,8 +17,8 @@ from recording import Event, Held, RELEASE, mixed, write
 HERE = os.path.dirname(os.path.abspath(__file__))
 FORMAT, SCRATCH, MEMTRACK = sys.argv[1], sys.argv[2], sys.argv[3:]
 # Names that one format or another takes amiss.
-PATHS = [b"ROOT", b"ROOT->as;semble #1, \"K\" {}", b"ROOT->solve", b"ROOT->solve->inner\n\x01\tloop 7",
-         b"ROOT->solve->\xff\xfegeschl\xc3\xbcsselt", b"ROOT->solve->=1+1", b"ROOT->never used"]
+PATHS = [b"ROOT", b"ROOT->as;semble #1, \"K\" {}", b"ROOT->solve", b"ROOT->solve->inner\n\x01\t\x7floop 7",
+         b"ROOT->solve->\xff\xfegeschl\xc3\xbcsselt", b"ROOT->solve->=1+1->solve", b"ROOT->as;semble #1, \"K\" {}->hardly used"]
 
 
 def skip(why):
@@ -56,7 +56,7 @@ def names(path):
 
 
 def line_name(name, reserved="", instead="_"):
-    text = "".join(instead if c in reserved else " " if ord(c) < 0x20 else c for c in name)
+    text = "".join(instead if c in reserved else " " if ord(c) < 0x20 or c == "\x7f" else c for c in name)
     return text.replace("\ufffd", "?")
 
 
@@ -93,6 +93,7 @@ def massif(held):
         for path in {stack[:depth] for stack in expected for depth in range(1, len(stack) + 1)}:
             if below(expected, *path) * 50 > below(expected):  # small ones are put together
                 assert f"({below(expected, *path):,}B) {path[-1]}\n" in tree, (path, tree)
+    same(data.count(b" n0: 1 in 1 place, all below massif's threshold (1.00%)\n"), 2, "small ones")
     assert all(len(line) < 4096 for line in data.splitlines())
 
 
@@ -212,6 +213,12 @@ def perfetto(held):
                 open_until.pop()
             assert not open_until or e["ts"] + e["dur"] <= open_until[-1], ("not nested", e)
             open_until.append(e["ts"] + e["dur"])
+    # More slices than a viewer takes: each thread's short ones go.
+    write("restless", [Event(0, 4096 * (i + 1), 1, phase=1 + i % 2) for i in range(45000)], PATHS)
+    content = json.loads(export("restless")[0])
+    left = [e["name"] for e in content["traceEvents"] if e["ph"] == "X"]
+    same((left, content["otherData"]["phases left out"], content["otherData"]["shorter than transactions"]),
+         (["ROOT"], 45000, 2), "left out")
     found = {e["name"] for e in trace if e["ph"] == "X"}
     assert {name for path in PATHS[:6] for name in names(path)} <= found, found
 
@@ -235,6 +242,8 @@ def collapsed(held):
             assert int(count) > 0
             found[tuple(stack.split(";"))] = int(count)
         same(found, stacks(held, amount, lambda n: line_name(n, ";", ":")), option)
+    text = export("run", "small")[0].decode()
+    assert "\nrank 1 (small);ROOT 200\n" in text and text.count("rank 0 (run);ROOT") == text.count("\n") - 1, text
 
 
 def csv_(held):
@@ -278,6 +287,16 @@ def json_(held):
     same((content["complete"], content["runs"][0]["events"]), (False, held.events - 2), "cut run")
     assert "cut.memT0" in [p["file"] for p in content["problems"]] and "cut.memT0, byte" in err, err
     run(*MEMTRACK, "export", "--format", "massif", "-o", "out.two", "run", "small", status=2)
+    page = subprocess.run([*MEMTRACK, "html", "run"], capture_output=True)
+    assert page.stdout.endswith(b"</html>\n") or b"built without html" in page.stderr, page.stdout[-100:]
+    # Devices are written in place, and one that is full is told.
+    run(*MEMTRACK, "report", "-fo", "/dev/null", "run")
+    out, err = run(*MEMTRACK, "report", "-fo", "/dev/full", "run", status=1)
+    assert err == "memtrack: /dev/full cannot be written to its end\n", err
+    with open("/dev/full", "wb") as full:
+        for command in ("--help", "report"):
+            told = subprocess.run([*MEMTRACK, command, *["run"] * (command == "report")], stdout=full, stderr=subprocess.PIPE)
+            assert told.returncode == 1 and b"standard output cannot be written to its end" in told.stderr, told
 
 
 SMALL = [Event(0, 4096 * (i + 1), 10) for i in range(20)]
@@ -287,19 +306,29 @@ def main():
     os.makedirs(SCRATCH, exist_ok=True)
     os.chdir(SCRATCH)
     events = mixed(5000, 6)
+    events.insert(10, Event(0, 4096, 1, phase=6))
     write("run", events, PATHS)
     write("small", SMALL, PATHS)
     write("bare", [Event(RELEASE, 4096)], PATHS[:1])
+    write("gone", [Event(0, 4096, 5, phase=-1), Event(1, 4096), Event(0, 4096, 5), Event(1, 4096)], [b"ROOT->" + b"p" * 100000])
+    write("none", [], PATHS[:1])
+    os.remove("none.memT0")  # a run without an event has none
     held = Held(events, len(PATHS))
     assert held.peak_number not in (0, len(events) - 1) and held.refused and held.now[0]
     {"csv": csv_, "json": json_}.get(FORMAT, globals().get(FORMAT))(held)
-    # A run that allocated nothing is opened as well.
-    data, name = export("bare")
-    for consumer in ({"massif": ["ms_print"], "heaptrack": ["heaptrack_print", "-f"]}.get(FORMAT, []),):
-        if consumer:
-            run(*consumer, name)
-    if FORMAT in ("perfetto", "speedscope"):
-        validate(data, {"perfetto": "trace", "speedscope": "speedscope"}[FORMAT] + ".schema.json")
+    # Runs that allocated nothing, have no event, or left nothing are opened as well; several are ranks.
+    for bases in (("bare",), ("none",), ("gone",), ("none", "gone")):
+        if len(bases) > 1 and FORMAT in ("massif", "heaptrack"):
+            continue
+        data, name = export(*bases)
+        for consumer in ({"massif": ["ms_print"], "heaptrack": ["heaptrack_print", "-f"]}.get(FORMAT, []),):
+            if consumer:
+                run(*consumer, name)
+        if FORMAT == "pprof":
+            piped = subprocess.run([*MEMTRACK, "export", "--format", FORMAT, *bases], stdout=subprocess.PIPE).stdout
+            same(gzip.decompress(piped), gzip.decompress(data), "what goes to standard output")
+        if FORMAT in ("perfetto", "speedscope"):
+            validate(data, {"perfetto": "trace", "speedscope": "speedscope"}[FORMAT] + ".schema.json")
 
 
 main()

@@ -8,6 +8,8 @@ peers (ends with 77 where none is installed)
 import ctypes.util
 import json
 import os
+import shutil
+import struct
 import subprocess
 import sys
 
@@ -19,7 +21,8 @@ ON_WINDOWS = MEMTRACK[-1].endswith(".exe")
 
 
 def replay(*arguments, status=0):
-    environment = dict(os.environ, KXA_DEADBEEF="1", KXA_MEM_TRACK="1")  # chooses nothing here
+    environment = dict(os.environ, KXA_DEADBEEF="1", KXA_MEM_TRACK="1",  # choose nothing here
+                       KXA_MEM_TRACKS="none of the library's")
     result = subprocess.run([*MEMTRACK, "replay", "--json", "-r", "1", *arguments], capture_output=True,
                             timeout=300, env=environment)
     assert result.returncode == status, (arguments, result.returncode, result.stdout, result.stderr)
@@ -60,7 +63,7 @@ def check_mixed():
 
 def check_footprints():
     """64 blocks of 1 MiB: the heap maps 1088 KiB for each. A limit refuses some, and the replay goes on."""
-    found = by_name(replay("large", "--on", "heap", "--on", "heap:limit=32MiB", "--on", "heap:granularity=4MiB,map=never",
+    found = by_name(replay("large", "--on", "heap", "--on", "heap:limit=32MiB", "--on", "heap:granularity=4MiB,map=never,trim=never",
                            "--on", "crt"))
     first = 64 * KIB  # the first segment
     same(found["heap"]["heap_high_water_bytes"], 64 * 1088 * KIB + first, "high water")
@@ -69,7 +72,7 @@ def check_footprints():
     fit = (32 * MIB - first) // (1088 * KIB)
     same((limited["refused"], limited["held_bytes"]), (64 - fit, fit * MIB), "limited")
     assert limited["heap_high_water_bytes"] < 32 * MIB, limited
-    same(found["heap:granularity=4MiB,map=never"]["heap_high_water_bytes"] % (4 * MIB), 0, "granularity")
+    same(found["heap:granularity=4MiB,map=never,trim=never"]["heap_high_water_bytes"] % (4 * MIB), 0, "granularity")
     if not ON_WINDOWS:  # there private bytes are another system's, as the emulator tells them
         near(found["heap"]["at_peak"]["footprint_bytes"], 64 * 1088 * KIB, MIB, "footprint")
     untouched = by_name(replay("large", "--on", "crt", "--no-touch"))["crt"]
@@ -107,10 +110,84 @@ def check_words():
     for wrong, word in (("heap:trim", "heap:trim"), ("heap:map=4Q", "4Q"), ("stack", "stack"), ("crt:tiny", "heap alone")):
         err = replay("large", "--on", wrong, status=2)
         assert word in err, err
-    failed = by_name(replay("large", "--on", "heap:granularity=100", "--on", "crt", status=1))
-    assert "failure" in failed["heap:granularity=100"] and "failure" not in failed["crt"], failed
+    for refused in ("heap:granularity=100", "heap:granularity=0"):
+        failed = by_name(replay("large", "--on", refused, "--on", "crt", status=1))
+        assert "failure" in failed[refused] and "failure" not in failed["crt"], failed
     if ON_WINDOWS:
         assert "--with" in replay("large", "--with", "other.dll", status=2)
+
+
+def check_refusals():
+    """What the system refuses is left out, and so is what would be done to it; the guarded back end ends by it."""
+    huge = 2**47 - 4096
+    events = [Event(MALLOC, 0x1000, huge), Event(REALLOC, 0x2000, 100, 0x1000), Event(CALLOC, 0x3000, huge),
+              Event(REALLOC, 0x4000, huge, 0x2000), Event(FREE, 0x3000), Event(MALLOC, 0x5000, 10)]
+    events += [Event(kind, 0x6000, 1) for _ in range(70000) for kind in (MALLOC, FREE)]  # more than is sent at once
+    write("huge", events, [b"ROOT"])
+    found = by_name(replay("huge", "--on", "crt", "--on", "heap", "--on", "aligned", "--on", "guarded", status=1))
+    assert "ended" in found.pop("guarded")["failure"], found
+    for name, each in found.items():
+        same((each["refused"], each["held_bytes"]), (3, 111), name)
+
+
+def check_program():
+    """memtrack-replay by itself, and memtrack without it or with one that is none."""
+    name = "memtrack-replay" + MEMTRACK[-1][-4:] * ON_WINDOWS
+    program = [*MEMTRACK[:-1], os.path.join(os.path.dirname(MEMTRACK[-1]), name)]
+    for argument, given, status, words in (
+            ("-h", b"", 0, "Usage: memtrack-replay SLOTS"), ("--help", b"", 0, "Usage: memtrack-replay SLOTS"),
+            ("-V", b"", 0, "memtrack-replay "), ("--version", b"", 0, "memtrack-replay "),
+            ("", b"", 14, "is started by memtrack replay"), ("5", struct.pack("<I", 65537), 14, "is started by"),
+            ("5", struct.pack("<I", 1), 14, "is started by"), (str(2**52), b"", 13, "no memory for the table")):
+        told = subprocess.run([*program, *argument.split()], input=given, capture_output=True, timeout=60)
+        assert told.returncode == status and words in (told.stdout + told.stderr).decode(), (argument, told)
+    if ON_WINDOWS:
+        return
+    os.makedirs("alone", exist_ok=True)
+    alone = shutil.copy(MEMTRACK[-1], "alone/memtrack")
+    for script, words in ((None, "cannot be started"), ("#!/bin/sh\nexit 3\n", "ended with status 3"),
+                          ("#!/bin/sh\necho no\n", "ended with status 0")):
+        if script:
+            with open("alone/memtrack-replay", "w", opener=lambda path, flags: os.open(path, flags, 0o755)) as file:
+                file.write(script)
+        told = subprocess.run([alone, "replay", "large", "-o", "alone/out"], capture_output=True, timeout=60)
+        assert told.returncode == 1 and words in told.stderr.decode(), told
+        assert not [name for name in os.listdir("alone") if name.startswith("out")]
+    os.remove("alone/memtrack-replay")
+    with open("/dev/full", "wb") as full:
+        same(subprocess.run([*program, "--help"], stdout=full).returncode, 1, "help that cannot be written")
+
+
+def on_terminal(*arguments, columns=60):
+    """What memtrack writes where its output is a terminal, and its exit status."""
+    import fcntl
+    import pty
+    import termios
+    child, terminal = pty.fork()
+    if child == 0:
+        fcntl.ioctl(1, termios.TIOCSWINSZ, struct.pack("HHHH", 25, columns, 0, 0))
+        os.execv(MEMTRACK[0], [*MEMTRACK, *arguments])
+    told = b""
+    try:
+        while piece := os.read(terminal, 65536):
+            told += piece
+    except OSError:  # the end of a terminal
+        pass
+    os.close(terminal)
+    return told.decode(), os.waitstatus_to_exitcode(os.waitpid(child, 0)[1])
+
+
+def check_terminal():
+    """A bar while it takes long, which goes away again; nothing that is no text."""
+    for columns, width in ((60, 59), (0, 79)):  # a terminal need not tell
+        told, status = on_terminal("replay", "-r", "40", "--on", "crt", "large", columns=columns)
+        assert status == 0 and told.startswith("\rReading [") and f"\r{'':{width}}\rlarge: 64 events" in told, told
+        assert all(len(line) <= width for line in told.split("\r") if "Reading" in line), told
+    told, status = on_terminal("replay", "-q", "-r", "1", "--on", "crt", "large")
+    assert status == 0 and told.startswith("large: 64 events"), told
+    for arguments in (("html", "large"), ("export", "--format", "pprof", "large")):
+        told, status = on_terminal(*arguments)
+        assert status == 2 and ("is nothing for a terminal" in told or "built without html" in told), told
 
 
 def check_peers():
@@ -137,6 +214,10 @@ else:
     check_mixed()
     check_resizes()
     check_words()
+    check_refusals()
+    check_program()
+    if not ON_WINDOWS:
+        check_terminal()
     if PART == "all":
         check_footprints()
         check_own_memory()

@@ -9,6 +9,7 @@
 #include <atomic>
 #include <cstdio>
 #include <exception>
+#include <system_error>
 #include <thread>
 #include <utility>
 
@@ -46,7 +47,8 @@ const Option& Option::between(unsigned low, unsigned high) const {
 }
 
 const Option& Option::repeated() const {
-    option_->take_all()->expected(1)->allow_extra_args(false); // or it would take BASEs behind it
+    // Or what stands behind it, the runs, would be further values.
+    option_->take_all()->expected(1)->allow_extra_args(false);
     return *this;
 }
 
@@ -112,16 +114,20 @@ void Command::runs(Run& run, Run work) {
     app_->callback([&run, work = std::move(work)] { run = work; });
 }
 
-void CommonOptions::add_bases(Command& command, int at_least, int at_most) {
-    // Several files of one run, as a shell's pattern gives them, are that run, once. A base is taken as often
-    // as it is named: diff may compare a run with itself.
-    const auto take = [this](const std::vector<std::string>& names) {
-        for (const std::string& name : names) {
-            std::string base = base_name(name);
-            if (base == name || std::find(bases.begin(), bases.end(), base) == bases.end()) {
-                bases.push_back(std::move(base));
-            }
+std::vector<std::string> bases_of(const std::vector<std::string>& names) {
+    std::vector<std::string> bases;
+    for (const std::string& name : names) {
+        std::string base = base_name(name);
+        if (base == name || std::find(bases.begin(), bases.end(), base) == bases.end()) {
+            bases.push_back(std::move(base));
         }
+    }
+    return bases;
+}
+
+void CommonOptions::add_bases(Command& command, int at_least, int at_most) {
+    const auto take = [this](const std::vector<std::string>& names) {
+        bases = bases_of(names);
         // A rank that is missing is told beside the others' figures; a page of zeros would say nothing.
         if (std::none_of(bases.begin(), bases.end(), is_there)) {
             throw std::runtime_error("there is no recording " + bases[0] + " (no " + bases[0] +
@@ -192,8 +198,11 @@ void in_parallel(std::size_t count, const std::function<void(std::size_t)>& work
     };
     const std::size_t most = std::max(1U, std::thread::hardware_concurrency());
     std::vector<std::thread> helpers;
-    for (std::size_t i = 1; i < std::min(count, most); ++i) {
-        helpers.emplace_back(take_turns);
+    try {
+        for (std::size_t i = 1; i < std::min(count, most); ++i) {
+            helpers.emplace_back(take_turns);
+        }
+    } catch (const std::system_error&) { // those that there are take all turns
     }
     take_turns();
     for (std::thread& helper : helpers) {

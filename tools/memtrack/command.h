@@ -72,6 +72,10 @@ private:
     CLI::App* app_;
 };
 
+/// The runs that arguments name. Several files of one run, as a shell's pattern gives them, are that run, once. A base is
+/// taken as often as it is named: diff may compare a run with itself.
+std::vector<std::string> bases_of(const std::vector<std::string>& names);
+
 /// Options that commands share, and what is done with them.
 struct CommonOptions {
     std::vector<std::string> bases;

@@ -76,9 +76,7 @@ private:
 // Opens the file that follows, past one that cannot be read. Tells files that are missing before it, and those
 // that are left because the one before it was the last.
 bool Producer::open_next(Slot& slot) {
-    if (numbers_.empty() && next_file_ == 0) {
-        number_ = 0;
-        ++next_file_;
+    if (numbers_.empty()) {
         // A run without an event ends with its table of phases alone.
         if (input_files().open(base_ + ".phaseStack") == nullptr) {
             note(slot, 0, "there is no such file");
@@ -218,10 +216,11 @@ void Producer::check_slowly(Slot& slot, std::size_t records) {
         const std::uint64_t offset = slot.offset + i * sizeof(Transaction);
         auto ahead = static_cast<std::int32_t>(static_cast<std::uint32_t>(record.id) -
                                                static_cast<std::uint32_t>(next_number_));
-        // Where the next record goes on as if nothing were missing, this id alone is wrong.
-        const bool alone = ahead != 0 && i + 1 < records &&
-                           static_cast<std::uint32_t>(slot.records[i + 1].id) ==
-                               static_cast<std::uint32_t>(next_number_ + 1);
+        // Where the next record goes on as if nothing were missing, this id alone is wrong. So is it taken where
+        // there is no next one here: what is missing is told behind it, or was behind the run.
+        const bool alone =
+            ahead != 0 && (i + 1 == records || static_cast<std::uint32_t>(slot.records[i + 1].id) ==
+                                                   static_cast<std::uint32_t>(next_number_ + 1));
         if (alone) {
             ahead = 0;
             if (++gaps_ <= most_told) {

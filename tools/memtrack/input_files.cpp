@@ -24,12 +24,10 @@ public:
     std::uint64_t size() const override { return size_; }
     std::size_t read(void* data, std::size_t bytes) override {
         std::size_t got = 0;
-        bool again = true;
-        while (again && got < bytes) {
+        do {
             std::clearerr(file_.get());
             got += std::fread(static_cast<char*>(data) + got, 1, bytes - got, file_.get());
-            again = std::ferror(file_.get()) != 0 && errno == EINTR;
-        }
+        } while (std::ferror(file_.get()) != 0 && errno == EINTR);
         return got;
     }
     bool go_to(std::uint64_t offset) override {
@@ -47,6 +45,10 @@ private:
 class SystemFiles : public InputFiles {
 public:
     std::unique_ptr<InputFile> open(const std::string& name) const override {
+        std::error_code error;
+        if (!std::filesystem::is_regular_file(name, error)) { // a pipe would be waited for
+            return nullptr;
+        }
         std::FILE* const file = std::fopen(name.c_str(), "rb");
         return file == nullptr ? nullptr : std::make_unique<SystemFile>(file, size_of_file(name));
     }

@@ -13,7 +13,7 @@ namespace memtrack {
 class InputFile {
 public:
     virtual ~InputFile() = default;
-    virtual std::uint64_t size() const = 0; ///< in bytes; 0 where it has none, as a pipe
+    virtual std::uint64_t size() const = 0; ///< in bytes
     virtual std::size_t read(void* data,
                              std::size_t bytes) = 0; ///< fewer at the end, or by an error
     virtual bool go_to(std::uint64_t offset) = 0;    ///< below 2 GiB

@@ -35,7 +35,7 @@ std::vector<HeldBlock> largest_blocks(const std::string& base, const History& hi
         if (best.size() < most) {
             best.push_back(block);
             std::push_heap(best.begin(), best.end(), larger);
-        } else if (most != 0 && larger(block, best.front())) {
+        } else if (larger(block, best.front())) {
             std::pop_heap(best.begin(), best.end(), larger);
             best.back() = block;
             std::push_heap(best.begin(), best.end(), larger);

@@ -13,7 +13,7 @@ struct HeldBlock {
     std::string phase;
 };
 
-/// The largest of what `history` holds, largest first, older before younger.
+/// The largest of what `history` holds, largest first, older before younger; one at least.
 std::vector<HeldBlock> largest_blocks(const std::string& base, const History& history,
                                       const PhaseTable& table, std::size_t most);
 

@@ -3,7 +3,6 @@
 
 #include <algorithm>
 #include <cinttypes>
-#include <cmath>
 #include <cstdarg>
 #include <cstdlib>
 #include <filesystem>
@@ -24,16 +23,14 @@ std::string beside(std::string name) {
     return name;
 }
 
-// Where a file that takes the place of `name` is written meanwhile; empty where it is written in place: what is no
-// plain file, as a device, and links that lead nowhere.
-std::string part_of(const std::string& name) {
+// What the whole file takes the place of; empty where it is written in place: what is no plain file, as a device, and
+// links that lead nowhere.
+std::string target_of(const std::string& name) {
     std::error_code error;
-    const fs::file_status there = fs::status(name, error);
-    if (fs::is_regular_file(there)) {
-        const fs::path target = fs::canonical(name, error); // a link stays one
-        return error ? std::string() : beside(target.string());
+    if (fs::is_regular_file(fs::status(name, error))) {
+        return fs::canonical(name, error).string(); // a link stays one
     }
-    return fs::exists(fs::symlink_status(name, error)) ? std::string() : beside(name);
+    return fs::exists(fs::symlink_status(name, error)) ? std::string() : name;
 }
 
 bool may_be_written(const std::string& name) {
@@ -56,8 +53,9 @@ Output::Output(std::string name, bool force) : name_(std::move(name)) {
         throw UsageError(name_ + " is there already; --force writes over it");
     }
     file_ = nullptr;
-    part_ = part_of(name_);
-    if (!part_.empty() && (!there || may_be_written(name_))) {
+    target_ = target_of(name_);
+    if (!target_.empty() && (!there || may_be_written(name_))) {
+        part_ = beside(target_);
         file_ = std::fopen(part_.c_str(), "wb");
     }
     if (file_ == nullptr) { // perhaps the folder does not allow a new file, but this one
@@ -138,8 +136,7 @@ void Output::finish(bool quiet) {
     check(std::fclose(file) == 0);
     if (!part_.empty()) {
         std::error_code error;
-        const fs::path target = fs::path(part_).replace_extension();
-        fs::rename(part_, target, error);
+        fs::rename(part_, target_, error);
         check(!error);
         part_.clear();
     }
@@ -258,7 +255,7 @@ Json& Json::value(std::string_view text) {
 Json& Json::value(double number) {
     char text[40];
     std::snprintf(text, sizeof text, "%.15g", number);
-    return raw(std::isfinite(number) ? text : "null");
+    return raw(text);
 }
 
 void write_problems(Json& json, const Problems& problems) {
@@ -289,7 +286,7 @@ std::string human_bytes(std::uint64_t bytes) {
     }
     double value = static_cast<double>(bytes) / 1024;
     std::size_t unit = 0;
-    while (value >= 1023.995 && unit + 1 < std::size(units)) {
+    while (value >= 1023.95) { // no number of 64 bits has 1024 EiB
         value /= 1024;
         ++unit;
     }

@@ -44,7 +44,7 @@ public:
 private:
     void check(bool good);
     void discard();
-    std::string name_, part_;
+    std::string name_, target_, part_;
     std::string* text_ = nullptr;
     std::FILE* file_ = stdout;
 };
@@ -63,9 +63,8 @@ public:
     Json& value(const char* text) { return value(std::string_view(text)); }
     Json& value(const std::string& text) { return value(std::string_view(text)); }
     Json& value(bool flag) { return raw(flag ? "true" : "false"); }
-    Json& value(double number);
+    Json& value(double number); ///< finite
     Json& value(std::uint64_t number) { return raw(std::to_string(number)); }
-    Json& value(std::int64_t number) { return raw(std::to_string(number)); }
     Json& value(std::int32_t number) { return raw(std::to_string(number)); }
     Json& value(std::uint32_t number) { return raw(std::to_string(number)); }
     template <class Value> Json& member(std::string_view name, const Value& content) {

@@ -7,8 +7,8 @@ HeldCurve::HeldCurve(std::size_t most) : most_(most) {
     stretches_.reserve(most);
 }
 
-// Makes place for this event. True when its stretch begins with it; it does not when others became wider, or
-// when events before it are missing.
+// Makes place for this event, which no stretch reaches, nor does one that became wider: there may be an even number of
+// them. True when its stretch begins with it; it does not when events before it are missing.
 bool HeldCurve::begin(std::uint64_t number) {
     const bool first = stretches_.empty();
     if (first) {
@@ -16,9 +16,6 @@ bool HeldCurve::begin(std::uint64_t number) {
     }
     while ((number - first_) >> shift_ >= most_) {
         halve();
-    }
-    if (reaches(number)) {
-        return false;
     }
     const Stretch still = {{bytes_, bytes_}, {blocks_, blocks_}};
     stretches_.resize(((number - first_) >> shift_) + 1, still);

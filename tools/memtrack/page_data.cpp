@@ -154,17 +154,8 @@ public:
     }
 
     const std::vector<PagePhase>& phases() const { return phases_; }
-    std::size_t node(const std::string& path) {
-        const std::size_t known = nodes_.size();
-        std::size_t place = tree_.place(path);
-        while (place >= known) { // not in the figures: as of an event without a block
-            place = tree_.nodes()[place].parent;
-            if (place == PhaseNode::none) {
-                return others(PhaseNode::none);
-            }
-        }
-        return nodes_[place];
-    }
+    /// Of a path that is in the figures, as all of the run are, or above one.
+    std::size_t node(const std::string& path) { return nodes_.at(tree_.place(path)); }
 
 private:
     // Those under which most was allocated, so that parents are chosen before their children.

@@ -10,7 +10,7 @@
 namespace memtrack {
 
 Progress::Progress(std::uint64_t total, bool quiet)
-    : total_(total), wanted_(!quiet && platform::error_is_terminal()),
+    : total_(std::max<std::uint64_t>(total, 1)), wanted_(!quiet && platform::error_is_terminal()),
       next_(start_ + std::chrono::milliseconds(300)) {}
 
 Progress::~Progress() {
@@ -35,12 +35,12 @@ void Progress::add(std::uint64_t bytes) {
 
 void Progress::show(Clock::time_point now, std::uint64_t bytes) {
     drawn_ = true;
-    const double part =
-        total_ == 0 ? 1.0 : std::min(1.0, static_cast<double>(bytes) / static_cast<double>(total_));
+    const double part = // more than nothing, so that a time can be told
+        std::clamp(static_cast<double>(bytes) / static_cast<double>(total_), 0.001, 1.0);
     const double seconds = std::chrono::duration<double>(now - start_).count();
     char tail[64];
     std::snprintf(tail, sizeof tail, " %3.0f %%, %.0f s left", 100 * part,
-                  part > 0 ? seconds / part - seconds : 0.0);
+                  seconds / part - seconds);
     const int room = platform::error_columns() - 1 - 40;
     const auto width = static_cast<std::size_t>(std::clamp(room, 10, 50));
     const auto full = static_cast<std::size_t>(part * static_cast<double>(width));

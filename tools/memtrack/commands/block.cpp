@@ -12,20 +12,17 @@ struct BlockOptions : CommonOptions {
     std::string address;
 };
 
-bool contains(const Block& block, std::uint64_t address) {
-    return address >= block.address &&
-           address - block.address < std::max<std::uint64_t>(block.size, 1);
+bool contains(const Block* block, std::uint64_t address) {
+    return block != nullptr && address >= block->address &&
+           address - block->address < std::max<std::uint64_t>(block->size, 1);
 }
 
-bool concerns(const EventLine& line, std::uint64_t address) {
+// An event has to do with the block that it named or made, that went by it, or whose resize it refused.
+bool concerns(const EventLine& line, const History& history, std::uint64_t address) {
     const Transaction& record = line.event.record;
-    if (record.pointer == address || record.old_pointer == address ||
-        (line.gone != nullptr && contains(*line.gone, address))) {
-        return true;
-    }
-    const bool makes = is_allocation(record.type) || record.type == Type::realloc_;
-    return makes && record.pointer != 0 && record.size != no_size &&
-           contains({record.pointer, record.size, 0, 0, 0}, address);
+    return record.pointer == address || record.old_pointer == address ||
+           contains(line.gone, address) || contains(history.held().find(record.pointer), address) ||
+           (line.refused && contains(history.held().find(record.old_pointer), address));
 }
 
 int block(const BlockOptions& options) {
@@ -48,10 +45,10 @@ int block(const BlockOptions& options) {
         EventReader reader(options.bases[0], problems, &progress);
         LineWriter writer(output, options.json ? &json : nullptr, history, table);
         for_each_line(reader, history, [&](const EventLine& line) {
-            if (concerns(line, address)) {
+            if (concerns(line, history, address)) {
                 ++found;
                 if (const Block* const at = history.held().find(line.event.record.pointer);
-                    at != nullptr && contains(*at, address)) {
+                    contains(at, address)) {
                     last = *at;
                 }
                 if (options.rows == 0 || written < options.rows) {

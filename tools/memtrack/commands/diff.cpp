@@ -5,7 +5,6 @@
 
 #include <algorithm>
 #include <cinttypes>
-#include <iterator>
 #include <map>
 
 namespace memtrack {
@@ -155,8 +154,8 @@ int diff(DiffOptions options) {
     }
     const std::vector<Gate> gates(options.gates.begin(), options.gates.end());
     const std::size_t first_side = options.to.empty() ? 1 : options.bases.size();
-    std::transform(options.to.begin(), options.to.end(), std::back_inserter(options.bases),
-                   base_name);
+    const std::vector<std::string> to = bases_of(options.to);
+    options.bases.insert(options.bases.end(), to.begin(), to.end());
     Output output(options.output, options.force);
     Problems problems;
     const std::vector<Figures> runs = take_each(

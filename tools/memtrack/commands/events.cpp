@@ -105,7 +105,7 @@ int events(const EventsOptions& options) {
         if (whole) {
             history.tell(reader, problems);
         }
-        if (written == 0 && !options.quiet) {
+        if (written == 0) {
             std::fputs("memtrack: no event passes the filters\n", stderr);
         }
     }

@@ -84,6 +84,7 @@ int run_export(const ExportOptions& options) {
     if (format == Format::pprof && options.output.empty() && platform::output_is_terminal()) {
         throw UsageError("a file of the format pprof is nothing for a terminal: -o FILE");
     }
+    platform::make_output_binary(); // others' formats are the same bytes on every system
     Output output(options.output, options.force);
     Problems problems;
     if (format == Format::heaptrack) {

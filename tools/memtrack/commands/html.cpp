@@ -54,6 +54,7 @@ int html(const CommonOptions& options) {
     if (options.output.empty() && platform::output_is_terminal()) {
         throw UsageError("a page is nothing for a terminal: -o FILE");
     }
+    platform::make_output_binary();
     Output output(options.output, options.force);
     Problems problems;
     const std::vector<PageRun> runs = take_runs(options, problems);

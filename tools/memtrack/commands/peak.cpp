@@ -13,7 +13,7 @@ namespace {
 // The history behind event `number`.
 void replay_as_far_as(History& history, EventReader& reader, std::uint64_t number) {
     Watcher nobody;
-    for (Batch batch; reader.next(batch) && batch.first <= number;) {
+    for (Batch batch; reader.next(batch);) {
         const std::uint64_t wanted = number - batch.first + 1;
         if (wanted < batch.events.size()) {
             batch.events = batch.events.first(static_cast<std::size_t>(wanted));

@@ -69,10 +69,14 @@ void write_of(Json& json, std::string_view name, const PhaseNode::Of& of) {
     json.end();
 }
 
-void write_node(Json& json, const PhaseTree& tree, std::size_t index) {
+// Ranks count their events each for itself, so of several there is no first one.
+void write_node(Json& json, const PhaseTree& tree, std::size_t index, bool merged) {
     const PhaseNode& node = tree.nodes()[index];
     json.object().member("name", node.name).member("entries", node.entries);
-    json.member("first_event", node.first_event).member("events", node.events);
+    if (!merged) {
+        json.member("first_event", node.first_event);
+    }
+    json.member("events", node.events);
     json.member("events_with_below", node.inclusive_events);
     json.member("held_at_entry_bytes", node.held_at_entry);
     json.member("peak_within_bytes", node.peak_within);
@@ -80,7 +84,7 @@ void write_node(Json& json, const PhaseTree& tree, std::size_t index) {
     write_of(json, "with_below", node.inclusive);
     json.key("children").array();
     for (const std::size_t child : node.children) {
-        write_node(json, tree, child);
+        write_node(json, tree, child, merged);
     }
     json.end().end();
 }
@@ -93,16 +97,23 @@ int show_events(const CommonOptions& options) {
     if (options.json) {
         json.object().key("events").array();
     }
+    std::size_t found = 0;
     for (const std::string& base : options.bases) {
-        if (!options.json && threads_with_phase_events(base).empty()) {
+        const std::vector<std::int32_t> threads = threads_with_phase_events(base);
+        if (!options.json && threads.empty()) {
             output.print(
                 "There are no files %s.phase_thr*: only clients with phase buffers of their own "
                 "write them.\n",
                 base.c_str());
+        } else if (!options.json && options.bases.size() > 1) {
+            output.print("%s:\n", base.c_str());
         }
-        for (const std::int32_t thread : threads_with_phase_events(base)) {
+        for (const std::int32_t thread : threads) {
             std::size_t depth = 0;
             read_phase_events(base, thread, problems, [&](const PhaseEvent& event) {
+                if (++found > options.rows && options.rows != 0) {
+                    return;
+                }
                 const char* const what = event.entering ? "enter" : "exit";
                 if (options.json) {
                     json.compact().object().member("base", base).member("thread", thread);
@@ -121,6 +132,9 @@ int show_events(const CommonOptions& options) {
     if (options.json) {
         write_problems(json.end(), problems);
         json.end();
+    } else {
+        write_rest(output, rows_shown(options, found), found);
+        write_incomplete(output, problems);
     }
     return end_report(output, options, problems);
 }
@@ -139,7 +153,7 @@ int phases(const CommonOptions& options) {
         write_problems(json, problems);
         json.key("phases").array();
         for (const std::size_t root : all.roots()) {
-            write_node(json, all, root);
+            write_node(json, all, root, ranks.size() > 1);
         }
         json.end().end();
     } else {

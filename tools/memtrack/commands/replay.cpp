@@ -3,7 +3,7 @@
 //
 // A recording has one order of its events, which its threads together made. It is repeated in this order on one
 // thread: this tells memory truly, and time without the cost or the gain of several threads at once.
-#include "command.h"
+#include "lists.h"
 #include "replay/runner.h"
 
 #include "platform/process.h"
@@ -135,7 +135,9 @@ void write_recording(Output& output, const Recording& recording) {
 }
 
 void write_text(Output& output, const ReplayOptions& options,
-                const std::vector<Recording>& recordings, const std::vector<Row>& rows) {
+                const std::vector<Recording>& recordings, const std::vector<Row>& rows,
+                const Problems& problems) {
+    write_incomplete(output, problems);
     std::uint64_t ops = 0;
     for (const Recording& recording : recordings) {
         write_recording(output, recording);
@@ -245,7 +247,7 @@ int run_replay(const ReplayOptions& options) {
     if (options.json) {
         write_json(output, options, recordings, rows, problems);
     } else {
-        write_text(output, options, recordings, rows);
+        write_text(output, options, recordings, rows, problems);
     }
     output.finish(options.quiet);
     const bool all_good =

@@ -46,13 +46,8 @@ private:
             join();
         }
         end_ = (number / length_ + 1) * length_;
-        if (!points_.empty() && points_.back().number / length_ == number / length_) {
-            if (held.bytes > points_.back().held.bytes) {
-                points_.back() = {number, held};
-            }
-        } else {
-            points_.push_back({number, held});
-        }
+        // Points are even in number, so that where stretches became longer this one does not begin in the last.
+        points_.push_back({number, held});
     }
 
     // Points that lie in one stretch now become the higher one.

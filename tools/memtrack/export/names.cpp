@@ -10,19 +10,21 @@ std::string line_text(std::string_view name, std::string_view reserved, char ins
     std::string text;
     while (!name.empty()) {
         const std::size_t length = utf8_length(name);
+        const std::size_t taken = std::max<std::size_t>(length, 1);
         const auto byte = static_cast<unsigned char>(name[0]);
+        if (text.size() + taken > most) {
+            return text + "...";
+        }
         if (length == 0) {
             text += '?';
         } else if (byte < 0x20 || byte == 0x7F) {
             text += ' ';
         } else if (reserved.find(name[0]) != std::string_view::npos) {
             text += instead;
-        } else if (text.size() + length > most) {
-            return text + "...";
         } else {
             text += name.substr(0, length);
         }
-        name.remove_prefix(std::max<std::size_t>(length, 1));
+        name.remove_prefix(taken);
     }
     return text;
 }

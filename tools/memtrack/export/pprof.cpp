@@ -67,7 +67,7 @@ std::string little_endian(std::uint64_t value, int bytes) {
 void write_gzip(Output& output, std::string_view data) {
     constexpr std::size_t most = 65535; // in a block that is stored
     output.write(std::string_view("\x1F\x8B\x08\0\0\0\0\0\0\xFF", 10));
-    for (std::size_t at = 0; at == 0 || at < data.size(); at += most) {
+    for (std::size_t at = 0; at < data.size(); at += most) {
         const std::string_view block = data.substr(at, most);
         const bool last = at + block.size() == data.size();
         output.write(little_endian(last ? 1 : 0, 1) + little_endian(block.size(), 2) +

@@ -20,7 +20,7 @@ function humanBytes(bytes) {
     }
     value /= 1024;
     let unit = 0;
-    while (value >= 1023.995 && unit + 1 < units.length) {
+    while (value >= 1023.95 && unit + 1 < units.length) {
         value /= 1024;
         ++unit;
     }

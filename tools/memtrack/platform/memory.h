@@ -5,7 +5,7 @@
 
 namespace memtrack::platform {
 
-/// Zeros, in large pages if the system gives such. Throws std::bad_alloc.
+/// Zeros, in large pages if the system gives such; a power of two. Throws std::bad_alloc.
 void* allocate_large(std::size_t bytes);
 void free_large(void* memory); ///< null is fine
 

@@ -10,7 +10,7 @@ namespace memtrack::platform {
 
 void* allocate_large(std::size_t bytes) {
     constexpr std::size_t large_page = std::size_t{2} << 20;
-    if (bytes < 2 * large_page || bytes % large_page != 0) {
+    if (bytes < 2 * large_page) {
         if (void* const memory = std::calloc(bytes, 1); memory != nullptr) {
             return memory;
         }

@@ -19,4 +19,6 @@ int error_columns() {
     return ioctl(STDERR_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col != 0 ? size.ws_col : 80;
 }
 
+void make_output_binary() {}
+
 } // namespace memtrack::platform

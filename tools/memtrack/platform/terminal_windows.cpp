@@ -1,6 +1,7 @@
 // See terminal.h.
 #include "terminal.h"
 
+#include <fcntl.h>
 #include <io.h>
 #include <stdio.h>
 #include <windows.h>
@@ -19,6 +20,10 @@ int error_columns() {
     CONSOLE_SCREEN_BUFFER_INFO info{};
     const HANDLE handle = GetStdHandle(STD_ERROR_HANDLE);
     return GetConsoleScreenBufferInfo(handle, &info) != 0 ? info.dwSize.X : 80;
+}
+
+void make_output_binary() {
+    _setmode(_fileno(stdout), _O_BINARY);
 }
 
 } // namespace memtrack::platform

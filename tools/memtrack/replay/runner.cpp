@@ -169,8 +169,7 @@ struct Runner::Told {
     std::string failure;
 
     std::uint64_t operator[](const std::string& name) const {
-        const auto found = lines.find(name);
-        return found != lines.end() ? std::strtoull(found->second.c_str(), nullptr, 10) : 0;
+        return std::strtoull(text(name).c_str(), nullptr, 10);
     }
     std::string text(const std::string& name) const {
         const auto found = lines.find(name);

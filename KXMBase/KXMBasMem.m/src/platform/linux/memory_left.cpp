@@ -48,8 +48,7 @@ std::uint64_t left_in_group(const char* folder, const Version& version) {
     std::uint64_t caches = 0;
     if (read_file(path, text)) {
         for (const char* const name : version.caches) {
-            const char* const found = std::strstr(text, name);
-            caches += found != nullptr ? std::strtoull(found + std::strlen(name), nullptr, 10) : 0;
+            caches += number_behind(text, name);
         }
     }
     const std::uint64_t held = usage - std::min(usage, caches);
@@ -82,10 +81,8 @@ std::uint64_t memory_left(const char* list, const char* root) {
     std::uint64_t left = unknown;
     char text[4096];
     if (read_file("/proc/meminfo", text)) {
-        const char* const name = "\nMemAvailable:";
-        const char* const found = std::strstr(text, name);
-        left =
-            found != nullptr ? std::strtoull(found + std::strlen(name), nullptr, 10) * 1024 : left;
+        const std::uint64_t kilobytes = number_behind(text, "\nMemAvailable:", unknown);
+        left = kilobytes != unknown ? kilobytes * 1024 : unknown;
     }
     if (!read_file(list, text)) {
         return left;

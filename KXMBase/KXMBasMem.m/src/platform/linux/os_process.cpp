@@ -6,7 +6,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
 #include <linux/magic.h>
@@ -23,8 +22,7 @@ constexpr std::uint64_t user_space_bytes = 0x7fff'ffff'f000;
 
 // Bytes of a line "\nName:   123 kB"; 0 when there is none.
 std::uint64_t kilobytes_of(const char* text, const char* name) {
-    const char* const found = std::strstr(text, name);
-    return found == nullptr ? 0 : std::strtoull(found + std::strlen(name), nullptr, 10) * 1024;
+    return number_behind(text, name) * 1024;
 }
 
 std::uint64_t address_space_limit() {

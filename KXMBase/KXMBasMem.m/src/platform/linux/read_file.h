@@ -3,6 +3,9 @@
 
 #include <cerrno>
 #include <cstddef>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -27,6 +30,13 @@ template <std::size_t Capacity> bool read_file(const char* name, char (&text)[Ca
     close(file);
     text[filled] = '\0';
     return filled != 0 && got >= 0;
+}
+
+// The number that stands behind `name` in such a file's text; `otherwise` where the name is not there.
+inline std::uint64_t number_behind(const char* text, const char* name,
+                                   std::uint64_t otherwise = 0) {
+    const char* const found = std::strstr(text, name);
+    return found != nullptr ? std::strtoull(found + std::strlen(name), nullptr, 10) : otherwise;
 }
 
 } // namespace os
