@@ -23,6 +23,7 @@ case $#$what in
     exit 0
     ;;
 *)
+    echo "bench.sh: unknown argument '$*'" >&2
     print_head >&2
     exit 2
     ;;

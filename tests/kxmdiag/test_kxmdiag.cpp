@@ -88,6 +88,9 @@ TEST(Settings, AreJudged) {
                     has(text, "\"remark\": \"\"") == (*each.remark == '\0'))
             << text;
     }
+    const ChildResult cut =
+        run({"settings", "--json"}, {{"KXA_MEM_DBTRANS", "1,x"}, {"KXA_MEM_TRACK", "1"}});
+    EXPECT_TRUE(has(entry(cut.out, "KXA_MEM_DBTRANS"), "before the first comma")) << cut.out;
     if (std::filesystem::path::preferred_separator == '/') { // Windows translates what it is given
         const ChildResult odd =
             run({"settings", "--json"}, {{"MC_RESULT", "\xc3\xa9\xe9\xc0\xaf\t\""}});

@@ -179,7 +179,8 @@ class Launcher(unittest.TestCase):
             result = self.ran([KXMRUN, "--", command], status=2)
             self.assertIn(words, result.stderr)
         for wrong in ([], ["--limit", "5X", "--", "true"], ["--backend", "c", "--limit", "1G", "--", "true"], ["true"],
-                      ["--track-name", "a%q", "--", "true"], ["--no-such", "--", "true"],
+                      ["--track-name", "a%q", "--", "true"], ["--track-name", "", "--", "true"],
+                      ["--no-such", "--", "true"],
                       *([option, "--", "true"] for option in (
                           "--track-name=a/b", "--track-name=%", "--limit=", "--limit=M", "--limit=64Mi", "--limit=1023K",
                           "--limit=8388608T", "--limit=99999999999999999999", "--granularity=32K", "--granularity=65537"))):
@@ -217,6 +218,8 @@ class Launcher(unittest.TestCase):
         self.ran([KXMRUN, f"--summary={file}", "-q", "--", "/bin/ls"])
         with open(file) as summary:
             self.assertRegex(summary.read(), r"(?s)back end +heap.*exit status +0.* ls +[1-9]\d+")
+        nowhere = self.ran([KXMRUN, "--summary=no/such/folder", "--", "/bin/ls"]).stderr
+        self.assertRegex(nowhere, r"(?s)^kxmrun: the summary cannot be written to no/such/folder: No such .*summary: ")
 
 
 if __name__ == "__main__":

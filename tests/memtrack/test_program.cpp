@@ -229,6 +229,8 @@ TEST_F(Program, FiltersEvents) {
     EXPECT_EQ(events({"--size", "..24"}), "0");
     EXPECT_EQ(events({"--size", "1000..5KiB"}), "234");
     EXPECT_EQ(events({"-n", "2", "--type", "malloc"}), "03");
+    EXPECT_EQ(call({"events", base_, "--phase", "nowhere"}).err,
+              "memtrack: no event passes the filters\n");
     const JsonValue block = json({"block", "0x2001", base_});
     EXPECT_EQ(block["events"].items.size(), 2U);
     EXPECT_FALSE(block["held"].flag);
@@ -383,8 +385,10 @@ TEST_F(Program, KnowsItsUsage) {
              {},
              {"report"},
              {"nothing", base_},
+             {"--nothing"},
              {"report", base_, "--nothing"},
              {"report", base_, "-n", "-1"},
+             {"report", base_, "-n", ""},
              {"diff", base_},
              {"diff", base_, base_, base_},
              {"block", "here", base_},

@@ -122,7 +122,9 @@ TEST(AllocatorObjects, OfTheHeapPassTheTableBy) {
     block = object.Realloc(tag, block, 5000);
     ASSERT_NE(block, nullptr);
     object.Free(tag, block);
-    EXPECT_EQ(object.Realloc(tag, object.Malloc(tag, 100), 0), nullptr) << "released once";
+    block = object.Realloc(tag, nullptr, 0);
+    ASSERT_NE(block, nullptr);
+    EXPECT_EQ(object.Realloc(tag, block, 0), nullptr) << "released once";
     void* const page = heap.Memalign(tag, 4096, 4096);
     EXPECT_EQ(reinterpret_cast<std::uintptr_t>(page) % 4096, 0U);
     EXPECT_EQ(object.Malloc(tag, too_much), nullptr);

@@ -117,6 +117,9 @@ Verdict transactions(const std::string& value) {
         }
         before = next;
     }
+    if (is_set("KXA_MEM_TRACK")) {
+        return {true, "at most what stood before the first comma: the tracker cuts the list up"};
+    }
     return ids.size() <= 50 ? Verdict{} : wrong("more than 50 ids");
 }
 

@@ -79,8 +79,11 @@ int main(int argc, char** argv) {
         return refuse(outcome.error);
     }
     if (!say(options, figures, outcome)) {
-        std::fprintf(stderr, "kxmrun: %s: %s\n", options.summary_file.c_str(),
-                     std::strerror(errno));
+        std::fprintf(stderr, "kxmrun: the summary cannot be written to %s: %s\n",
+                     options.summary_file.c_str(), std::strerror(errno));
+        options.summary_file.clear();
+        options.quiet = true; // the rest is told already
+        say(options, figures, outcome);
     }
     return outcome.status;
 }

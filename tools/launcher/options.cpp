@@ -68,6 +68,10 @@ std::string contradiction(const Options& options) {
     return {};
 }
 
+std::string emptiness(const std::string& text) {
+    return text.empty() ? "a name is missing" : std::string();
+}
+
 // CLI11 would leave out the dashes.
 class Words : public CLI::Formatter {
     std::string make_usage(const CLI::App*, std::string) const override {
@@ -90,9 +94,11 @@ std::optional<int> read_options(int argc, char** argv, Options& options) {
                  "Serve small requests from the tiny block pool; heap only");
     app.add_flag("--track", options.track, "Record every allocation, for memtrack");
     app.add_option("--track-dir", options.track_dir, "Folder of the recordings, made if missing")
+        ->check(emptiness)
         ->type_name("DIR");
     app.add_option("--track-name", options.track_name,
                    "Their name; %p is the process, %r its rank, %% a percent sign")
+        ->check(emptiness)
         ->type_name("NAME");
     app.add_option_function<std::string>(
            "--huge-pages",

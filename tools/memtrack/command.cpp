@@ -84,7 +84,12 @@ Option Command::option(const char* names, std::vector<std::int32_t>& to, const s
 
 Option Command::option(const char* names, std::size_t& to, const std::string& help) {
     // Or -1 would be the highest there is.
-    return Option(app_->add_option(names, to, help)->check(CLI::NonNegativeNumber));
+    const auto digits = [](const std::string& text) {
+        return !text.empty() && text.find_first_not_of("0123456789") == std::string::npos
+                   ? std::string()
+                   : "'" + text + "' is no whole number from 0 on";
+    };
+    return Option(app_->add_option(names, to, help)->check(digits));
 }
 
 Option Command::option(const char* names, unsigned& to, const std::string& help) {

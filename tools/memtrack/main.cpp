@@ -27,6 +27,9 @@ int read_and_run(int argc, char** argv) {
         app.parse(argc, argv);
         return run();
     } catch (const CLI::ParseError& error) {
+        if (app.get_subcommands().empty() && argc > 1 && argv[1][0] != '-') {
+            std::fprintf(stderr, "memtrack: there is no command '%s'\n", argv[1]);
+        }
         const int status = app.exit(error); // prints help, version or what is wrong
         if (!std::cout.flush()) {
             std::fputs("memtrack: standard output cannot be written to its end\n", stderr);

@@ -3,6 +3,7 @@
 #include "ranges.h"
 
 #include <algorithm>
+#include <cstdio>
 
 namespace memtrack {
 
@@ -103,6 +104,9 @@ int events(const EventsOptions& options) {
         });
         if (whole) {
             history.tell(reader, problems);
+        }
+        if (written == 0) {
+            std::fputs("memtrack: no event passes the filters\n", stderr);
         }
     }
     if (options.json) {
