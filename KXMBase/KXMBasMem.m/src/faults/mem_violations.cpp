@@ -93,9 +93,14 @@ KXM_NO_SANITIZE void mem_stack_umr1() {
 
 // Releases ---------------------------------------------------------------------------------------
 
+// A heap takes what lies in front of it for its own record of a block: were that left to what the stack held before,
+// now and then it would pass for one.
 KXM_NO_SANITIZE void mem_stack_free() {
-    std::int32_t local = 0;
-    release(&local);
+    struct {
+        std::int64_t in_front[4];
+        std::int32_t variable;
+    } local = {};
+    release(&local.variable);
 }
 
 KXM_NO_SANITIZE void mem_bss_free() {
