@@ -99,7 +99,11 @@ KXM_NO_SANITIZE void mem_stack_free() {
     struct {
         std::int64_t in_front[4];
         std::int32_t variable;
-    } local = {};
+    } local;
+    for (volatile std::int64_t& record : local.in_front) {
+        record = 0;
+    }
+    local.variable = 0;
     release(&local.variable);
 }
 
